@@ -45,8 +45,8 @@ typedef void *ox_qp_h_t;
 typedef u32 ox_pd_h_t;      /* protection domain, the vendor's value */
 typedef u64 ox_add_h_t;     /* address handle, the vendor's value */
 typedef u64 ox_mem_win_h_t; /* memory window */
-typedef u32 ox_mem_reg_h_t; /* memory region, the vendor's value */
-typedef u32 ox_fmr_h_t;     /* fast memory region, the vendor's value */
+typedef u64 ox_mem_reg_h_t; /* memory region, the vendor's value */
+typedef u64 ox_fmr_h_t;     /* fast memory region, the vendor's value */
 typedef u32 ox_rdd_h_t;     /* reliable datagram domain */
 typedef u32 ox_eec_h_t;     /* end-to-end context */
 
