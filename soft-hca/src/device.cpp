@@ -1,0 +1,428 @@
+// Devices of the software HCA: identity and capabilities, handle pools, key table, the registry
+// that boot() fills, and the Call that starts every verb.
+#include "device.hpp"
+
+// The emulated kernel's direct map (phys <-> __va). Its include folder would hide the C library's
+// own linux/ and asm/ headers, so the one header needed is named by path.
+#include "../../host/kernel/include/asm/page.h"
+
+#include <cstring>
+
+#include "fabric.hpp"
+#include "marlix/softhca.hpp"
+
+namespace marlix::softhca {
+
+namespace {
+
+struct System {
+    std::mutex boot_mu;  // serialises boot, halt and the first verb's implicit boot
+    std::mutex mu;
+    bool booted = false;
+    Options options;
+    std::vector<std::unique_ptr<Device>> devices;
+    std::function<void(std::function<void()>)> dispatcher;
+};
+
+System &sys() {
+    static System s;
+    return s;
+}
+
+constexpr uint64_t kNodeGuidBase = 0x0002c90000001000ull;  // Mellanox OUI 00:02:c9
+
+void put_guid(IB_guid_t out, uint64_t guid) {
+    for (int i = 0; i < 8; ++i) out[i] = uint8_t(guid >> (56 - 8 * i));
+}
+
+}  // namespace
+
+// ---- HandlePool -----------------------------------------------------------------------------------
+
+uint64_t HandlePool::allocate() {
+    if (injected_) {
+        uint64_t v = *injected_;
+        injected_.reset();
+        if (!used_.count(v)) {
+            used_.insert(v);
+            return v;
+        }
+    }
+    uint64_t v = first_;
+    for (auto it = used_.lower_bound(first_); it != used_.end() && *it == v; ++it) ++v;
+    used_.insert(v);
+    return v;
+}
+
+// ---- Port ------------------------------------------------------------------------------------------
+
+void Port::gid(unsigned index, IB_gid_t out) const {
+    std::memset(out, 0, sizeof(IB_gid_t));
+    if (index != 0) return;
+    for (int i = 0; i < 8; ++i) out[i] = uint8_t(gid_prefix >> (56 - 8 * i));
+    for (int i = 0; i < 8; ++i) out[8 + i] = uint8_t(guid >> (56 - 8 * i));
+}
+
+static void add_saturating(uint32_t &counter, uint64_t n) {
+    counter = (uint64_t(counter) + n > 0xFFFFFFFFull) ? 0xFFFFFFFFu : uint32_t(counter + n);
+}
+
+void Port::count_xmit(uint64_t bytes) {
+    add_saturating(xmit_data, (bytes + 3) / 4);
+    add_saturating(xmit_pkts, 1);
+}
+
+void Port::count_rcv(uint64_t bytes) {
+    add_saturating(rcv_data, (bytes + 3) / 4);
+    add_saturating(rcv_pkts, 1);
+}
+
+// ---- Device ----------------------------------------------------------------------------------------
+
+Device::Device(int idx, int nports)
+    : index(idx), name("InfiniHost" + std::to_string(idx)), hndl(VAPI_hca_hndl_t(idx)) {
+    node_guid = kNodeGuidBase + uint64_t(idx) * 0x1000;
+
+    vendor.vendor_id = 0x02c9;
+    vendor.vendor_part_id = 23108;
+    vendor.hw_ver = 0xa1;
+    vendor.fw_ver = (uint64_t(3) << 32) | (uint64_t(5) << 16);
+
+    cap.max_num_qp = 64512;
+    cap.max_qp_ous_wr = 16384;
+    cap.flags = VAPI_BAD_PKEY_COUNT_CAP | VAPI_BAD_QKEY_COUNT_CAP | VAPI_AUTO_PATH_MIG_CAP |
+                VAPI_CHANGE_PHY_PORT_CAP | VAPI_UD_AV_PORT_ENFORCE_CAP | VAPI_CURR_QP_STATE_MOD_CAP |
+                VAPI_SHUTDOWN_PORT_CAP | VAPI_PORT_ACTIVE_EV_CAP | VAPI_SYS_IMG_GUID_CAP |
+                VAPI_RC_RNR_NAK_GEN_CAP;
+    cap.max_num_sg_ent = 59;
+    cap.max_num_sg_ent_rd = 54;
+    cap.max_num_cq = 65408;
+    cap.max_num_ent_cq = 131071;
+    cap.max_num_mr = 131056;
+    cap.max_mr_size = ~0ull;
+    cap.max_pd_num = 32764;
+    cap.page_size_cap = 4096;
+    cap.phys_port_num = IB_port_t(nports);
+    cap.max_pkeys = 64;
+    put_guid(cap.node_guid, node_guid);
+    put_guid(cap.sys_image_guid, node_guid);
+    cap.local_ca_ack_delay = 15;
+    cap.max_qp_ous_rd_atom = 4;
+    cap.max_ee_ous_rd_atom = 0;
+    cap.max_res_rd_atom = 255;
+    cap.max_qp_init_rd_atom = 4;
+    cap.max_ee_init_rd_atom = 0;
+    cap.atomic_cap = VAPI_ATOMIC_CAP_HCA;
+    cap.max_ee_num = 0;  // reliable datagram is not supported
+    cap.max_rdd_num = 0;
+    cap.max_mw_num = 0;
+    cap.max_raw_ipv6_qp = 1;
+    cap.max_raw_ethy_qp = 1;
+    cap.max_mcast_grp_num = 8192;
+    cap.max_mcast_qp_attach_num = 56;
+    cap.max_total_mcast_qp_attach_num = 8192 * 56;
+    cap.max_ah_num = 65536;
+    cap.max_num_fmr = 32768;
+    cap.max_num_map_per_fmr = 32767;
+    cap.max_num_srq = 0;
+    cap.max_wqe_per_srq = 0;
+    cap.max_srq_sentries = 0;
+    cap.srq_resize_supported = FALSE;
+
+    ports.resize(size_t(nports));
+    for (int i = 0; i < nports; ++i) {
+        Port &p = ports[size_t(i)];
+        p.num = IB_port_t(i + 1);
+        p.guid = node_guid + uint64_t(i + 1);
+        p.capability_mask = kDefaultPortCapMask;
+        p.pkeys.assign(64, 0);
+        p.pkeys[0] = VAPI_DEFAULT_PKEY;
+    }
+}
+
+Device::~Device() {
+    release_all();
+}
+
+Pd *Device::find_pd(VAPI_pd_hndl_t pd) {
+    auto it = pds.find(pd);
+    return it == pds.end() ? nullptr : it->second.get();
+}
+
+uint32_t Device::allocate_key_index() {
+    if (!free_key_indexes_.empty()) {
+        uint32_t i = *free_key_indexes_.begin();
+        free_key_indexes_.erase(free_key_indexes_.begin());
+        return i;
+    }
+    return next_key_index_++;
+}
+
+void Device::release_key_index(uint32_t i) {
+    free_key_indexes_.insert(i);
+}
+
+void Device::set_keys(Region &region, uint32_t index, uint8_t gen) {
+    // The table index in the high bits, a generation in the low byte: a stale key of a reused
+    // entry (or of an earlier FMR map) does not resolve.
+    region.lkey = (index << 8) | gen;
+    region.rkey = region.lkey;
+}
+
+void Device::add_keys(const Region &region) {
+    lkeys_[region.lkey] = &region;
+    rkeys_[region.rkey] = &region;
+}
+
+void Device::remove_keys(const Region &region) {
+    auto l = lkeys_.find(region.lkey);
+    if (l != lkeys_.end() && l->second == &region) lkeys_.erase(l);
+    auto r = rkeys_.find(region.rkey);
+    if (r != rkeys_.end() && r->second == &region) rkeys_.erase(r);
+}
+
+const Region *Device::find_lkey(VAPI_lkey_t lkey) const {
+    auto it = lkeys_.find(lkey);
+    return it == lkeys_.end() ? nullptr : it->second;
+}
+
+const Region *Device::find_rkey(VAPI_rkey_t rkey) const {
+    auto it = rkeys_.find(rkey);
+    return it == rkeys_.end() ? nullptr : it->second;
+}
+
+VAPI_ret_t Device::translate(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr,
+                             uint64_t len, VAPI_mrw_acl_t need, std::vector<HostSpan> &out) const {
+    const Region *r = remote ? find_rkey(key) : find_lkey(key);
+    if (!r) return remote ? VAPI_EINVAL_R_KEY : VAPI_EINVAL_L_KEY;
+    if (pd != 0 && r->pd != pd) return VAPI_EINVAL_PD_HNDL;
+    if ((r->acl & need) != need) return VAPI_EPERM;
+    if (addr < r->start || len > r->size || addr - r->start > r->size - len) return VAPI_EINVAL_LEN;
+    out.clear();
+    if (len == 0) return VAPI_OK;
+    if (!r->physical) {
+        out.push_back({reinterpret_cast<uint8_t *>(uintptr_t(addr)), size_t(len)});
+        return VAPI_OK;
+    }
+    // Walk the buffers: the region's IOVA start lies `offset` bytes into the first buffer.
+    uint64_t skip = (addr - r->start) + r->offset;
+    for (const VAPI_phy_buf_t &b : r->bufs) {
+        if (len == 0) break;
+        if (skip >= b.size) {
+            skip -= b.size;
+            continue;
+        }
+        uint64_t n = std::min<uint64_t>(b.size - skip, len);
+        out.push_back({static_cast<uint8_t *>(__va(b.start + skip)), size_t(n)});
+        len -= n;
+        skip = 0;
+    }
+    return len == 0 ? VAPI_OK : VAPI_EINVAL_LEN;
+}
+
+void Device::release_all() {
+    qps.clear();
+    ahs.clear();
+    mcast.reset();
+    cqs.clear();
+    fmrs.clear();
+    mrs.clear();
+    pds.clear();
+    lkeys_.clear();
+    rkeys_.clear();
+    free_key_indexes_.clear();
+    next_key_index_ = 1;
+    for (HandlePool *p : {&cq_handles, &qp_handles, &ah_handles, &pd_handles, &mr_handles, &fmr_handles})
+        p->clear();
+    async_handler = nullptr;
+    async_private = nullptr;
+}
+
+void Device::raise_async_event(const VAPI_event_record_t &record) {
+    VAPI_async_event_handler_t handler;
+    void *priv;
+    {
+        std::lock_guard lk(mu);
+        if (!open || !async_handler) return;
+        handler = async_handler;
+        priv = async_private;
+    }
+    VAPI_hca_hndl_t h = hndl;
+    dispatch_event([handler, priv, h, record]() {
+        VAPI_event_record_t copy = record;  // the handler may scribble on its record
+        handler(h, &copy, priv);
+    });
+}
+
+// ---- Registry ------------------------------------------------------------------------------------------
+
+static void boot_locked(const Options &options) {
+    System &s = sys();
+    {
+        std::lock_guard lk(s.mu);
+        s.devices.clear();
+        s.options = options;
+        for (int i = 0; i < options.device_count; ++i)
+            s.devices.push_back(std::make_unique<Device>(i, options.ports));
+        s.booted = true;
+    }
+    fabric_boot(options);
+}
+
+void boot(const Options &options) {
+    std::lock_guard b(sys().boot_mu);
+    boot_locked(options);
+}
+
+void halt() {
+    System &s = sys();
+    std::lock_guard b(s.boot_mu);
+    fabric_halt();
+    std::lock_guard lk(s.mu);
+    s.devices.clear();
+    s.booted = false;
+}
+
+bool booted() {
+    std::lock_guard lk(sys().mu);
+    return sys().booted;
+}
+
+// A verb used before anyone booted the system finds the default system rather than nothing.
+void ensure_booted() {
+    if (booted()) return;
+    std::lock_guard b(sys().boot_mu);
+    if (!booted()) boot_locked(Options{});
+}
+
+std::vector<Device *> devices() {
+    ensure_booted();
+    std::lock_guard lk(sys().mu);
+    std::vector<Device *> out;
+    for (auto &d : sys().devices) out.push_back(d.get());
+    return out;
+}
+
+std::vector<std::string> device_names() {
+    std::vector<std::string> out;
+    for (Device *d : devices()) out.push_back(d->name);
+    return out;
+}
+
+Device *device_by_handle(VAPI_hca_hndl_t hca) {
+    for (Device *d : devices())
+        if (d->hndl == hca) return d;
+    return nullptr;
+}
+
+Device *device_by_name(const std::string &name) {
+    for (Device *d : devices())
+        if (d->name == name) return d;
+    return nullptr;
+}
+
+void set_event_dispatcher(std::function<void(std::function<void()>)> dispatcher) {
+    std::lock_guard lk(sys().mu);
+    sys().dispatcher = std::move(dispatcher);
+}
+
+void dispatch_event(std::function<void()> fn) {
+    std::function<void(std::function<void()>)> d;
+    {
+        std::lock_guard lk(sys().mu);
+        d = sys().dispatcher;
+    }
+    if (d)
+        d(std::move(fn));
+    else
+        fn();
+}
+
+// ---- Call ----------------------------------------------------------------------------------------------
+
+Call::Call(const char *call, VAPI_hca_hndl_t hca) {
+    dev_ = device_by_handle(hca);
+    status_ = faults().check(call, dev_ ? dev_->name : std::string("?"));
+    if (status_ != VAPI_OK) return;
+    if (!dev_) {
+        status_ = VAPI_EINVAL_HCA_HNDL;
+        return;
+    }
+    lock_ = std::unique_lock<std::mutex>(dev_->mu);
+    if (!dev_->open) {
+        lock_.unlock();
+        status_ = VAPI_EINVAL_HCA_HNDL;
+    }
+}
+
+Call::Call(const char *call, const std::string &device_name, ByName) {
+    dev_ = device_by_name(device_name);
+    status_ = faults().check(call, device_name);
+}
+
+// ---- Inspection -------------------------------------------------------------------------------------
+
+namespace {
+template <class F>
+auto with_device(const std::string &name, F f) -> decltype(f(std::declval<Device &>())) {
+    Device *d = device_by_name(name);
+    if (!d) return {};
+    std::lock_guard lk(d->mu);
+    return f(*d);
+}
+}  // namespace
+
+bool is_open(const std::string &device) {
+    return with_device(device, [](Device &d) { return d.open; });
+}
+size_t pd_count(const std::string &device) {
+    return with_device(device, [](Device &d) { return d.pds.size(); });
+}
+size_t mr_count(const std::string &device) {
+    return with_device(device, [](Device &d) { return d.mrs.size(); });
+}
+size_t fmr_count(const std::string &device) {
+    return with_device(device, [](Device &d) { return d.fmrs.size(); });
+}
+size_t cq_count(const std::string &device) {
+    return with_device(device, [](Device &d) { return d.cqs.size(); });
+}
+size_t qp_count(const std::string &device) {
+    return with_device(device, [](Device &d) { return d.qps.size(); });
+}
+size_t ah_count(const std::string &device) {
+    return with_device(device, [](Device &d) { return d.ahs.size(); });
+}
+size_t resource_count(const std::string &device) {
+    return with_device(device, [](Device &d) {
+        return d.pds.size() + d.mrs.size() + d.fmrs.size() + d.cqs.size() + d.qps.size() + d.ahs.size();
+    });
+}
+bool has_async_handler(const std::string &device) {
+    return with_device(device, [](Device &d) { return d.async_handler != nullptr; });
+}
+
+bool set_next_cq_handle(const std::string &device, uint64_t value) {
+    Device *d = device_by_name(device);
+    if (!d) return false;
+    std::lock_guard lk(d->mu);
+    d->cq_handles.inject_next(value);
+    return true;
+}
+
+bool set_next_qp_handle(const std::string &device, uint64_t value) {
+    Device *d = device_by_name(device);
+    if (!d) return false;
+    std::lock_guard lk(d->mu);
+    d->qp_handles.inject_next(value);
+    return true;
+}
+
+bool raise_async_event(const std::string &device, const VAPI_event_record_t &record) {
+    Device *d = device_by_name(device);
+    if (!d) return false;
+    d->raise_async_event(record);
+    return true;
+}
+
+}  // namespace marlix::softhca
