@@ -130,6 +130,7 @@ class Console {
   private:
     std::ostream *out_;
     std::ostream *err_;
+    std::ostream *console_out_;  // kernel console lines bypass redirection
     Options options_;
     const Command *current_ = nullptr;
     bool exit_requested_ = false;
