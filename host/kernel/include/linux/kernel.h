@@ -28,6 +28,7 @@
 #define scnprintf marlix_k_scnprintf
 #define vscnprintf marlix_k_vscnprintf
 #define sscanf marlix_k_sscanf
+#define vsscanf marlix_k_vsscanf
 
 __BEGIN_KERNEL_DECLS
 
@@ -43,9 +44,13 @@ int marlix_k_scnprintf(char *buf, size_t size, const char *fmt, ...) __attribute
 int marlix_k_vscnprintf(char *buf, size_t size, const char *fmt, va_list args)
     __attribute__((format(printf, 3, 0)));
 
+int marlix_k_sscanf(const char *buf, const char *fmt, ...) __attribute__((format(scanf, 2, 3)));
+int marlix_k_vsscanf(const char *buf, const char *fmt, va_list args) __attribute__((format(scanf, 2, 0)));
+
 unsigned long simple_strtoul(const char *cp, char **endp, unsigned int base);
 long simple_strtol(const char *cp, char **endp, unsigned int base);
 unsigned long long simple_strtoull(const char *cp, char **endp, unsigned int base);
+long long simple_strtoll(const char *cp, char **endp, unsigned int base);
 
 /* Prints the emulated stack trace line ("Call Trace: ...") to the kernel log. */
 void dump_stack(void);

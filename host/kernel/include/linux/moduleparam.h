@@ -48,6 +48,9 @@ __END_KERNEL_DECLS
     static void __attribute__((constructor, used)) __marlix_param_reg_##name(void) {            \
         __marlix_register_param(THIS_MODULE, &__param_##name);                                   \
     }
+/* In C, <stdbool.h> makes `bool` a macro for _Bool, which module_param passes on expanded. */
+#define param_set__Bool param_set_bool
+#define param_get__Bool param_get_bool
 #define module_param(name, type, perm) module_param_named(name, name, type, perm)
 
 #define MODULE_PARM_DESC(var, desc)                                                          \

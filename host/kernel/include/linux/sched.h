@@ -18,8 +18,11 @@ struct task_struct *get_current(void);
 /* Process-context sleep helpers; calling them while atomic is reported like kmalloc(GFP_KERNEL). */
 void might_sleep(void);
 void schedule(void);
+void __marlix_might_sleep(const char *file, int line);
 __END_KERNEL_DECLS
 
+/* Name the caller's file and line in the report, as the kernel's might_sleep() does. */
+#define might_sleep() __marlix_might_sleep(__FILE__, __LINE__)
 #define current get_current()
 
 #endif

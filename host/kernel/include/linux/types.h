@@ -26,7 +26,10 @@ typedef u64 __u64;
 typedef s32 __s32;
 typedef s64 __s64;
 
+/* The C library defines loff_t itself in its default (GNU) mode. */
+#ifndef __USE_MISC
 typedef long long loff_t;
+#endif
 typedef unsigned int gfp_t;
 
 #endif

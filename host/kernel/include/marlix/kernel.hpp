@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 struct module;
@@ -48,6 +49,8 @@ void raise_irq(std::function<void()> fn, bool wait = false);
 void irq_sync();
 // Runs fn on the softirq thread in softirq context (as a tasklet would) and waits.
 void run_in_softirq(const std::function<void()> &fn);
+// The processor the calling (process) thread reports from smp_processor_id(); 0 by default.
+void set_current_cpu(int cpu);
 
 // ---- Kernel log ----------------------------------------------------------------------------------
 
@@ -101,6 +104,9 @@ struct ModuleInfo {
     std::string path;      // file it was loaded from
     unsigned int refcount;
     std::vector<std::string> users;  // modules using this one
+    // modinfo tags in registration order: license, author, description, version, and one
+    // "parm" entry "name:description" per described parameter.
+    std::vector<std::pair<std::string, std::string>> info;
 };
 // insmod: `file` is a path to a .ko, or a bare name looked up as NAME.ko on the module path.
 // `args` are "param=value" words. Returns 0 or a negative errno (init's own result when it failed).
