@@ -8,8 +8,7 @@
 #include <optional>
 #include <vector>
 
-#include <vapi_types.h>
-#include <evapi_types.h>
+#include "device.hpp"
 
 namespace marlix::softhca {
 
@@ -24,7 +23,7 @@ struct CompletionEvent {
     }
 };
 
-class CompletionQueue {
+class CompletionQueue : public Object {
   public:
     // The size a CQ really gets for a request: the adapter's rings hold a power of two entries
     // and keep one free, so the usable size is the next power of two minus one that is at least

@@ -15,8 +15,9 @@ constexpr unsigned kStateCount = 7;
 // Transport service types, numbered as the verbs number them.
 enum class Transport : uint8_t { RC = 0, RD = 1, UC = 2, UD = 3 };
 
-// Special QPs are datagram QPs with their own Q_Key and port rules.
-enum class QpKind : uint8_t { Regular, Smi, Gsi };
+// Special QPs (QP0, QP1 and the raw QPs) are datagram QPs bound to a port at creation; they
+// follow the datagram rules except that their port need not be given again.
+enum class QpKind : uint8_t { Regular, Smi, Gsi, Raw };
 
 // Attribute mask bits of a modify request.
 namespace attr {
