@@ -1,0 +1,44 @@
+// A console session over a freshly booted host, with its output and errors captured.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "console.hpp"
+
+class ConsoleTest : public ::testing::Test {
+  protected:
+    void SetUp() override { start({}); }
+    void TearDown() override { stop(); }
+
+    void start(marlix::console::Options options) {
+        console_ = std::make_unique<marlix::console::Console>(out_, err_, options);
+        host_ = std::make_unique<marlix::console::Host>(*console_);
+    }
+    void stop() {
+        host_.reset();
+        console_.reset();
+    }
+    void restart(marlix::console::Options options) {
+        stop();
+        start(options);
+    }
+
+    // Runs text and returns its status; out() and err() then hold only this run's output.
+    int run(const std::string &text) {
+        out_.str("");
+        err_.str("");
+        return console_->run_text(text);
+    }
+    std::string out() const { return out_.str(); }
+    std::string err() const { return err_.str(); }
+    marlix::console::Console &console() { return *console_; }
+
+  private:
+    std::ostringstream out_, err_;
+    std::unique_ptr<marlix::console::Console> console_;
+    std::unique_ptr<marlix::console::Host> host_;
+};

@@ -1,0 +1,86 @@
+// The program's modes and options (each run boots and halts its own host).
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "console.hpp"
+
+namespace {
+
+struct Result {
+    int status;
+    std::string out, err;
+};
+
+Result run_program(std::vector<std::string> args) {
+    args.insert(args.begin(), "marlix");
+    std::vector<char *> argv;
+    for (auto &a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::ostringstream out, err;
+    int status = marlix::console::main(static_cast<int>(args.size()), argv.data(), out, err);
+    return {status, out.str(), err.str()};
+}
+
+TEST(Program, CommandsFromTheCommandLine) {
+    Result r = run_program({"-c", "echo a; logger level"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "a\n5\n");
+    EXPECT_EQ(r.err, "");
+}
+
+TEST(Program, FailureStopsUnlessKeepGoing) {
+    Result r = run_program({"-c", "nosuch; echo after"});
+    EXPECT_EQ(r.status, 127);
+    EXPECT_EQ(r.out, "");
+    r = run_program({"-k", "-c", "nosuch; echo after"});
+    EXPECT_EQ(r.status, 127);
+    EXPECT_EQ(r.out, "after\n");
+    r = run_program({"-kx", "-c", "nosuch; echo after"});
+    EXPECT_EQ(r.out, "marlix# nosuch\nmarlix# echo after\nafter\n");
+}
+
+TEST(Program, ExitStatusOfExit) {
+    EXPECT_EQ(run_program({"-c", "exit 4"}).status, 4);
+}
+
+TEST(Program, RunsAScriptFile) {
+    std::string path = ::testing::TempDir() + "marlix_program_test.marlix";
+    {
+        std::ofstream f(path);
+        f << "# a script\necho first\n\nrep set k/ v 3; rep get k/ v\n";
+    }
+    Result r = run_program({"-x", "run", path});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "marlix# echo first\nfirst\nmarlix# rep set k/ v 3\nmarlix# rep get k/ v\n3\n");
+    std::remove(path.c_str());
+
+    r = run_program({"run", "/no/such/script"});
+    EXPECT_EQ(r.status, 127);
+    EXPECT_EQ(r.err, "marlix: /no/such/script: No such file or directory\n");
+}
+
+TEST(Program, DefaultScenarioEchoesItsCommands) {
+    Result r = run_program({});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("marlix# lsmod\nModule                  Size  Used by\n"), std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("marlix# dmesg\n"), std::string::npos) << r.out;
+}
+
+TEST(Program, BadOptions) {
+    Result r = run_program({"--bogus"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err.rfind("marlix: --bogus: unknown option or mode\nusage: marlix ", 0), 0u) << r.err;
+    r = run_program({"-c"});
+    EXPECT_EQ(r.status, 2);
+    r = run_program({"--help"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.rfind("usage: marlix [-k] [-x] [--real-time]", 0), 0u);
+}
+
+}  // namespace
