@@ -15,8 +15,12 @@ std::atomic<unsigned long> g_generation{1};
 std::atomic<int> g_next_pid{1000};
 }  // namespace
 
+namespace {
+thread_local ThreadContext t_ctx;
+}
+
 ThreadContext &ctx() {
-    thread_local ThreadContext t;
+    ThreadContext &t = t_ctx;
     unsigned long gen = g_generation.load(std::memory_order_acquire);
     if (!t.service && t.generation != gen) {
         t.generation = gen;
@@ -30,7 +34,7 @@ ThreadContext &ctx() {
 }
 
 void make_service_thread(const char *comm, int pid, int cpu) {
-    ThreadContext &t = ctx();
+    ThreadContext &t = t_ctx;  // not ctx(): a kernel thread takes no process pid
     t.service = true;
     t.cpu = cpu;
     t.preempt = 0;
