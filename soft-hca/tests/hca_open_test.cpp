@@ -1,0 +1,116 @@
+#include <cstring>
+
+#include "softhca_fixture.hpp"
+
+namespace sh = marlix::softhca;
+
+TEST_F(SoftHcaTest, ListHcasNamesEveryDevice) {
+    VAPI_hca_id_t ids[4];
+    u_int32_t n = 0;
+    ASSERT_EQ(EVAPI_list_hcas(4, &n, ids), VAPI_OK);
+    ASSERT_EQ(n, 2u);
+    EXPECT_STREQ(ids[0], "InfiniHost0");
+    EXPECT_STREQ(ids[1], "InfiniHost1");
+}
+
+TEST_F(SoftHcaTest, ListHcasWithSmallBufferReturnsEagainAndTheCount) {
+    VAPI_hca_id_t ids[1];
+    u_int32_t n = 0;
+    EXPECT_EQ(EVAPI_list_hcas(1, &n, ids), VAPI_EAGAIN);
+    EXPECT_EQ(n, 2u);
+    EXPECT_STREQ(ids[0], "InfiniHost0");
+    EXPECT_EQ(EVAPI_list_hcas(0, &n, nullptr), VAPI_EAGAIN);
+    EXPECT_EQ(EVAPI_list_hcas(1, nullptr, ids), VAPI_EINVAL_PARAM);
+}
+
+TEST_F(SoftHcaTest, OpenTwiceIsRefusedButTheHandleCanBeBorrowed) {
+    VAPI_hca_hndl_t h = open();
+    VAPI_hca_hndl_t again = 99;
+    EXPECT_EQ(VAPI_open_hca("InfiniHost0", &again), VAPI_EBUSY_HCA);
+    VAPI_hca_hndl_t borrowed = 99;
+    ASSERT_EQ(EVAPI_get_hca_hndl("InfiniHost0", &borrowed), VAPI_OK);
+    EXPECT_EQ(borrowed, h);
+    EXPECT_EQ(EVAPI_release_hca_hndl(borrowed), VAPI_OK);
+    EXPECT_EQ(EVAPI_release_hca_hndl(borrowed), VAPI_EINVAL_HCA_HNDL);  // nothing left to release
+    EXPECT_TRUE(sh::is_open("InfiniHost0"));
+    EXPECT_EQ(VAPI_close_hca(h), VAPI_OK);
+    EXPECT_FALSE(sh::is_open("InfiniHost0"));
+}
+
+TEST_F(SoftHcaTest, BorrowingAClosedDeviceFails) {
+    VAPI_hca_hndl_t h = 7;
+    EXPECT_EQ(EVAPI_get_hca_hndl("InfiniHost1", &h), VAPI_EINVAL_HCA_ID);
+    EXPECT_EQ(h, 7u);
+}
+
+TEST_F(SoftHcaTest, UnknownNamesAndHandlesAreRefused) {
+    VAPI_hca_hndl_t h = 0;
+    EXPECT_EQ(VAPI_open_hca("InfiniHost9", &h), VAPI_EINVAL_HCA_ID);
+    EXPECT_EQ(VAPI_close_hca(42), VAPI_EINVAL_HCA_HNDL);
+    VAPI_hca_vendor_t v;
+    VAPI_hca_cap_t c;
+    EXPECT_EQ(VAPI_query_hca_cap(0, &v, &c), VAPI_EINVAL_HCA_HNDL);  // not open yet
+}
+
+TEST_F(SoftHcaTest, AThirtyTwoByteIdentifierWithoutTerminatorIsReadSafely) {
+    VAPI_hca_id_t id;
+    std::memset(id, 'X', sizeof id);
+    VAPI_hca_hndl_t h = 0;
+    EXPECT_EQ(VAPI_open_hca(id, &h), VAPI_EINVAL_HCA_ID);
+}
+
+TEST_F(SoftHcaTest, CloseReleasesEverythingAndTheDeviceCanBeReopened) {
+    VAPI_hca_hndl_t h = open();
+    VAPI_pd_hndl_t pd;
+    ASSERT_EQ(EVAPI_alloc_pd(h, 10, &pd), VAPI_OK);
+    static char buf[4096];
+    VAPI_mrw_t req{}, rep{};
+    req.type = VAPI_MR;
+    req.start = reinterpret_cast<uintptr_t>(buf);
+    req.size = sizeof buf;
+    req.pd_hndl = pd;
+    req.acl = VAPI_EN_LOCAL_WRITE;
+    VAPI_mr_hndl_t mr;
+    ASSERT_EQ(VAPI_register_mr(h, &req, &mr, &rep), VAPI_OK);
+    EXPECT_EQ(sh::resource_count("InfiniHost0"), 2u);
+    ASSERT_EQ(VAPI_close_hca(h), VAPI_OK);
+    EXPECT_EQ(sh::resource_count("InfiniHost0"), 0u);
+    EXPECT_EQ(VAPI_dealloc_pd(h, pd), VAPI_EINVAL_HCA_HNDL);
+    h = open();
+    EXPECT_EQ(VAPI_dealloc_pd(h, pd), VAPI_EINVAL_PD_HNDL);
+}
+
+TEST_F(SoftHcaTest, AsyncHandlerIsStoredAndCleared) {
+    VAPI_hca_hndl_t h = open();
+    auto handler = [](VAPI_hca_hndl_t, VAPI_event_record_t *, void *) {};
+    ASSERT_EQ(VAPI_set_async_event_handler(h, handler, nullptr), VAPI_OK);
+    EXPECT_TRUE(sh::has_async_handler("InfiniHost0"));
+    ASSERT_EQ(VAPI_set_async_event_handler(h, nullptr, nullptr), VAPI_OK);
+    EXPECT_FALSE(sh::has_async_handler("InfiniHost0"));
+}
+
+TEST_F(SoftHcaTest, RaisedAsyncEventReachesTheHandlerWithItsPrivateData) {
+    VAPI_hca_hndl_t h = open("InfiniHost1");
+    struct Seen {
+        int calls = 0;
+        VAPI_hca_hndl_t hca = 0;
+        VAPI_event_record_type_t type{};
+        IB_port_t port = 0;
+    } seen;
+    auto handler = [](VAPI_hca_hndl_t hca, VAPI_event_record_t *rec, void *priv) {
+        auto *s = static_cast<Seen *>(priv);
+        ++s->calls;
+        s->hca = hca;
+        s->type = rec->type;
+        s->port = rec->modifier.port_num;
+    };
+    ASSERT_EQ(VAPI_set_async_event_handler(h, handler, &seen), VAPI_OK);
+    VAPI_event_record_t rec{};
+    rec.type = VAPI_LOCAL_CATASTROPHIC_ERROR;
+    rec.modifier.port_num = 2;
+    ASSERT_TRUE(sh::raise_async_event("InfiniHost1", rec));
+    EXPECT_EQ(seen.calls, 1);
+    EXPECT_EQ(seen.hca, h);
+    EXPECT_EQ(seen.type, VAPI_LOCAL_CATASTROPHIC_ERROR);
+    EXPECT_EQ(seen.port, 2);
+}
