@@ -48,3 +48,22 @@ TEST(Ctype, Latin1Classes) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Sscanf, WordsAndNumbers) {
+    char word[16];
+    int a = 0;
+    unsigned long b = 0;
+    int n = 0;
+    EXPECT_EQ(sscanf("pollcq  0x10 300 more", "%15s %i %lu%n", word, &a, &b, &n), 3);
+    EXPECT_STREQ(word, "pollcq");
+    EXPECT_EQ(a, 16);
+    EXPECT_EQ(b, 300u);
+    EXPECT_EQ(n, 16);
+    EXPECT_EQ(sscanf("x=-5", "x=%d", &a), 1);
+    EXPECT_EQ(a, -5);
+    EXPECT_EQ(sscanf("abc", "%d", &a), 0);
+}
+
+}  // namespace
