@@ -287,12 +287,7 @@ void ox_mlx_bookkeeping_init(void);
  *  - any other refusal: ox_mlx_count_error(). */
 
 /* Writes (func_ix, stat) at current_avail_ix and advances it modulo 20. */
-static inline void ox_mlx_record_vapi_err(u32 func_ix, VAPI_ret_t stat) {
-    u32 i = current_avail_ix;
-    g_last_vapi_err_array[i].func_ix_st = func_ix;
-    g_last_vapi_err_array[i].stat_st = stat;
-    current_avail_ix = (i + 1) % LAST_VAPI_ERR_NUM;
-}
+void ox_mlx_record_vapi_err(u32 func_ix, VAPI_ret_t stat);
 
 static inline void ox_mlx_count_error(void) {
     g_stat.error_num++;

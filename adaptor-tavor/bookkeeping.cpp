@@ -27,6 +27,14 @@ EXPORT_SYMBOL(g_stat);
 EXPORT_SYMBOL(g_last_vapi_err_array);
 EXPORT_SYMBOL(current_avail_ix);
 
+void ox_mlx_record_vapi_err(u32 func_ix, VAPI_ret_t stat) {
+    u32 i = current_avail_ix;
+
+    g_last_vapi_err_array[i].func_ix_st = func_ix;
+    g_last_vapi_err_array[i].stat_st = stat;
+    current_avail_ix = (i + 1) % LAST_VAPI_ERR_NUM;
+}
+
 void mem_alloc_add(alloc_mem_indx_t index) {
     g_alloc_mem_array[index].alloc_num++;
 }

@@ -80,7 +80,11 @@ static void ox_mlx_read_trace_level(void) {
         printk("OD_LOGGER: rep_open_key failed for, %s -- disabling logging\n", AD_TAVOR_REP_KEY);
         trace_lvl = 0;
     } else {
-        if (rep_get_value(key, AD_TAVOR_REP_VALUE, &trace_lvl, sizeof(trace_lvl), 0) != 0) {
+        rep_value_type_t type = rep_value_long;
+
+        /* A value that is not a long is no trace level: treated like a missing one. */
+        if (rep_get_value(key, AD_TAVOR_REP_VALUE, &trace_lvl, sizeof(trace_lvl), &type) != 0 ||
+            type != rep_value_long) {
             printk("OD_LOGGER: rep_get_value failed for, %s -- disabling logging\n", AD_TAVOR_REP_KEY);
             trace_lvl = 0;
         } else {

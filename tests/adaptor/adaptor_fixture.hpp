@@ -1,0 +1,173 @@
+// Shared fixture of the adaptor suites: a booted kernel (virtual clock), stack and software HCA
+// with two devices, and helpers to load the module, drive its proc files and read the log.
+#pragma once
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "marlix/kernel.hpp"
+#include "marlix/softhca.hpp"
+#include "marlix/stack.hpp"
+
+namespace adaptor_test {
+
+namespace k = marlix::kernel;
+namespace st = marlix::stack;
+namespace hca = marlix::softhca;
+
+inline constexpr const char *kControl = "/proc/marlix/adaptor-mlx/control";
+inline constexpr const char *kLink = "/proc/marlix/adaptor-mlx/link";
+inline constexpr const char *kVersion = "/proc/marlix/adaptor-mlx/version";
+
+// "<level name> : AD_TAVOR : <func>:(<label>):<message>" as a filtered log line reads.
+inline std::string ad_line(const char *level, const std::string &func, const std::string &message,
+                           const char *label = "adaptor_tavor") {
+    return std::string(level) + " : AD_TAVOR : " + func + ":(" + label + "):" + message;
+}
+inline std::string ad_error(const std::string &func, const std::string &message,
+                            const char *label = "adaptor_tavor") {
+    return ad_line("ERROR  ", func, message, label);
+}
+inline std::string ad_debug(const std::string &func, const std::string &message,
+                            const char *label = "adaptor_tavor") {
+    return ad_line("DEBUG  ", func, message, label);
+}
+inline std::string proc_debug(const std::string &func, const std::string &message) {
+    return ad_debug(func, message, "tavor_proc");
+}
+
+// The usage text the control file prints, one entry per line.
+inline std::vector<std::string> usage_lines() {
+    return {
+        "usage:",
+        "show_c       - show compilation flags",
+        "show_reg_mem - show registration memory data",
+        "show_err     - show last adaptor reported VAPI errors",
+        "show_mem     - show adaptor memory allocations",
+        "comstop      - stop calling the completion events on timer",
+        "comstart     - start/restart calling completion events [number for comsett]",
+        "comsett      - set the time intervals in jiffise",
+        "comshow      - show: time intervals, work mode, registered cq's",
+        "commode      - change work mode [1/2], 1: call all cq, 2: call only registered cq",
+        "comaddcq     - add cq to the list [0xUSER cq h pointer] or [MLX cq h]",
+        "comremcq     - remove cq from the list [0xUSER cq h pointer] or [MLX cq h]",
+        "event_ctrl   - ctrl event generation 1- no events, 0- events, 11- no events+comstart, 10- "
+        "events+comstop",
+        "event_show   - show event generation data",
+        "pollcq       - poll CQ - [0xUSER cq h] or [MLX cq h] or [CQ index 1,2,3... as in the proc prints] "
+        "or [0] - "
+        "will poll all CQ",
+    };
+}
+
+class AdaptorFixture : public ::testing::Test {
+  protected:
+    void SetUp() override { boot_all(2); }
+
+    void TearDown() override {
+        if (module_handle_) dlclose(module_handle_);
+        module_handle_ = nullptr;
+        k::clear_alloc_faults();
+        k::clear_proc_faults();
+        hca::clear_faults();
+        k::halt(true);
+        st::halt();
+        hca::halt();
+    }
+
+    void boot_all(int devices) {
+        k::BootOptions options;
+        options.clock = k::ClockMode::Virtual;
+        k::boot(options);
+        st::boot();
+        hca::Options hca_options;
+        hca_options.device_count = devices;
+        hca::boot(hca_options);
+    }
+
+    static void set_debug_level(long level) {
+        ASSERT_EQ(0, st::set_long(st::kAdaptorKey, "debug-level", level));
+    }
+
+    int load(const std::vector<std::string> &args = {}) { return k::insmod("adaptor-mlx", args); }
+
+    void load_ok(const std::vector<std::string> &args = {}) { ASSERT_EQ(0, load(args)); }
+
+    static std::vector<std::string> log() {
+        std::vector<std::string> out;
+        for (const auto &line : k::log_lines()) out.push_back(line.text);
+        if (!k::log_partial().empty()) out.push_back(k::log_partial());
+        return out;
+    }
+
+    // Writes `text` to the control file and returns the log lines it produced.
+    static std::vector<std::string> command(std::string_view text) {
+        k::log_clear();
+        EXPECT_EQ(static_cast<long>(text.size()), k::write_file(kControl, text));
+        return log();
+    }
+
+    static std::string read(const std::string &path) {
+        std::string out;
+        EXPECT_GE(k::read_file(path, out), 0) << path;
+        return out;
+    }
+
+    // A symbol of the loaded module, exported or not.
+    template <typename T>
+    T *sym(const char *name) {
+        if (!module_handle_) {
+            auto info = k::find_module("adaptor_mlx");
+            if (!info) return nullptr;
+            module_handle_ = dlopen(info->path.c_str(), RTLD_NOW | RTLD_NOLOAD);
+            if (!module_handle_) return nullptr;
+        }
+        return reinterpret_cast<T *>(dlsym(module_handle_, name));
+    }
+
+    template <typename T>
+    static T *exported(const char *name) {
+        return reinterpret_cast<T *>(const_cast<void *>(k::lookup_symbol(name)));
+    }
+
+    // Allocations made by the module's own source files that are still live.
+    static size_t module_allocations() {
+        size_t n = 0;
+        for (const auto &a : k::live_allocations(nullptr, true))
+            if (a.file.find("adaptor-tavor") != std::string::npos) n++;
+        return n;
+    }
+
+    void unload() {
+        if (module_handle_) dlclose(module_handle_);
+        module_handle_ = nullptr;
+        ASSERT_EQ(0, k::rmmod("adaptor_mlx"));
+    }
+
+  private:
+    void *module_handle_ = nullptr;
+};
+
+// Lines of `all` equal to `line`.
+inline size_t count_of(const std::vector<std::string> &all, const std::string &line) {
+    size_t n = 0;
+    for (const auto &l : all) n += (l == line);
+    return n;
+}
+
+inline bool contains(const std::vector<std::string> &all, const std::string &line) {
+    return count_of(all, line) > 0;
+}
+
+inline size_t count_with(const std::vector<std::string> &all, std::string_view part) {
+    size_t n = 0;
+    for (const auto &l : all) n += (l.find(part) != std::string::npos);
+    return n;
+}
+
+}  // namespace adaptor_test

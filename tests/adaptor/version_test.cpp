@@ -1,0 +1,95 @@
+// The module's version record.
+#include <regex>
+
+#include "adaptor_fixture.hpp"
+#include "module_mirror.hpp"
+
+namespace adaptor_test {
+namespace {
+
+class VersionRecord : public AdaptorFixture {
+  protected:
+    // Replaces the module's own record by one built from the given arguments, returns init's result.
+    int rebuild(const char *name, const char *version, const char *tag) {
+        exit_(const_cast<char *>("adaptor-mlx"));
+        return init_(const_cast<char *>(name), const_cast<char *>(version), const_cast<char *>(tag));
+    }
+    void SetUp() override {
+        AdaptorFixture::SetUp();
+        load_ok();
+        init_ = reinterpret_cast<version_init_fn>(sym<void>("module_version_init"));
+        exit_ = reinterpret_cast<version_exit_fn>(sym<void>("module_version_exit"));
+        ASSERT_TRUE(init_ && exit_);
+    }
+    void restore(const char *name) {
+        exit_(const_cast<char *>(name));
+        ASSERT_EQ(0, init_(const_cast<char *>("adaptor-mlx"), const_cast<char *>("1.0.0"),
+                           const_cast<char *>("$Name: REL_TAG_V1_0_20060112 $")));
+    }
+    version_init_fn init_ = nullptr;
+    version_exit_fn exit_ = nullptr;
+};
+
+const std::string kBuildTail =
+    R"( \(.+\) \(2\.6\.9-marlix\) \([A-Z][a-z]{2} [ 0-9][0-9] [0-9]{4}\) [0-9]{2}:[0-9]{2}:[0-9]{2}\n)";
+
+TEST_F(VersionRecord, TheModulesLine) {
+    std::string text = read(kVersion);
+    EXPECT_TRUE(std::regex_match(text, std::regex("adaptor-mlx 0 REL_TAG_V1_0_20060112" + kBuildTail)))
+        << text;
+}
+
+TEST_F(VersionRecord, TagWithoutKeywordIsNoTag) {
+    ASSERT_EQ(0, rebuild("vtest", "1.0.0", "REL_TAG_V1_0_20060112"));
+    std::string text = read("/proc/marlix/vtest/version");
+    EXPECT_TRUE(std::regex_match(text, std::regex("vtest 0 NoTag" + kBuildTail))) << text;
+    restore("vtest");
+}
+
+TEST_F(VersionRecord, LongTagIsCutTo29) {
+    ASSERT_EQ(0, rebuild("vtest", "1.0.0", "$Name: ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789 $"));
+    std::string text = read("/proc/marlix/vtest/version");
+    EXPECT_TRUE(std::regex_match(text, std::regex("vtest 0 ABCDEFGHIJKLMNOPQRSTUVWXYZ012" + kBuildTail)))
+        << text;
+    restore("vtest");
+}
+
+TEST_F(VersionRecord, TrimsAndFillsDefaults) {
+    ASSERT_EQ(0, rebuild("  vtest\t", " $Revision: 1.23 $ ", "  $Name:   REL_X   $  "));
+    std::string text = read("/proc/marlix/vtest/version");
+    EXPECT_TRUE(std::regex_match(text, std::regex("vtest 1.23 REL_X" + kBuildTail))) << text;
+    restore("vtest");
+
+    ASSERT_EQ(0, rebuild("   ", "", "$Name: $"));
+    text = read("/proc/marlix/Unknown/version");
+    EXPECT_TRUE(std::regex_match(text, std::regex("Unknown 0 NoTag" + kBuildTail))) << text;
+    restore("Unknown");
+
+    ASSERT_EQ(0, rebuild("vtest", "$Revision: 1234567890123 $", "$Name: T $"));
+    text = read("/proc/marlix/vtest/version");
+    EXPECT_TRUE(std::regex_match(text, std::regex("vtest 123456789 T" + kBuildTail))) << text;
+    restore("vtest");
+}
+
+TEST_F(VersionRecord, DirectoryFallBacks) {
+    // The directory is missing and its first creation fails: "marlix" then the directory again.
+    k::add_proc_create_fault("marlix/newmod", false);
+    ASSERT_EQ(0, rebuild("newmod", "1.0.0", "$Name: N $"));
+    EXPECT_TRUE(k::file_exists("/proc/marlix/newmod/version"));
+    restore("newmod");
+    EXPECT_FALSE(k::file_exists("/proc/marlix/newmod/version"));
+}
+
+TEST_F(VersionRecord, FailureLeavesNothing) {
+    size_t before = module_allocations();
+    k::add_proc_create_fault("failmod/version", true);
+    EXPECT_NE(0, rebuild("failmod", "1.0.0", "$Name: N $"));
+    EXPECT_EQ(before - 1, module_allocations());  // the module's own banner went with the exit
+    k::clear_proc_faults();
+    ASSERT_EQ(0, init_(const_cast<char *>("adaptor-mlx"), const_cast<char *>("1.0.0"),
+                       const_cast<char *>("$Name: REL_TAG_V1_0_20060112 $")));
+    EXPECT_EQ(before, module_allocations());
+}
+
+}  // namespace
+}  // namespace adaptor_test
