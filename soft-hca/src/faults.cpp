@@ -106,6 +106,7 @@ unsigned long call_count(const std::string &call, const std::string &device) {
 void reset_call_counts() {
     std::lock_guard lk(st().mu);
     st().counts.clear();
+    st().injected = 0;
 }
 
 }  // namespace marlix::softhca

@@ -76,6 +76,7 @@ unsigned long injected_fault_count();  // failures produced so far
 
 // Calls per verb (all devices with "*"), counted before faults are applied.
 unsigned long call_count(const std::string &call, const std::string &device = "*");
+// Zeroes the call counts and injected_fault_count().
 void reset_call_counts();
 
 // A status from its symbol ("VAPI_EAGAIN") or a number ("-253"); nullopt if neither.
