@@ -1,0 +1,324 @@
+// Completion queues through the verbs: sizes, polling, resizing, handlers, arming, limits and
+// injected faults.
+#include <vector>
+
+#include "queue_fixture.hpp"
+
+namespace sh = marlix::softhca;
+
+namespace {
+
+struct Fired {
+    VAPI_hca_hndl_t hca;
+    VAPI_cq_hndl_t cq;
+    void *priv;
+};
+std::vector<Fired> g_fired;
+void record_event(VAPI_hca_hndl_t hca, VAPI_cq_hndl_t cq, void *priv) {
+    g_fired.push_back({hca, cq, priv});
+}
+
+std::vector<VAPI_event_record_t> g_async;
+void record_async(VAPI_hca_hndl_t, VAPI_event_record_t *rec, void *) {
+    g_async.push_back(*rec);
+}
+
+VAPI_wc_desc_t completion(VAPI_wr_id_t id, VAPI_wc_status_t status = VAPI_SUCCESS) {
+    VAPI_wc_desc_t wc{};
+    wc.id = id;
+    wc.status = status;
+    wc.opcode = VAPI_CQE_RQ_SEND_DATA;
+    wc.byte_len = 1000;
+    return wc;
+}
+
+class CqTest : public QueueTest {
+  protected:
+    void SetUp() override {
+        QueueTest::SetUp();
+        g_fired.clear();
+        g_async.clear();
+    }
+    // What the data path does: push a completion and deliver the event it raises.
+    void complete(VAPI_cq_hndl_t h, const VAPI_wc_desc_t &wc, bool solicited = false) {
+        sh::Device *dev = sh::device_by_handle(hca);
+        sh::PendingEvents events;
+        {
+            std::lock_guard lk(dev->mu);
+            sh::CompletionQueue *c = sh::find_cq(*dev, h);
+            ASSERT_NE(c, nullptr);
+            sh::push_completion(*c, wc, solicited, events);
+        }
+        events.deliver(*dev);
+    }
+};
+
+}  // namespace
+
+TEST(CompletionQueueSize, NextPowerOfTwoMinusOneAtLeastTheRequest) {
+    EXPECT_EQ(sh::CompletionQueue::actual_size(0), 1u);
+    EXPECT_EQ(sh::CompletionQueue::actual_size(1), 1u);
+    EXPECT_EQ(sh::CompletionQueue::actual_size(2), 3u);
+    EXPECT_EQ(sh::CompletionQueue::actual_size(3), 3u);
+    EXPECT_EQ(sh::CompletionQueue::actual_size(4), 7u);
+    EXPECT_EQ(sh::CompletionQueue::actual_size(100), 127u);
+    EXPECT_EQ(sh::CompletionQueue::actual_size(131071), 131071u);
+}
+
+TEST_F(CqTest, CreateReturnsTheActualSizeAndQueryAgrees) {
+    for (auto [req, want] : {std::pair{1u, 1u}, {16u, 31u}, {100u, 127u}, {131071u, 131071u}}) {
+        VAPI_cq_hndl_t h = 0;
+        VAPI_cqe_num_t actual = 0;
+        ASSERT_EQ(VAPI_create_cq(hca, req, &h, &actual), VAPI_OK);
+        EXPECT_EQ(actual, want) << req;
+        VAPI_cqe_num_t q = 0;
+        EXPECT_EQ(VAPI_query_cq(hca, h, &q), VAPI_OK);
+        EXPECT_EQ(q, want);
+    }
+}
+
+TEST_F(CqTest, TooLargeACqIsRefused) {
+    VAPI_cq_hndl_t h = 77;
+    VAPI_cqe_num_t actual = 77;
+    EXPECT_EQ(VAPI_create_cq(hca, 131072, &h, &actual), VAPI_E2BIG_CQ_NUM);
+    EXPECT_EQ(h, 77u);
+    EXPECT_EQ(VAPI_create_cq(hca, 8, nullptr, &actual), VAPI_EINVAL_PARAM);
+    EXPECT_EQ(sh::cq_count("InfiniHost0"), 0u);
+}
+
+TEST_F(CqTest, HandlesAreSmallAndReusedLowestFirst) {
+    VAPI_cq_hndl_t a = make_cq(), b = make_cq(), c = make_cq();
+    EXPECT_EQ(a, 1u);
+    EXPECT_EQ(b, 2u);
+    EXPECT_EQ(c, 3u);
+    ASSERT_EQ(VAPI_destroy_cq(hca, b), VAPI_OK);
+    EXPECT_EQ(make_cq(), 2u);
+    EXPECT_EQ(make_cq(), 4u);
+}
+
+TEST_F(CqTest, InjectedHandleValues) {
+    ASSERT_TRUE(sh::set_next_cq_handle("InfiniHost0", 1000));
+    EXPECT_EQ(make_cq(), 1000u);
+    ASSERT_TRUE(sh::set_next_cq_handle("InfiniHost0", 1001));
+    VAPI_cq_hndl_t h = make_cq();
+    EXPECT_EQ(h, 1001u);
+    EXPECT_EQ(make_cq(), 1u);  // back to lowest-first
+    EXPECT_EQ(VAPI_destroy_cq(hca, 1001), VAPI_OK);
+    EXPECT_EQ(VAPI_destroy_cq(hca, 1000), VAPI_OK);
+}
+
+TEST_F(CqTest, PollingAnEmptyCqSaysEmptyAndLeavesTheRecord) {
+    VAPI_cq_hndl_t h = make_cq();
+    VAPI_wc_desc_t wc{};
+    wc.id = 0x55;
+    EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_CQ_EMPTY);
+    EXPECT_EQ(VAPI_CQ_EMPTY, -212);
+    EXPECT_EQ(wc.id, 0x55u);
+}
+
+TEST_F(CqTest, PollReturnsCompletionsInOrder) {
+    VAPI_cq_hndl_t h = make_cq(4);
+    for (VAPI_wr_id_t id = 1; id <= 3; ++id) complete(h, completion(id));
+    VAPI_wc_desc_t wc{};
+    for (VAPI_wr_id_t id = 1; id <= 3; ++id) {
+        ASSERT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_OK);
+        EXPECT_EQ(wc.id, id);
+        EXPECT_EQ(wc.byte_len, 1000u);
+    }
+    EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_CQ_EMPTY);
+}
+
+TEST_F(CqTest, PeekSaysWhetherAtLeastNAreQueued) {
+    VAPI_cq_hndl_t h = make_cq();
+    EXPECT_EQ(EVAPI_peek_cq(hca, h, 1), VAPI_CQ_EMPTY);
+    complete(h, completion(1));
+    complete(h, completion(2));
+    EXPECT_EQ(EVAPI_peek_cq(hca, h, 1), VAPI_OK);
+    EXPECT_EQ(EVAPI_peek_cq(hca, h, 2), VAPI_OK);
+    EXPECT_EQ(EVAPI_peek_cq(hca, h, 3), VAPI_CQ_EMPTY);
+    // Handle 0 is never handed out.
+    EXPECT_EQ(EVAPI_peek_cq(hca, 0, 1), VAPI_EINVAL_CQ_HNDL);
+}
+
+TEST_F(CqTest, ResizeKeepsTheQueuedCompletions) {
+    VAPI_cq_hndl_t h = make_cq(3);
+    for (VAPI_wr_id_t id = 1; id <= 3; ++id) complete(h, completion(id));
+    VAPI_cqe_num_t actual = 0;
+    ASSERT_EQ(VAPI_resize_cq(hca, h, 20, &actual), VAPI_OK);
+    EXPECT_EQ(actual, 31u);
+    complete(h, completion(4));
+    // Shrinking below the four queued entries would lose some.
+    EXPECT_EQ(VAPI_resize_cq(hca, h, 2, &actual), VAPI_E2BIG_CQ_NUM);
+    EXPECT_EQ(actual, 31u);
+    ASSERT_EQ(VAPI_resize_cq(hca, h, 5, &actual), VAPI_OK);
+    EXPECT_EQ(actual, 7u);
+    VAPI_wc_desc_t wc{};
+    for (VAPI_wr_id_t id = 1; id <= 4; ++id) {
+        ASSERT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_OK);
+        EXPECT_EQ(wc.id, id);
+    }
+    EXPECT_EQ(VAPI_resize_cq(hca, h, 200000, &actual), VAPI_E2BIG_CQ_NUM);
+    EXPECT_EQ(VAPI_resize_cq(hca, 99, 8, &actual), VAPI_EINVAL_CQ_HNDL);
+}
+
+TEST_F(CqTest, OverrunDropsTheCompletionAndRaisesACqError) {
+    ASSERT_EQ(VAPI_set_async_event_handler(hca, record_async, nullptr), VAPI_OK);
+    VAPI_cq_hndl_t h = make_cq(1);
+    complete(h, completion(1));
+    complete(h, completion(2));
+    complete(h, completion(3));
+    ASSERT_EQ(g_async.size(), 1u);  // raised once, when the ring first overflowed
+    EXPECT_EQ(g_async[0].type, VAPI_CQ_ERROR);
+    EXPECT_EQ(g_async[0].syndrome, VAPI_CQ_ERR_OVERRUN);
+    EXPECT_EQ(g_async[0].modifier.cq_hndl, h);
+    VAPI_wc_desc_t wc{};
+    ASSERT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_OK);
+    EXPECT_EQ(wc.id, 1u);
+    EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_CQ_EMPTY);
+}
+
+TEST_F(CqTest, DestroyIsRefusedWhileAQpUsesTheCq) {
+    VAPI_qp_hndl_t qp = make_qp(VAPI_TS_UD);
+    EXPECT_EQ(VAPI_destroy_cq(hca, cq), VAPI_EBUSY);
+    ASSERT_EQ(VAPI_destroy_qp(hca, qp), VAPI_OK);
+    EXPECT_EQ(VAPI_destroy_cq(hca, cq), VAPI_OK);
+    EXPECT_EQ(VAPI_destroy_cq(hca, cq), VAPI_EINVAL_CQ_HNDL);
+    EXPECT_EQ(sh::cq_count("InfiniHost0"), 0u);
+}
+
+TEST_F(CqTest, ACqUsedByTwoQpsStaysBusyUntilBothAreGone) {
+    VAPI_qp_hndl_t a = make_qp(VAPI_TS_UD);
+    VAPI_qp_hndl_t b = make_qp(VAPI_TS_RC);
+    ASSERT_EQ(VAPI_destroy_qp(hca, a), VAPI_OK);
+    EXPECT_EQ(VAPI_destroy_cq(hca, cq), VAPI_EBUSY);
+    ASSERT_EQ(VAPI_destroy_qp(hca, b), VAPI_OK);
+    EXPECT_EQ(VAPI_destroy_cq(hca, cq), VAPI_OK);
+}
+
+TEST_F(CqTest, CompletionHandlerFiresOncePerArming) {
+    VAPI_cq_hndl_t h = make_cq();
+    int cookie = 0;
+    EVAPI_compl_handler_hndl_t hh = 0;
+    ASSERT_EQ(EVAPI_set_comp_eventh(hca, h, record_event, &cookie, &hh), VAPI_OK);
+    complete(h, completion(1));
+    EXPECT_TRUE(g_fired.empty());  // not armed
+    ASSERT_EQ(VAPI_req_comp_notif(hca, h, VAPI_NEXT_COMP), VAPI_OK);
+    complete(h, completion(2));
+    complete(h, completion(3));
+    ASSERT_EQ(g_fired.size(), 1u);
+    EXPECT_EQ(g_fired[0].hca, hca);
+    EXPECT_EQ(g_fired[0].cq, h);
+    EXPECT_EQ(g_fired[0].priv, &cookie);
+}
+
+TEST_F(CqTest, SolicitedArmingWaitsForASolicitedOrFailedCompletion) {
+    VAPI_cq_hndl_t h = make_cq();
+    EVAPI_compl_handler_hndl_t hh = 0;
+    ASSERT_EQ(EVAPI_set_comp_eventh(hca, h, record_event, nullptr, &hh), VAPI_OK);
+    ASSERT_EQ(VAPI_req_comp_notif(hca, h, VAPI_SOLIC_COMP), VAPI_OK);
+    complete(h, completion(1), false);
+    EXPECT_TRUE(g_fired.empty());
+    complete(h, completion(2), true);
+    EXPECT_EQ(g_fired.size(), 1u);
+    ASSERT_EQ(VAPI_req_comp_notif(hca, h, VAPI_SOLIC_COMP), VAPI_OK);
+    complete(h, completion(3, VAPI_LOC_PROT_ERR), false);
+    EXPECT_EQ(g_fired.size(), 2u);
+    // "Next" arming widens a pending solicited one.
+    ASSERT_EQ(VAPI_req_comp_notif(hca, h, VAPI_SOLIC_COMP), VAPI_OK);
+    ASSERT_EQ(VAPI_req_comp_notif(hca, h, VAPI_NEXT_COMP), VAPI_OK);
+    complete(h, completion(4), false);
+    EXPECT_EQ(g_fired.size(), 3u);
+}
+
+TEST_F(CqTest, ArmingWithAnUnknownTypeIsRefused) {
+    VAPI_cq_hndl_t h = make_cq();
+    EXPECT_EQ(VAPI_req_comp_notif(hca, h, VAPI_NOTIF_NONE), VAPI_EINVAL_NOTIF_TYPE);
+    EXPECT_EQ(VAPI_req_comp_notif(hca, h, static_cast<VAPI_cq_notif_type_t>(9)), VAPI_EINVAL_NOTIF_TYPE);
+    EXPECT_EQ(VAPI_req_comp_notif(hca, 55, VAPI_NEXT_COMP), VAPI_EINVAL_CQ_HNDL);
+}
+
+TEST_F(CqTest, HandlerIsClearedByItsHandleAndOnlyOnce) {
+    VAPI_cq_hndl_t h = make_cq();
+    EVAPI_compl_handler_hndl_t hh = 0, other = 0;
+    ASSERT_EQ(EVAPI_set_comp_eventh(hca, h, record_event, nullptr, &hh), VAPI_OK);
+    EXPECT_EQ(EVAPI_set_comp_eventh(hca, h, record_event, nullptr, &other), VAPI_EBUSY);
+    EXPECT_EQ(EVAPI_set_comp_eventh(hca, h, nullptr, nullptr, &other), VAPI_EINVAL_PARAM);
+    EXPECT_EQ(EVAPI_set_comp_eventh(hca, 42, record_event, nullptr, &other), VAPI_EINVAL_CQ_HNDL);
+    EXPECT_EQ(EVAPI_clear_comp_eventh(hca, hh + 100), VAPI_EINVAL_COMPL_HNDL);
+    ASSERT_EQ(EVAPI_clear_comp_eventh(hca, hh), VAPI_OK);
+    EXPECT_EQ(EVAPI_clear_comp_eventh(hca, hh), VAPI_EINVAL_COMPL_HNDL);
+    ASSERT_EQ(VAPI_req_comp_notif(hca, h, VAPI_NEXT_COMP), VAPI_OK);
+    complete(h, completion(1));
+    EXPECT_TRUE(g_fired.empty());
+    // A new handler gets a new handle.
+    EVAPI_compl_handler_hndl_t again = 0;
+    ASSERT_EQ(EVAPI_set_comp_eventh(hca, h, record_event, nullptr, &again), VAPI_OK);
+    EXPECT_NE(again, hh);
+}
+
+TEST_F(CqTest, HandlerRunsWithoutTheDeviceLock) {
+    // The handler polls the CQ, which needs the device lock: it must not be held by the caller.
+    static VAPI_hca_hndl_t s_hca;
+    static int s_polled;
+    s_hca = hca;
+    s_polled = 0;
+    VAPI_cq_hndl_t h = make_cq();
+    EVAPI_compl_handler_hndl_t hh = 0;
+    auto poller = [](VAPI_hca_hndl_t, VAPI_cq_hndl_t c, void *) {
+        VAPI_wc_desc_t wc;
+        while (VAPI_poll_cq(s_hca, c, &wc) == VAPI_OK) ++s_polled;
+    };
+    ASSERT_EQ(EVAPI_set_comp_eventh(hca, h, poller, nullptr, &hh), VAPI_OK);
+    ASSERT_EQ(VAPI_req_comp_notif(hca, h, VAPI_NEXT_COMP), VAPI_OK);
+    complete(h, completion(1));
+    EXPECT_EQ(s_polled, 1);
+}
+
+TEST_F(CqTest, InjectedFaultsFailTheChosenCall) {
+    sh::inject_fault("VAPI_create_cq", "InfiniHost0", VAPI_EAGAIN);
+    VAPI_cq_hndl_t h = 0;
+    VAPI_cqe_num_t actual = 0;
+    EXPECT_EQ(VAPI_create_cq(hca, 8, &h, &actual), VAPI_EAGAIN);
+    EXPECT_EQ(sh::cq_count("InfiniHost0"), 0u);
+    EXPECT_EQ(VAPI_create_cq(hca, 8, &h, &actual), VAPI_OK);
+    sh::inject_fault("VAPI_destroy_cq", "*", VAPI_EGEN, sh::FaultMode::Always);
+    EXPECT_EQ(VAPI_destroy_cq(hca, h), VAPI_EGEN);
+    EXPECT_EQ(VAPI_destroy_cq(hca, h), VAPI_EGEN);
+    EXPECT_EQ(sh::cq_count("InfiniHost0"), 1u);
+    sh::clear_faults();
+    EXPECT_EQ(VAPI_destroy_cq(hca, h), VAPI_OK);
+    EXPECT_EQ(sh::call_count("VAPI_create_cq"), 2u);
+    EXPECT_EQ(sh::call_count("VAPI_destroy_cq"), 3u);
+    EXPECT_EQ(sh::call_count("VAPI_poll_cq"), 0u);
+}
+
+TEST_F(CqTest, NthCallFaultOnPoll) {
+    VAPI_cq_hndl_t h = make_cq();
+    complete(h, completion(1));
+    sh::inject_fault("VAPI_poll_cq", "InfiniHost0", VAPI_EFATAL, sh::FaultMode::Nth, 2);
+    VAPI_wc_desc_t wc{};
+    EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_OK);
+    EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_EFATAL);
+    EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_CQ_EMPTY);
+}
+
+TEST_F(CqTest, CqsOfAClosedDeviceAreGone) {
+    VAPI_cq_hndl_t h = make_cq();
+    ASSERT_EQ(VAPI_close_hca(hca), VAPI_OK);
+    VAPI_cqe_num_t n = 0;
+    EXPECT_EQ(VAPI_query_cq(hca, h, &n), VAPI_EINVAL_HCA_HNDL);
+    hca = open();
+    EXPECT_EQ(VAPI_query_cq(hca, h, &n), VAPI_EINVAL_CQ_HNDL);
+    EXPECT_EQ(sh::cq_count("InfiniHost0"), 0u);
+}
+
+TEST_F(CqTest, HandlesArePerDevice) {
+    VAPI_hca_hndl_t other = open("InfiniHost1");
+    VAPI_cq_hndl_t a = make_cq();
+    VAPI_cq_hndl_t b = 0;
+    VAPI_cqe_num_t n = 0;
+    ASSERT_EQ(VAPI_create_cq(other, 4, &b, &n), VAPI_OK);
+    EXPECT_EQ(a, b);
+    ASSERT_EQ(VAPI_destroy_cq(other, b), VAPI_OK);
+    EXPECT_EQ(VAPI_query_cq(hca, a, &n), VAPI_OK);
+}
