@@ -104,11 +104,13 @@ namespace detail {
 void slab_reset() {
     Slab &s = slab();
     std::lock_guard<std::mutex> g(s.m);
-    // What modules of an earlier boot left behind is forgotten; the kernel's own objects
+    // What modules of an earlier boot left behind is released; the kernel's own objects
     // (made by host libraries that outlive a boot) stay tracked.
     for (auto it = s.live.begin(); it != s.live.end();) {
-        if (it->second.owner || it->second.detached)
+        if (it->second.owner || it->second.detached) {
+            std::free(const_cast<void *>(it->first));  // nothing can reach it any more
             it = s.live.erase(it);
+        }
         else
             ++it;
     }
