@@ -8,8 +8,14 @@ namespace marlix::console {
 namespace {
 
 void print_entry(Console &c, const Command &command) {
-    char line[512];
-    std::snprintf(line, sizeof line, "  %-44s %s\n", command.usage.c_str(), command.help.c_str());
+    // Long usages get their help on the next line, so the help column stays aligned.
+    constexpr int kWidth = 44;
+    char line[1024];
+    if (command.usage.size() > kWidth)
+        std::snprintf(line, sizeof line, "  %s\n  %-*s %s\n", command.usage.c_str(), kWidth, "",
+                      command.help.c_str());
+    else
+        std::snprintf(line, sizeof line, "  %-*s %s\n", kWidth, command.usage.c_str(), command.help.c_str());
     c.out() << line;
 }
 
