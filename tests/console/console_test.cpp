@@ -4,6 +4,8 @@
 #include "console_fixture.hpp"
 #include "marlix/kernel.hpp"
 
+#include <linux/kernel.h>  // printk; last, it renames the formatting calls
+
 using marlix::console::CommandLine;
 using marlix::console::parse;
 
@@ -161,6 +163,25 @@ TEST_F(ConsoleTest, JiffiesShowsAndAdvancesTheVirtualClock) {
     EXPECT_EQ(run("sleep soon"), 1);
     EXPECT_EQ(err(), "sleep: invalid time interval 'soon'\n");
     EXPECT_EQ(marlix::kernel::now_jiffies(), start + 300);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(ConsoleTest, ConsoleLinesFromOtherThreadsAppearBetweenCommands) {
+    ASSERT_EQ(run("dmesg -n 7"), 0);
+    marlix::kernel::run_in_softirq([] { printk(KERN_INFO "from the softirq thread\n"); });
+    EXPECT_EQ(run("echo next"), 0);
+    EXPECT_EQ(out(), "from the softirq thread\nnext\n");
+}
+
+TEST_F(ConsoleTest, ConsoleLinesBypassRedirection) {
+    ASSERT_EQ(run("insmod marlix-hello; dmesg -n 8"), 0) << err();
+    // The unload line goes to the console, not into the file (which is gone by then anyway).
+    EXPECT_EQ(run("rmmod marlix-hello > /sys/module/marlix_hello/parameters/count"), 0) << err();
+    EXPECT_EQ(out(), "marlix-hello: unloaded\n");
+    EXPECT_EQ(err(), "");
 }
 
 }  // namespace

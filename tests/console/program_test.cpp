@@ -44,6 +44,12 @@ TEST(Program, FailureStopsUnlessKeepGoing) {
     EXPECT_EQ(r.out, "marlix# nosuch\nmarlix# echo after\nafter\n");
 }
 
+TEST(Program, RealTimeClock) {
+    Result r = run_program({"--real-time", "-c", "sleep 2; echo woke"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "woke\n");
+}
+
 TEST(Program, ExitStatusOfExit) {
     EXPECT_EQ(run_program({"-c", "exit 4"}).status, 4);
 }
