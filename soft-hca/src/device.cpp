@@ -2,13 +2,12 @@
 // that boot() fills, and the Call that starts every verb.
 #include "device.hpp"
 
-// The emulated kernel's direct map (phys <-> __va). Its include folder would hide the C library's
-// own linux/ and asm/ headers, so the one header needed is named by path.
-#include "../../host/kernel/include/asm/page.h"
+#include <asm/page.h>  // the emulated kernel's direct map: physical memory is at __va(phys)
 
 #include <cstring>
 
 #include "fabric.hpp"
+#include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 
 namespace marlix::softhca {
@@ -335,7 +334,7 @@ void dispatch_event(std::function<void()> fn) {
     if (d)
         d(std::move(fn));
     else
-        fn();
+        kernel::raise_irq(std::move(fn), false);  // as the adapter's interrupt: hardirq context
 }
 
 // ---- Call ----------------------------------------------------------------------------------------------

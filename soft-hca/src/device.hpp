@@ -232,9 +232,10 @@ Device *device_by_name(const std::string &name);
 Device *device_by_lid(IB_lid_t lid, IB_port_t *port_out);
 void ensure_booted();
 
-// Runs a callback the way the hardware's interrupt would: the installed dispatcher (tests and the
-// kernel emulation may install one that runs it on the interrupt thread), by default at once on the
-// calling thread. Never called with a device mutex held.
+// Runs a callback the way the hardware's interrupt would: through the installed dispatcher if
+// there is one, otherwise as a hardirq of the emulated kernel (queued on its interrupt thread when
+// the kernel is booted, run at once in hardirq context when it is not). Never called with a
+// device mutex held.
 void dispatch_event(std::function<void()> fn);
 void set_event_dispatcher(std::function<void(std::function<void()>)> dispatcher);
 

@@ -1,6 +1,6 @@
 #include <vector>
 
-#include "../../host/kernel/include/asm/page.h"
+#include <asm/page.h>
 #include "device.hpp"
 #include "softhca_fixture.hpp"
 

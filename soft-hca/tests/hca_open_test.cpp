@@ -1,3 +1,5 @@
+#include <linux/hardirq.h>
+
 #include <cstring>
 
 #include "softhca_fixture.hpp"
@@ -113,4 +115,17 @@ TEST_F(SoftHcaTest, RaisedAsyncEventReachesTheHandlerWithItsPrivateData) {
     EXPECT_EQ(seen.hca, h);
     EXPECT_EQ(seen.type, VAPI_LOCAL_CATASTROPHIC_ERROR);
     EXPECT_EQ(seen.port, 2);
+}
+
+TEST_F(SoftHcaTest, AsyncEventsRunInHardirqContextByDefault) {
+    VAPI_hca_hndl_t h = open();
+    static unsigned long irq_count_seen;
+    irq_count_seen = 0;
+    auto handler = [](VAPI_hca_hndl_t, VAPI_event_record_t *, void *) { irq_count_seen = in_irq(); };
+    ASSERT_EQ(VAPI_set_async_event_handler(h, handler, nullptr), VAPI_OK);
+    VAPI_event_record_t rec{};
+    rec.type = VAPI_PORT_ACTIVE;
+    ASSERT_TRUE(sh::raise_async_event("InfiniHost0", rec));
+    EXPECT_NE(irq_count_seen, 0u);
+    EXPECT_EQ(in_irq(), 0u);
 }

@@ -1,7 +1,7 @@
 #include <cstring>
 #include <vector>
 
-#include "../../host/kernel/include/asm/page.h"
+#include <asm/page.h>
 #include "device.hpp"
 #include "softhca_fixture.hpp"
 

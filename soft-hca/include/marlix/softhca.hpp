@@ -105,8 +105,9 @@ bool has_async_handler(const std::string &device);
 // with VAPI_set_async_event_handler). Returns false when the device is unknown.
 bool raise_async_event(const std::string &device, const VAPI_event_record_t &record);
 
-// Completion and asynchronous callbacks run through this dispatcher; by default they run at once on
-// the thread that caused them. The kernel emulation installs one that runs them in hardirq context.
+// Completion and asynchronous callbacks run through this dispatcher. Without one (the default, or
+// after passing null) they run as a hardirq of the emulated kernel: queued on its interrupt thread
+// when the kernel is booted (kernel::irq_sync() waits for them), at once when it is not.
 void set_event_dispatcher(std::function<void(std::function<void()>)> dispatcher);
 
 }  // namespace marlix::softhca
