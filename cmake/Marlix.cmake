@@ -26,7 +26,9 @@ function(marlix_add_module file_name)
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-gnu-unique>)
   target_include_directories(${target} PRIVATE ${M_INCLUDES})
   target_link_libraries(${target} PRIVATE marlix_kernel ${M_LIBS})
-  target_link_options(${target} PRIVATE -Wl,--no-undefined)
+  # -Bsymbolic: a module's references to its own globals bind inside the module, never to a
+  # same-named symbol of the host process (the C library has an init_module, for one).
+  target_link_options(${target} PRIVATE -Wl,--no-undefined -Wl,-Bsymbolic)
   set_property(GLOBAL APPEND PROPERTY MARLIX_MODULE_TARGETS ${target})
 endfunction()
 
