@@ -1,8 +1,8 @@
-#include <linux/hardirq.h>
-
 #include <cstring>
 
 #include "softhca_fixture.hpp"
+// Kernel headers last: their macros must not reach the C++ library headers.
+#include <linux/hardirq.h>
 
 namespace sh = marlix::softhca;
 
