@@ -107,3 +107,33 @@ TEST_F(ConsoleTest, DmesgConsoleLevelEchoesLinesLive) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(ConsoleTest, AModuleInUseCannotBeRemovedFirst) {
+    ASSERT_EQ(run("insmod marlix-hello count=4; insmod marlix-hello-user"), 0) << err();
+    EXPECT_EQ(run("lsmod"), 0);
+    std::string listing = out();
+    size_t user_row = listing.find("\nmarlix_hello_user ");
+    size_t hello_row = listing.find("\nmarlix_hello ");
+    ASSERT_NE(user_row, std::string::npos) << listing;
+    ASSERT_NE(hello_row, std::string::npos) << listing;
+    EXPECT_LT(user_row, hello_row) << "newest first";
+    EXPECT_EQ(listing.substr(listing.size() - 22), "  1 marlix_hello_user\n") << listing;
+
+    EXPECT_EQ(run("rmmod marlix-hello"), 1);
+    EXPECT_EQ(err(), "rmmod: ERROR: Module marlix_hello is in use by: marlix_hello_user\n");
+    EXPECT_EQ(run("rmmod marlix_hello_user; rmmod marlix-hello"), 0) << err();
+    EXPECT_EQ(run("dmesg -t"), 0);
+    EXPECT_EQ(out(), "marlix-hello: loaded\nmarlix-hello-user: count is 4\nmarlix-hello: unloaded\n");
+}
+
+TEST_F(ConsoleTest, InsmodReportsAFailingInit) {
+    EXPECT_EQ(run("insmod marlix-hello-user"), 1);
+    EXPECT_EQ(
+        err(),
+        "insmod: ERROR: could not insert module marlix-hello-user.ko: Unknown symbol in module, or unknown "
+        "parameter (see dmesg)\n");
+}
+
+}  // namespace

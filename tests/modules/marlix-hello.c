@@ -1,5 +1,5 @@
 /* marlix-hello: a small module for the console's tests. It has one integer parameter, "count",
- * and a proc file /proc/marlix-hello/status that reports it. */
+ * and a proc file /proc/marlix-hello/status that reports it; marlix_hello_count() is exported. */
 #include <linux/errno.h>
 #include <linux/init.h>
 #include <linux/kernel.h>
@@ -12,6 +12,12 @@ module_param(count, int, 0644);
 MODULE_PARM_DESC(count, "A number the status file reports.");
 
 static struct proc_dir_entry *hello_dir;
+
+/* For marlix-hello-user, which takes it with symbol_get. */
+int marlix_hello_count(void) {
+    return count;
+}
+EXPORT_SYMBOL(marlix_hello_count);
 
 static int hello_status_read(char *page, char **start, off_t off, int len, int *eof, void *data) {
     int n;
