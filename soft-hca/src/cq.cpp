@@ -119,7 +119,8 @@ VAPI_ret_t VAPI_req_comp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
-    if (notif_type != VAPI_SOLIC_COMP && notif_type != VAPI_NEXT_COMP) return VAPI_EINVAL_NOTIF_TYPE;
+    const uint32_t type = raw_value(notif_type);
+    if (type != VAPI_SOLIC_COMP && type != VAPI_NEXT_COMP) return VAPI_EINVAL_NOTIF_TYPE;
     cq->arm(notif_type);
     return VAPI_OK;
 }

@@ -12,7 +12,7 @@ namespace {
 using qpsm::QpKind;
 using qpsm::QpState;
 
-bool opcode_allowed(const Qp &qp, VAPI_wr_opcode_t op) {
+bool opcode_allowed(const Qp &qp, uint32_t op) {
     if (qp.kind != QpKind::Regular || qp.transport() == VAPI_TS_UD)
         return op == VAPI_SEND || op == VAPI_SEND_WITH_IMM;
     switch (op) {
@@ -30,7 +30,7 @@ bool opcode_allowed(const Qp &qp, VAPI_wr_opcode_t op) {
     }
 }
 
-bool valid_comp_type(VAPI_comp_type_t t) {
+bool valid_comp_type(uint32_t t) {
     return t == VAPI_SIGNALED || t == VAPI_UNSIGNALED;
 }
 
@@ -45,13 +45,14 @@ VAPI_ret_t check_send(Device &dev, const Qp &qp, const VAPI_sr_desc_t *d, bool i
     // Raw QPs carry no traffic on this adapter.
     if (qp.kind == QpKind::Raw) return VAPI_ENOSYS;
     if (!send_queue_open(qp.state())) return VAPI_EINVAL_QP_STATE;
-    if (!opcode_allowed(qp, d->opcode)) return VAPI_EINVAL_OP;
-    if (!valid_comp_type(d->comp_type)) return VAPI_EINVAL_PARAM;
+    const uint32_t opcode = raw_value(d->opcode);
+    if (!opcode_allowed(qp, opcode)) return VAPI_EINVAL_OP;
+    if (!valid_comp_type(raw_value(d->comp_type))) return VAPI_EINVAL_PARAM;
     if (d->sg_lst_len > 0 && !d->sg_lst_p) return VAPI_EINVAL_PARAM;
     if (is_inline) {
         // Inline data cannot carry what a read or an atomic returns.
-        if (d->opcode != VAPI_SEND && d->opcode != VAPI_SEND_WITH_IMM && d->opcode != VAPI_RDMA_WRITE &&
-            d->opcode != VAPI_RDMA_WRITE_WITH_IMM)
+        if (opcode != VAPI_SEND && opcode != VAPI_SEND_WITH_IMM && opcode != VAPI_RDMA_WRITE &&
+            opcode != VAPI_RDMA_WRITE_WITH_IMM)
             return VAPI_EINVAL_OP;
         if (d->sg_lst_len > dev.cap.max_num_sg_ent) return VAPI_E2BIG_SG_NUM;
         uint64_t total = 0;
@@ -90,7 +91,7 @@ VAPI_ret_t check_recv(const Qp &qp, const VAPI_rr_desc_t *d, size_t pending) {
     if (!d) return VAPI_EINVAL_PARAM;
     // The receive queue takes work from INIT on (in ERR only to flush it at once).
     if (qp.state() == QpState::Reset) return VAPI_EINVAL_QP_STATE;
-    if (!valid_comp_type(d->comp_type)) return VAPI_EINVAL_PARAM;
+    if (!valid_comp_type(raw_value(d->comp_type))) return VAPI_EINVAL_PARAM;
     if (d->sg_lst_len > 0 && !d->sg_lst_p) return VAPI_EINVAL_PARAM;
     if (d->sg_lst_len > qp.cap().max_sg_size_rq) return VAPI_E2BIG_SG_NUM;
     if (qp.rq.size() + pending >= qp.cap().max_oust_wr_rq) return VAPI_E2BIG_WR_NUM;

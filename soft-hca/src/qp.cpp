@@ -51,10 +51,12 @@ qpsm::PathValues path_of(const VAPI_ud_av_t &av) {
 
 qpsm::ModifyValues values_of(const VAPI_qp_attr_t &a) {
     qpsm::ModifyValues v;
-    v.qp_state = static_cast<QpState>(static_cast<unsigned>(a.qp_state) > 6 ? 7 : a.qp_state);
+    const uint32_t state = raw_value(a.qp_state);
+    v.qp_state = static_cast<QpState>(state > 6 ? 7 : state);
     v.port = a.port;
     v.pkey_ix = a.pkey_ix;
-    v.path_mtu = static_cast<uint8_t>(a.path_mtu);
+    const uint32_t mtu = raw_value(a.path_mtu);
+    v.path_mtu = static_cast<uint8_t>(mtu > 0xff ? 0 : mtu);
     v.timeout = a.timeout;
     v.retry_count = a.retry_count;
     v.rnr_retry = a.rnr_retry;
@@ -65,7 +67,7 @@ qpsm::ModifyValues values_of(const VAPI_qp_attr_t &a) {
     v.qp_ous_rd_atom = a.qp_ous_rd_atom;
     v.ous_dst_rd_atom = a.ous_dst_rd_atom;
     v.remote_atomic_flags = a.remote_atomic_flags;
-    v.path_mig_state = static_cast<uint32_t>(a.path_mig_state);
+    v.path_mig_state = raw_value(a.path_mig_state);
     v.av = path_of(a.av);
     v.alt_av = path_of(a.alt_av);
     v.alt_port = a.alt_port;
@@ -133,14 +135,15 @@ VAPI_ret_t grant_caps(const Device &dev, const VAPI_qp_cap_t &req, VAPI_qp_cap_t
     return VAPI_OK;
 }
 
-bool valid_sig_type(VAPI_sig_type_t t) {
+bool valid_sig_type(uint32_t t) {
     return t == VAPI_SIGNAL_ALL_WR || t == VAPI_SIGNAL_REQ_WR;
 }
 
 // The checks and bookkeeping regular and special QPs share. `ts` is the transport the QP runs.
 VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_type_t ts,
                          VAPI_special_qp_t special, IB_port_t port, Qp *&out) {
-    if (!valid_sig_type(req.sq_sig_type) || !valid_sig_type(req.rq_sig_type)) return VAPI_EINVAL_PARAM;
+    if (!valid_sig_type(raw_value(req.sq_sig_type)) || !valid_sig_type(raw_value(req.rq_sig_type)))
+        return VAPI_EINVAL_PARAM;
     Pd *pd = dev.find_pd(req.pd_hndl);
     if (!pd) return VAPI_EINVAL_PD_HNDL;
     CompletionQueue *scq = find_cq(dev, req.sq_cq_hndl);
@@ -302,10 +305,11 @@ VAPI_ret_t VAPI_create_qp(VAPI_hca_hndl_t hca_hndl, const VAPI_qp_init_attr_t *q
     Call call("VAPI_create_qp", hca_hndl);
     if (call.failed()) return call.status();
     if (!qp_init_attr_p || !qp_hndl_p || !qp_prop_p) return VAPI_EINVAL_PARAM;
-    VAPI_ts_type_t ts = qp_init_attr_p->ts_type;
+    const uint32_t ts_raw = raw_value(qp_init_attr_p->ts_type);
     // Reliable datagram (and with it EE contexts) is not offered by this adapter.
-    if (ts == VAPI_TS_RD) return VAPI_ENOSYS;
-    if (ts != VAPI_TS_RC && ts != VAPI_TS_UC && ts != VAPI_TS_UD) return VAPI_EINVAL_SERVICE_TYPE;
+    if (ts_raw == VAPI_TS_RD) return VAPI_ENOSYS;
+    if (ts_raw != VAPI_TS_RC && ts_raw != VAPI_TS_UC && ts_raw != VAPI_TS_UD) return VAPI_EINVAL_SERVICE_TYPE;
+    const VAPI_ts_type_t ts = static_cast<VAPI_ts_type_t>(ts_raw);
     Qp *qp = nullptr;
     VAPI_ret_t rc = create_common(call.dev(), *qp_init_attr_p, ts, VAPI_REGULAR_QP, 0, qp);
     if (rc != VAPI_OK) return rc;
@@ -323,8 +327,9 @@ VAPI_ret_t VAPI_get_special_qp(VAPI_hca_hndl_t hca_hndl, IB_port_t port, VAPI_sp
     Device &dev = call.dev();
     if (!qp_init_attr_p || !qp_hndl_p || !qp_cap_p) return VAPI_EINVAL_PARAM;
     if (!dev.port(port)) return VAPI_EINVAL_PORT;
-    if (qp_type != VAPI_SMI_QP && qp_type != VAPI_GSI_QP && qp_type != VAPI_RAW_IPV6_QP &&
-        qp_type != VAPI_RAW_ETY_QP)
+    const uint32_t type_raw = raw_value(qp_type);
+    if (type_raw != VAPI_SMI_QP && type_raw != VAPI_GSI_QP && type_raw != VAPI_RAW_IPV6_QP &&
+        type_raw != VAPI_RAW_ETY_QP)
         return VAPI_EINVAL_SPECIAL_QP;
     // QP0 and QP1 exist once per port; the raw QPs once per port and as often as the device's
     // raw QP capability allows in all.

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <optional>
 #include <set>
@@ -49,6 +50,16 @@ struct Qp : Object {
     qpsm::QpState state() const { return static_cast<qpsm::QpState>(attr.qp_state); }
     const VAPI_qp_cap_t &cap() const { return init.cap; }
 };
+
+// The value a caller stored in an enumeration field, read without assuming it is one of the
+// enumerators: C callers may put anything there, and it is checked before use.
+template <class E>
+uint32_t raw_value(const E &e) {
+    static_assert(sizeof(E) == sizeof(uint32_t));
+    uint32_t v;
+    std::memcpy(&v, &e, sizeof v);
+    return v;
+}
 
 // Looks up a QP / CQ record of the device (null when the handle is unknown).
 Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp);

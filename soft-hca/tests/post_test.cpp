@@ -139,7 +139,7 @@ TEST_F(PostTest, OpcodesMustSuitTheTransport) {
     EXPECT_EQ(VAPI_post_sr(hca, ud, &s), VAPI_OK);
     s.opcode = VAPI_RECEIVE;
     EXPECT_EQ(VAPI_post_sr(hca, rc, &s), VAPI_EINVAL_OP);
-    s.opcode = static_cast<VAPI_wr_opcode_t>(8);
+    set_raw(s.opcode, 8);
     EXPECT_EQ(VAPI_post_sr(hca, rc, &s), VAPI_EINVAL_OP);
 }
 
@@ -154,7 +154,7 @@ TEST_F(PostTest, DepthGatherCountAndArgumentsAreChecked) {
     s = send(1, nullptr, 1);
     EXPECT_EQ(VAPI_post_sr(hca, qp, &s), VAPI_EINVAL_PARAM);
     s = send(1, sg_, 1);
-    s.comp_type = static_cast<VAPI_comp_type_t>(5);
+    set_raw(s.comp_type, 5);
     EXPECT_EQ(VAPI_post_sr(hca, qp, &s), VAPI_EINVAL_PARAM);
     s = send(1, sg_, 1);
     s.remote_ah = 999;

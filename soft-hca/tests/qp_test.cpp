@@ -65,7 +65,9 @@ TEST_F(QpTest, EveryTransportButReliableDatagram) {
         EXPECT_EQ(create(init_attr(ts, cq, cq)), VAPI_OK);
     EXPECT_EQ(create(init_attr(VAPI_TS_RD, cq, cq)), VAPI_ENOSYS);
     EXPECT_EQ(create(init_attr(VAPI_TS_RAW, cq, cq)), VAPI_EINVAL_SERVICE_TYPE);
-    EXPECT_EQ(create(init_attr(static_cast<VAPI_ts_type_t>(9), cq, cq)), VAPI_EINVAL_SERVICE_TYPE);
+    VAPI_qp_init_attr_t bad = init_attr(VAPI_TS_UD, cq, cq);
+    set_raw(bad.ts_type, 9);
+    EXPECT_EQ(create(bad), VAPI_EINVAL_SERVICE_TYPE);
     EXPECT_EQ(sh::qp_count("InfiniHost0"), 3u);
 }
 
@@ -87,7 +89,7 @@ TEST_F(QpTest, CreateChecksItsResources) {
     a.cap.max_inline_data_sq = 59 * 16 + 1;
     EXPECT_EQ(create(a), VAPI_E2BIG_INLINE);
     a = init_attr(VAPI_TS_RC, cq, cq);
-    a.sq_sig_type = static_cast<VAPI_sig_type_t>(2);
+    set_raw(a.sq_sig_type, 2);
     EXPECT_EQ(create(a), VAPI_EINVAL_PARAM);
     a = init_attr(VAPI_TS_RC, cq, cq);
     VAPI_qp_hndl_t h = 0;

@@ -9,6 +9,13 @@
 #include "qp.hpp"
 #include "softhca_fixture.hpp"
 
+// Stores a value that is none of the enumerators into an enumeration field, as a C caller can.
+template <class E>
+void set_raw(E &field, uint32_t value) {
+    static_assert(sizeof(E) == sizeof value);
+    std::memcpy(&field, &value, sizeof value);
+}
+
 class QueueTest : public SoftHcaTest {
   protected:
     void SetUp() override {
