@@ -1,5 +1,6 @@
 // Posting through the verbs: which states take work, opcode and capability checks, what gets
 // queued (gather list copies, inline data), list posts, flushing in the error state and faults.
+#include <thread>
 #include <vector>
 
 #include "queue_fixture.hpp"
@@ -366,4 +367,36 @@ TEST_F(PostTest, InjectedFaultsQueueNothing) {
     EXPECT_EQ(rq_depth(qp), 0u);
     EXPECT_EQ(sh::call_count("VAPI_post_sr"), 2u);
     EXPECT_EQ(sh::call_count("VAPI_post_rr"), 0u);
+}
+
+TEST_F(PostTest, PostsAndPollsFromManyThreadsAtOnce) {
+    // Each thread owns a QP in ERR and its CQ: every receive it posts comes back as a flush
+    // completion, all through the one device lock.
+    constexpr int kThreads = 4, kRounds = 200;
+    std::vector<VAPI_qp_hndl_t> qps;
+    std::vector<VAPI_cq_hndl_t> cqs;
+    for (int t = 0; t < kThreads; ++t) {
+        cqs.push_back(make_cq(8));
+        VAPI_qp_init_attr_t a = init_attr(VAPI_TS_UD, cqs.back(), cqs.back());
+        VAPI_qp_hndl_t qp = 0;
+        VAPI_qp_prop_t prop{};
+        ASSERT_EQ(VAPI_create_qp(hca, &a, &qp, &prop), VAPI_OK);
+        ASSERT_EQ(modify(qp, full_attr(VAPI_ERR), QP_ATTR_QP_STATE), VAPI_OK);
+        qps.push_back(qp);
+    }
+    std::vector<int> good(kThreads, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kRounds; ++i) {
+                VAPI_rr_desc_t r = recv(VAPI_wr_id_t(t) << 32 | unsigned(i), sg_, 1);
+                if (VAPI_post_rr(hca, qps[t], &r) != VAPI_OK) return;
+                VAPI_wc_desc_t wc{};
+                if (VAPI_poll_cq(hca, cqs[t], &wc) != VAPI_OK) return;
+                if (wc.id == r.id && wc.status == VAPI_WR_FLUSH_ERR) ++good[t];
+            }
+        });
+    }
+    for (std::thread &th : threads) th.join();
+    for (int t = 0; t < kThreads; ++t) EXPECT_EQ(good[t], kRounds) << t;
 }
