@@ -255,6 +255,16 @@ Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp) {
     return it == dev.qps.end() ? nullptr : static_cast<Qp *>(it->second.get());
 }
 
+Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port) {
+    for (auto &[h, obj] : dev.qps) {
+        Qp *qp = static_cast<Qp *>(obj.get());
+        if (qp->qp_num != qp_num) continue;
+        if ((qp->kind == QpKind::Smi || qp->kind == QpKind::Gsi) && qp->special_port != port) continue;
+        return qp;
+    }
+    return nullptr;
+}
+
 VAPI_cqe_opcode_t send_cqe_opcode(VAPI_wr_opcode_t opcode) {
     switch (opcode) {
         case VAPI_RDMA_WRITE:

@@ -64,6 +64,9 @@ uint32_t raw_value(const E &e) {
 // Looks up a QP / CQ record of the device (null when the handle is unknown).
 Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp);
 CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq);
+// The QP a packet arriving on `port` for QP number `qp_num` is meant for: QP0 and QP1 are the
+// special QPs of that port, other numbers name the same QP on every port. Null when none.
+Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port);
 
 // Completions and CQ errors to deliver once the device lock is released.
 struct PendingEvents {

@@ -390,3 +390,26 @@ TEST_F(QpTest, CloseReleasesQpsAndTheirHandles) {
     EXPECT_EQ(make_qp(VAPI_TS_UD, &prop), 1u);
     EXPECT_EQ(prop.qp_num, 0x400u);
 }
+
+TEST_F(QpTest, QpsAreFoundByNumberAndPort) {
+    VAPI_qp_hndl_t gsi1 = 0, gsi2 = 0, smi1 = 0;
+    ASSERT_EQ(special(1, VAPI_GSI_QP, &gsi1), VAPI_OK);
+    ASSERT_EQ(special(2, VAPI_GSI_QP, &gsi2), VAPI_OK);
+    ASSERT_EQ(special(1, VAPI_SMI_QP, &smi1), VAPI_OK);
+    VAPI_qp_prop_t prop{};
+    VAPI_qp_hndl_t ud = make_qp(VAPI_TS_UD, &prop);
+    auto found = [&](VAPI_qp_num_t num, IB_port_t port) -> VAPI_qp_hndl_t {
+        VAPI_qp_hndl_t h = 0;
+        sh::Device *dev = sh::device_by_handle(hca);
+        std::lock_guard lk(dev->mu);
+        if (sh::Qp *qp = sh::find_qp_by_num(*dev, num, port)) h = qp->hndl;
+        return h;
+    };
+    EXPECT_EQ(found(1, 1), gsi1);
+    EXPECT_EQ(found(1, 2), gsi2);
+    EXPECT_EQ(found(0, 1), smi1);
+    EXPECT_EQ(found(0, 2), 0u);
+    EXPECT_EQ(found(prop.qp_num, 1), ud);
+    EXPECT_EQ(found(prop.qp_num, 2), ud);
+    EXPECT_EQ(found(prop.qp_num + 1, 1), 0u);
+}
