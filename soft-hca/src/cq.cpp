@@ -130,6 +130,7 @@ VAPI_ret_t EVAPI_peek_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
+    // "Not yet" is the empty-CQ status rather than a failure: peeking never changes the CQ.
     return cq->count() >= cqe_num ? VAPI_OK : VAPI_CQ_EMPTY;
 }
 
