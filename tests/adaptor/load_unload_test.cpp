@@ -137,7 +137,8 @@ TEST_F(LoadUnload, IdentifierBufferFailureRegistersNoDevices) {
     k::add_alloc_fault(fault);
     load_ok();
     EXPECT_TRUE(contains(log(), ad_error("ox_mlx_register_provider", "kmalloc(2880) failed")));
-    const auto *p = mlx(st::providers());
+    auto all = st::providers();
+    const auto *p = mlx(all);
     ASSERT_NE(nullptr, p);
     EXPECT_TRUE(p->devices.empty());
     EXPECT_EQ(1ul, k::injected_alloc_failures());
