@@ -116,7 +116,10 @@ void sweep_locked() {
     for (PendingEvent &e : events) e.dev->raise_async_event(e.rec);
 }
 
-bool set_cable(const std::string &device, int port, bool cabled) {
+// Changes one port's physical condition under the fabric lock, then lets the subnet manager
+// sweep. False when the device or port does not exist.
+template <typename Change>
+bool change_port(const std::string &device, int port, Change change) {
     std::lock_guard lk(fab().mu);
     Device *d = device_by_name(device);
     if (!d) return false;
@@ -124,10 +127,14 @@ bool set_cable(const std::string &device, int port, bool cabled) {
         std::lock_guard dl(d->mu);
         Port *p = d->port(IB_port_t(port));
         if (!p || port < 1 || port > 255) return false;
-        p->cabled = cabled;
+        change(*p);
     }
     sweep_locked();
     return true;
+}
+
+bool set_cable(const std::string &device, int port, bool cabled) {
+    return change_port(device, port, [cabled](Port &p) { p.cabled = cabled; });
 }
 
 const char *state_name(IB_port_state_t s) {
@@ -196,17 +203,7 @@ bool plug(const std::string &device, int port) {
 }
 
 bool set_port_disabled(const std::string &device, int port, bool disabled) {
-    std::lock_guard lk(fab().mu);
-    Device *d = device_by_name(device);
-    if (!d) return false;
-    {
-        std::lock_guard dl(d->mu);
-        Port *p = d->port(IB_port_t(port));
-        if (!p || port < 1 || port > 255) return false;
-        p->disabled = disabled;
-    }
-    sweep_locked();
-    return true;
+    return change_port(device, port, [disabled](Port &p) { p.disabled = disabled; });
 }
 
 Device *device_by_lid(IB_lid_t lid, IB_port_t *port_out) {
