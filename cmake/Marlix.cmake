@@ -1,5 +1,13 @@
 # Shared build rules: warnings, and how a kernel module (.ko) is built.
 
+# Rebuilds of the same sources (several checkouts, several presets) come from ccache when it is
+# installed; nothing depends on it.
+find_program(MARLIX_CCACHE ccache)
+if(MARLIX_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_C_COMPILER_LAUNCHER ${MARLIX_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${MARLIX_CCACHE})
+endif()
+
 set(MARLIX_WARNINGS -Wall -Wextra)
 set(MARLIX_MODULE_STUB ${CMAKE_CURRENT_LIST_DIR}/../host/kernel/src/module_stub.c)
 
