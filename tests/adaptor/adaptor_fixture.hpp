@@ -13,6 +13,8 @@
 #include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 #include "marlix/stack.hpp"
+#include "module_layout.hpp"
+#include "ulp_verbs.h"
 
 namespace adaptor_test {
 
@@ -142,6 +144,37 @@ class AdaptorFixture : public ::testing::Test {
             if (a.file.find("adaptor-tavor") != std::string::npos) n++;
         return n;
     }
+
+    // The module's statistics record, error ring and accounting table.
+    RecordView stats() { return RecordView("tavor_stats", exported<void>("g_stat")); }
+    RecordView ring_entry(int i) {
+        return RecordView("vapi_err_st", exported<void>("g_last_vapi_err_array")).element(i);
+    }
+    RecordView alloc_row(int index) {
+        return RecordView("alloc_mem_t", sym<void>("g_alloc_mem_array")).element(index);
+    }
+    long long alloc_num(const char *index_name) { return alloc_row(mem_ix(index_name))["alloc_num"]; }
+
+    // The provider "mlx" as the verbs core hands it to an upper layer.
+    static const ulp_funcs_t *provider() { return ulp_find_provider("mlx"); }
+    // A table of the module's exported entry points, slot by slot.
+    static const ulp_funcs_t *exported_table() {
+        return static_cast<const ulp_funcs_t *>(
+            adp_table_of_exported_symbols([](const char *name) { return k::lookup_symbol(name); }));
+    }
+
+    // Opens an HCA through the provider table, as an upper layer does; returns the record.
+    void *open_hca(const char *name = "InfiniHost0", void *context = nullptr) {
+        const ulp_funcs_t *funcs = provider();
+        EXPECT_NE(nullptr, funcs);
+        if (!funcs) return nullptr;
+        void *hca = nullptr;
+        EXPECT_EQ(0, ulp_hca_open(funcs, name, context, &hca)) << name;
+        EXPECT_NE(nullptr, hca);
+        return hca;
+    }
+    void close_hca(void *hca) { EXPECT_EQ(0, ulp_hca_close(provider(), hca)); }
+    RecordView hca_record(void *hca) { return RecordView("ox_opened_hca_t", hca); }
 
     void unload() {
         if (module_handle_) dlclose(module_handle_);
