@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -90,6 +91,7 @@ class AdaptorFixture : public ::testing::Test {
         hca::Options hca_options;
         hca_options.device_count = devices;
         hca::boot(hca_options);
+        hca::reset_call_counts();
     }
 
     static void set_debug_level(long level) {
@@ -185,6 +187,39 @@ class AdaptorFixture : public ::testing::Test {
   private:
     void *module_handle_ = nullptr;
 };
+
+// A pointer as the kernel's %p prints it: sixteen zero-padded lower-case hex digits.
+inline std::string kptr(const void *p) {
+    char buf[32];
+    std::snprintf(buf, sizeof(buf), "%016lx", reinterpret_cast<unsigned long>(p));
+    return buf;
+}
+
+inline std::string ad_func(const std::string &func, const std::string &message) {
+    return ad_line("FUNC   ", func, message);
+}
+
+// Whether a line is the DEBUG trace of taking or releasing the adaptor lock.
+inline bool is_lock_trace(const std::string &line) {
+    return line.find("ADAPTOR_LOCK cpu[") != std::string::npos ||
+           line.find("ADAPTOR_UNLOCK cpu[") != std::string::npos;
+}
+
+// `lines` without the lock traces.
+inline std::vector<std::string> without_lock_trace(const std::vector<std::string> &lines) {
+    std::vector<std::string> out;
+    for (const auto &l : lines)
+        if (!is_lock_trace(l)) out.push_back(l);
+    return out;
+}
+
+// The lines of one level ("ERROR  ", "DEBUG  ", ...).
+inline std::vector<std::string> at_level(const std::vector<std::string> &lines, const char *level) {
+    std::vector<std::string> out;
+    for (const auto &l : lines)
+        if (l.rfind(std::string(level) + " : AD_TAVOR : ", 0) == 0) out.push_back(l);
+    return out;
+}
 
 // Lines of `all` equal to `line`.
 inline size_t count_of(const std::vector<std::string> &all, const std::string &line) {

@@ -3,6 +3,8 @@
 #include <stddef.h>
 #include <string.h>
 
+#include <linux/slab.h>
+
 #include "adaptor-tavor.h"
 #include "ox-adaptor-common.h"
 #include "ox-provider.h"
@@ -254,6 +256,66 @@ void adp_call_version_exit(const void *fn, char *name) {
 
 void adp_call_timer(const void *fn, unsigned long data) {
     ((__typeof__(&ox_com_timer_generator))fn)(data);
+}
+
+void *adp_link_cq_record(void *hca, unsigned long vapi_handle) {
+    ox_opened_hca_t *h = (ox_opened_hca_t *)hca;
+    ox_opened_cq_t *cq = (ox_opened_cq_t *)kzalloc(sizeof(*cq), GFP_KERNEL);
+
+    cq->cq_h = (ox_cq_h_t)vapi_handle;
+    list_add(&cq->list, &h->opened_cq_list);
+    if (vapi_handle <= OX_OPENED_ARRAY_MAX_IX) h->opened_cq_array[vapi_handle] = cq;
+    return cq;
+}
+
+void *adp_link_qp_record(void *hca, unsigned long vapi_handle) {
+    ox_opened_hca_t *h = (ox_opened_hca_t *)hca;
+    ox_opened_qp_t *qp = (ox_opened_qp_t *)kzalloc(sizeof(*qp), GFP_KERNEL);
+
+    qp->qp_h = (ox_qp_h_t)vapi_handle;
+    list_add(&qp->list, &h->opened_qp_list);
+    if (vapi_handle <= OX_OPENED_ARRAY_MAX_IX) h->opened_qp_array[vapi_handle] = qp;
+    return qp;
+}
+
+void *adp_link_async_registration(void *hca) {
+    ox_opened_hca_t *h = (ox_opened_hca_t *)hca;
+    ox_asy_ev_element_t *element = (ox_asy_ev_element_t *)kzalloc(sizeof(*element), GFP_KERNEL);
+
+    element->req_asy_ev.req_event_type = ox_async_even_all;
+    list_add(&element->list, &h->events_lists.reg_for_async);
+    return element;
+}
+
+int adp_call_unsupported_memory(const void *funcs, void *hca, int *results) {
+    const ox_hca_func_t *f = (const ox_hca_func_t *)funcs;
+    ox_opened_hca_t *h = (ox_opened_hca_t *)hca;
+    ox_phy_buf_t buf = {0x1000, 0x1000};
+    ox_phy_list_t list = {1, &buf};
+    ox_mem_reg_h_t mem_h = 0x5a5a;
+    ox_mem_win_h_t win_h = 0x5a5a;
+    ox_iova_t iova = 0x5a5a;
+    ox_l_key_t l_key = 0x5a5a;
+    ox_r_key_t r_key = 0x5a5a;
+    ox_pd_h_t pd_h = 0x5a5a;
+    ox_wr_t wr;
+    char area[64];
+    int n = 0;
+
+    memset(&wr, 0x5a, sizeof(wr));
+    results[n++] = f->ox_mem_region_re_register(h, 7, 0xff, area, sizeof(area), 3, 7, &mem_h, &l_key, &r_key);
+    results[n++] = f->ox_phy_mem_region_re_register(h, 7, 0xff, &list, 0x1000, 0x1000, 0, 3, 7, &mem_h, &iova,
+                                                    &l_key, &r_key);
+    results[n++] = f->ox_shared_mem_region_register(h, 7, area, 3, 7, &mem_h, &l_key, &r_key);
+    results[n++] = f->ox_mem_win_allocate(h, 3, &win_h, &r_key);
+    results[n++] = f->ox_mem_win_query(h, win_h, &pd_h);
+    results[n++] = f->ox_mem_win_bind(h, (ox_qp_h_t)area, win_h, &wr, &r_key);
+    results[n++] = f->ox_mem_win_deallocate(h, win_h);
+    /* Nothing was written through the outputs. */
+    if (mem_h != 0x5a5a || win_h != 0x5a5a || iova != 0x5a5a || l_key != 0x5a5a || r_key != 0x5a5a ||
+        pd_h != 0x5a5a)
+        return -1;
+    return n;
 }
 
 const void *adp_table_of_exported_symbols(const void *(*lookup)(const char *name)) {

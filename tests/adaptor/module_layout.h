@@ -45,6 +45,19 @@ int adp_call_version_init(const void *fn, char *name, char *version, char *tag);
 void adp_call_version_exit(const void *fn, char *name);
 void adp_call_timer(const void *fn, unsigned long data);
 
+/* Tracking records an upper layer left on an HCA, linked the way CQ and QP creation link them:
+ * at the head of the HCA's list and, for a VAPI handle up to 1000, in its array slot. Allocated
+ * with the kernel's kmalloc so that the module can free them. Returns the record. */
+void *adp_link_cq_record(void *hca, unsigned long vapi_handle);
+void *adp_link_qp_record(void *hca, unsigned long vapi_handle);
+/* An asynchronous callback registration linked at the head of the HCA's list. */
+void *adp_link_async_registration(void *hca);
+
+/* Calls the seven memory slots that answer "not supported" (re-register, physical re-register,
+ * shared register, window allocate, query, bind, deallocate) through `funcs` with junk arguments
+ * and stores each result; returns the number of calls. */
+int adp_call_unsupported_memory(const void *funcs, void *hca, int *results);
+
 /* A function table (ox_hca_func_t) whose slots hold the module's exported symbols, found with
  * `lookup` ("oxi_mlx_<slot name>"); slots without a symbol stay null. Lives until the next call. */
 const void *adp_table_of_exported_symbols(const void *(*lookup)(const char *name));
