@@ -6,7 +6,7 @@
 #include <tuple>
 #include <vector>
 
-#include "qp_state_machine.hpp"
+#include "device/qp_state_machine.hpp"
 
 using namespace marlix::softhca::qpsm;
 using namespace marlix::softhca::qpsm::attr;

@@ -1,4 +1,4 @@
-#include "qp_state_machine.hpp"
+#include "device/qp_state_machine.hpp"
 
 namespace marlix::softhca::qpsm {
 

@@ -11,9 +11,9 @@
 #include <set>
 #include <vector>
 
-#include "cq.hpp"
-#include "device.hpp"
-#include "qp_state_machine.hpp"
+#include "device/cq.hpp"
+#include "device/device.hpp"
+#include "device/qp_state_machine.hpp"
 
 namespace marlix::softhca {
 
