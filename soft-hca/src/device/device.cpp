@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "device/limits.hpp"
+#include "device/qp.hpp"
 #include "fabric/fabric.hpp"
 #include "host_interface.hpp"
 #include "marlix/kernel.hpp"
@@ -412,6 +413,26 @@ bool set_next_qp_handle(const std::string &device, uint64_t value) {
     if (!d) return false;
     std::lock_guard lk(d->mu);
     d->qp_handles.inject_next(value);
+    return true;
+}
+
+bool raise_async_event(const std::string &device, uint32_t type, uint64_t modifier, uint32_t syndrome) {
+    VAPI_event_record_t rec{};
+    static_assert(sizeof(rec.type) == sizeof type && sizeof(rec.syndrome) == sizeof syndrome);
+    static_assert(sizeof(rec.modifier) == sizeof modifier);
+    std::memcpy(&rec.type, &type, sizeof type);
+    std::memcpy(&rec.syndrome, &syndrome, sizeof syndrome);
+    std::memcpy(&rec.modifier, &modifier, sizeof modifier);
+    return raise_async_event(device, rec);
+}
+
+bool set_reported_qp_state(const std::string &device, VAPI_qp_hndl_t qp, std::optional<uint32_t> raw_state) {
+    Device *d = device_by_name(device);
+    if (!d) return false;
+    std::lock_guard lk(d->mu);
+    Qp *q = find_qp(*d, qp);
+    if (!q) return false;
+    q->reported_state = raw_state;
     return true;
 }
 

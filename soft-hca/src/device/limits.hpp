@@ -36,6 +36,8 @@ constexpr VAPI_qp_num_t kLastQpNum = 0xffffff;
 // same room.
 constexpr uint32_t kSgEntryBytes = 16;
 constexpr uint32_t kMaxInlineData = kMaxSgEntries * kSgEntryBytes;
+// The responder's minimum RNR NAK timer when the QP was never given one: code 12, 0.64 ms.
+constexpr uint8_t kDefaultMinRnrTimer = 12;
 // Outstanding RDMA reads and atomics a QP may have as requester / accept as responder.
 constexpr uint32_t kMaxQpInitRdAtom = 4;
 constexpr uint32_t kMaxQpOusRdAtom = 4;

@@ -45,6 +45,7 @@ struct Qp : Object {
     std::deque<SendWqe> sq;
     std::deque<RecvWqe> rq;
     std::set<std::pair<Mgid, IB_lid_t>> mcast_groups;  // groups this QP is attached to
+    std::optional<uint32_t> reported_state;             // what VAPI_query_qp says instead (tests)
 
     VAPI_ts_type_t transport() const { return init.ts_type; }
     qpsm::QpState state() const { return static_cast<qpsm::QpState>(attr.qp_state); }

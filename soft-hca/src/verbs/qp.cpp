@@ -4,6 +4,7 @@
 #include "device/limits.hpp"
 
 #include <algorithm>
+#include <cstring>
 #include <string_view>
 #include <tuple>
 
@@ -176,6 +177,7 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
     qp->attr.qp_num = qp->qp_num;
     qp->attr.cap = cap;
     qp->attr.port = port;
+    qp->attr.min_rnr_timer = kDefaultMinRnrTimer;
     qp->hndl = dev.qp_handles.allocate();
 
     pd->users++;
@@ -325,9 +327,14 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
         VAPI_qp_attr_t fresh{};
         fresh.qp_num = qp->qp_num;
         fresh.port = qp->special_port;
+        fresh.min_rnr_timer = kDefaultMinRnrTimer;
         qp->attr = fresh;
     } else {
-        apply(*qp, *qp_attr_p, mask);
+        VAPI_qp_attr_mask_t applied = mask;
+        // Send-side timers named on the way into RTR are accepted and ignored (RTS sets them).
+        if (from == QpState::Init && to == QpState::Rtr)
+            applied &= ~(QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY);
+        apply(*qp, *qp_attr_p, applied);
     }
     qp->init.cap = cap;
     qp->attr.cap = cap;
@@ -356,6 +363,8 @@ VAPI_ret_t VAPI_query_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, VAPI_
     if (!qp) return VAPI_EINVAL_QP_HNDL;
     if (!qp_attr_p) return VAPI_EINVAL_PARAM;
     *qp_attr_p = qp->attr;
+    // A test may make the QP report a state of its choice, even one that is no state at all.
+    if (qp->reported_state) std::memcpy(&qp_attr_p->qp_state, &*qp->reported_state, sizeof(uint32_t));
     if (qp_attr_mask_p) *qp_attr_mask_p = QP_ATTR_ALL;
     if (qp_init_attr_p) *qp_init_attr_p = qp->init;
     return VAPI_OK;
