@@ -1,12 +1,16 @@
 // Devices of the software HCA: identity and capabilities, handle pools, key table, the registry
 // that boot() fills, and the Call that starts every verb.
-#include "device.hpp"
-
-#include <asm/page.h>  // the emulated kernel's direct map: physical memory is at __va(phys)
+#include "device/device.hpp"
 
 #include <cstring>
 
-#include "fabric.hpp"
+#include "device/limits.hpp"
+#include "datapath/datapath.hpp"
+#include "device/qp.hpp"
+#include "engine/engine.hpp"
+#include "fabric/fabric.hpp"
+#include "fabric/wire.hpp"
+#include "host_interface.hpp"
 #include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 
@@ -27,8 +31,6 @@ System &sys() {
     static System s;
     return s;
 }
-
-constexpr uint64_t kNodeGuidBase = 0x0002c90000001000ull;  // Mellanox OUI 00:02:c9
 
 void put_guid(IB_guid_t out, uint64_t guid) {
     for (int i = 0; i < 8; ++i) out[i] = uint8_t(guid >> (56 - 8 * i));
@@ -80,36 +82,36 @@ void Port::count_rcv(uint64_t bytes) {
 
 Device::Device(int idx, int nports)
     : index(idx), name("InfiniHost" + std::to_string(idx)), hndl(VAPI_hca_hndl_t(idx)) {
-    node_guid = kNodeGuidBase + uint64_t(idx) * 0x1000;
+    node_guid = limits::kNodeGuidBase + uint64_t(idx) * 0x1000;
 
-    vendor.vendor_id = 0x02c9;
-    vendor.vendor_part_id = 23108;
-    vendor.hw_ver = 0xa1;
+    vendor.vendor_id = limits::kVendorId;
+    vendor.vendor_part_id = limits::kVendorPartId;
+    vendor.hw_ver = limits::kHwVersion;
     vendor.fw_ver = (uint64_t(3) << 32) | (uint64_t(5) << 16);
 
-    cap.max_num_qp = 64512;
-    cap.max_qp_ous_wr = 16384;
+    cap.max_num_qp = limits::kMaxQps;
+    cap.max_qp_ous_wr = limits::kMaxWrPerQueue;
     cap.flags = VAPI_BAD_PKEY_COUNT_CAP | VAPI_BAD_QKEY_COUNT_CAP | VAPI_AUTO_PATH_MIG_CAP |
                 VAPI_CHANGE_PHY_PORT_CAP | VAPI_UD_AV_PORT_ENFORCE_CAP | VAPI_CURR_QP_STATE_MOD_CAP |
                 VAPI_SHUTDOWN_PORT_CAP | VAPI_PORT_ACTIVE_EV_CAP | VAPI_SYS_IMG_GUID_CAP |
                 VAPI_RC_RNR_NAK_GEN_CAP;
-    cap.max_num_sg_ent = 59;
-    cap.max_num_sg_ent_rd = 54;
-    cap.max_num_cq = 65408;
-    cap.max_num_ent_cq = 131071;
-    cap.max_num_mr = 131056;
+    cap.max_num_sg_ent = limits::kMaxSgEntries;
+    cap.max_num_sg_ent_rd = limits::kMaxSgEntriesRd;
+    cap.max_num_cq = limits::kMaxCqs;
+    cap.max_num_ent_cq = limits::kMaxCqEntries;
+    cap.max_num_mr = limits::kMaxMrs;
     cap.max_mr_size = ~0ull;
-    cap.max_pd_num = 32764;
+    cap.max_pd_num = limits::kMaxPds;
     cap.page_size_cap = 4096;
     cap.phys_port_num = IB_port_t(nports);
-    cap.max_pkeys = 64;
+    cap.max_pkeys = limits::kPkeyTableLen;
     put_guid(cap.node_guid, node_guid);
     put_guid(cap.sys_image_guid, node_guid);
     cap.local_ca_ack_delay = 15;
-    cap.max_qp_ous_rd_atom = 4;
+    cap.max_qp_ous_rd_atom = limits::kMaxQpOusRdAtom;
     cap.max_ee_ous_rd_atom = 0;
     cap.max_res_rd_atom = 255;
-    cap.max_qp_init_rd_atom = 4;
+    cap.max_qp_init_rd_atom = limits::kMaxQpInitRdAtom;
     cap.max_ee_init_rd_atom = 0;
     cap.atomic_cap = VAPI_ATOMIC_CAP_HCA;
     cap.max_ee_num = 0;  // reliable datagram is not supported
@@ -117,11 +119,11 @@ Device::Device(int idx, int nports)
     cap.max_mw_num = 0;
     cap.max_raw_ipv6_qp = 1;
     cap.max_raw_ethy_qp = 1;
-    cap.max_mcast_grp_num = 8192;
-    cap.max_mcast_qp_attach_num = 56;
-    cap.max_total_mcast_qp_attach_num = 8192 * 56;
-    cap.max_ah_num = 65536;
-    cap.max_num_fmr = 32768;
+    cap.max_mcast_grp_num = limits::kMaxMcastGroups;
+    cap.max_mcast_qp_attach_num = limits::kMaxQpsPerMcastGroup;
+    cap.max_total_mcast_qp_attach_num = limits::kMaxMcastGroups * limits::kMaxQpsPerMcastGroup;
+    cap.max_ah_num = limits::kMaxAhs;
+    cap.max_num_fmr = limits::kMaxFmrs;
     cap.max_num_map_per_fmr = 32767;
     cap.max_num_srq = 0;
     cap.max_wqe_per_srq = 0;
@@ -133,7 +135,7 @@ Device::Device(int idx, int nports)
         Port &p = ports[size_t(i)];
         p.num = IB_port_t(i + 1);
         p.guid = node_guid + uint64_t(i + 1);
-        p.capability_mask = kDefaultPortCapMask;
+        p.capability_mask = limits::kDefaultPortCapMask;
         p.pkeys.assign(64, 0);
         p.pkeys[0] = VAPI_DEFAULT_PKEY;
     }
@@ -169,57 +171,50 @@ void Device::set_keys(Region &region, uint32_t index, uint8_t gen) {
 }
 
 void Device::add_keys(const Region &region) {
-    lkeys_[region.lkey] = &region;
-    rkeys_[region.rkey] = &region;
+    for (auto [table, key] : {std::pair{&lkeys_, region.lkey}, std::pair{&rkeys_, region.rkey}}) {
+        size_t i = key >> 8;
+        if (table->size() <= i) table->resize(i + 1, nullptr);
+        (*table)[i] = &region;
+    }
 }
 
 void Device::remove_keys(const Region &region) {
-    auto l = lkeys_.find(region.lkey);
-    if (l != lkeys_.end() && l->second == &region) lkeys_.erase(l);
-    auto r = rkeys_.find(region.rkey);
-    if (r != rkeys_.end() && r->second == &region) rkeys_.erase(r);
+    for (auto [table, key] : {std::pair{&lkeys_, region.lkey}, std::pair{&rkeys_, region.rkey}}) {
+        size_t i = key >> 8;
+        if (i < table->size() && (*table)[i] == &region) (*table)[i] = nullptr;
+    }
 }
 
 const Region *Device::find_lkey(VAPI_lkey_t lkey) const {
-    auto it = lkeys_.find(lkey);
-    return it == lkeys_.end() ? nullptr : it->second;
+    size_t i = lkey >> 8;
+    const Region *r = i < lkeys_.size() ? lkeys_[i] : nullptr;
+    return r && r->lkey == lkey ? r : nullptr;
 }
 
 const Region *Device::find_rkey(VAPI_rkey_t rkey) const {
-    auto it = rkeys_.find(rkey);
-    return it == rkeys_.end() ? nullptr : it->second;
+    size_t i = rkey >> 8;
+    const Region *r = i < rkeys_.size() ? rkeys_[i] : nullptr;
+    return r && r->rkey == rkey ? r : nullptr;
+}
+
+uint8_t *phys_ptr(uint64_t phys) {
+    return static_cast<uint8_t *>(host::phys_to_host(phys));
 }
 
 VAPI_ret_t Device::translate(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr,
                              uint64_t len, VAPI_mrw_acl_t need, std::vector<HostSpan> &out) const {
-    const Region *r = remote ? find_rkey(key) : find_lkey(key);
-    if (!r) return remote ? VAPI_EINVAL_R_KEY : VAPI_EINVAL_L_KEY;
-    if (pd != 0 && r->pd != pd) return VAPI_EINVAL_PD_HNDL;
-    if ((r->acl & need) != need) return VAPI_EPERM;
-    if (addr < r->start || len > r->size || addr - r->start > r->size - len) return VAPI_EINVAL_LEN;
     out.clear();
-    if (len == 0) return VAPI_OK;
-    if (!r->physical) {
-        out.push_back({reinterpret_cast<uint8_t *>(uintptr_t(addr)), size_t(len)});
-        return VAPI_OK;
-    }
-    // Walk the buffers: the region's IOVA start lies `offset` bytes into the first buffer.
-    uint64_t skip = (addr - r->start) + r->offset;
-    for (const VAPI_phy_buf_t &b : r->bufs) {
-        if (len == 0) break;
-        if (skip >= b.size) {
-            skip -= b.size;
-            continue;
-        }
-        uint64_t n = std::min<uint64_t>(b.size - skip, len);
-        out.push_back({static_cast<uint8_t *>(__va(b.start + skip)), size_t(n)});
-        len -= n;
-        skip = 0;
-    }
-    return len == 0 ? VAPI_OK : VAPI_EINVAL_LEN;
+    return walk(key, remote, pd, addr, len, need, [&](uint8_t *p, size_t n) {
+        out.push_back({p, n});
+        return true;
+    });
 }
 
 void Device::release_all() {
+    active_qps.clear();
+    sent_unreliable.clear();
+    retired.clear();
+    failed = false;
     qps.clear();
     ahs.clear();
     mcast.reset();
@@ -257,6 +252,7 @@ void Device::raise_async_event(const VAPI_event_record_t &record) {
 
 static void boot_locked(const Options &options) {
     System &s = sys();
+    engine_stop();  // a reboot: the old engine must not run over the devices being replaced
     {
         std::lock_guard lk(s.mu);
         s.devices.clear();
@@ -265,7 +261,9 @@ static void boot_locked(const Options &options) {
             s.devices.push_back(std::make_unique<Device>(i, options.ports));
         s.booted = true;
     }
+    wire_reset();
     fabric_boot(options);
+    engine_start(options.engine);
 }
 
 void boot(const Options &options) {
@@ -276,6 +274,8 @@ void boot(const Options &options) {
 void halt() {
     System &s = sys();
     std::lock_guard b(s.boot_mu);
+    engine_stop();
+    wire_reset();
     fabric_halt();
     std::lock_guard lk(s.mu);
     s.devices.clear();
@@ -334,7 +334,7 @@ void dispatch_event(std::function<void()> fn) {
     if (d)
         d(std::move(fn));
     else
-        kernel::raise_irq(std::move(fn), false);  // as the adapter's interrupt: hardirq context
+        host::raise_interrupt(std::move(fn));
 }
 
 // ---- Call ----------------------------------------------------------------------------------------------
@@ -414,6 +414,67 @@ bool set_next_qp_handle(const std::string &device, uint64_t value) {
     if (!d) return false;
     std::lock_guard lk(d->mu);
     d->qp_handles.inject_next(value);
+    return true;
+}
+
+bool raise_async_event(const std::string &device, uint32_t type, uint64_t modifier, uint32_t syndrome) {
+    VAPI_event_record_t rec{};
+    static_assert(sizeof(rec.type) == sizeof type && sizeof(rec.syndrome) == sizeof syndrome);
+    static_assert(sizeof(rec.modifier) == sizeof modifier);
+    std::memcpy(&rec.type, &type, sizeof type);
+    std::memcpy(&rec.syndrome, &syndrome, sizeof syndrome);
+    std::memcpy(&rec.modifier, &modifier, sizeof modifier);
+    return raise_async_event(device, rec);
+}
+
+bool set_reported_qp_state(const std::string &device, VAPI_qp_hndl_t qp, std::optional<uint32_t> raw_state) {
+    Device *d = device_by_name(device);
+    if (!d) return false;
+    std::lock_guard lk(d->mu);
+    Qp *q = find_qp(*d, qp);
+    if (!q) return false;
+    q->reported_state = raw_state;
+    return true;
+}
+
+bool complete_next_with_status(const std::string &device, VAPI_qp_hndl_t qp, WorkQueue queue,
+                               VAPI_wc_status_t status, uint32_t syndrome) {
+    Device *d = device_by_name(device);
+    if (!d) return false;
+    {
+        std::lock_guard lk(d->mu);
+        Qp *q = find_qp(*d, qp);
+        if (!q) return false;
+        Qp::Forced &f = queue == WorkQueue::Send ? q->forced_send : q->forced_recv;
+        f.armed = true;
+        f.status = status;
+        f.syndrome = syndrome;
+        if (queue == WorkQueue::Send) activate(*d, *q);
+    }
+    engine_kick();
+    return true;
+}
+
+bool inject_catastrophic_error(const std::string &device) {
+    Device *d = device_by_name(device);
+    if (!d) return false;
+    PendingEvents events;
+    {
+        std::lock_guard lk(d->mu);
+        if (!d->open) return false;
+        // Every QP stops where it is; what was queued is flushed with errors.
+        for (auto &[h, obj] : d->qps) enter_error(*d, *static_cast<Qp *>(obj.get()), events);
+        d->failed = true;
+        VAPI_event_record_t rec{};
+        rec.type = VAPI_LOCAL_CATASTROPHIC_ERROR;
+        events.async.push_back(rec);
+    }
+    // Raised as the device goes quiet: delivered even though the device no longer works.
+    for (size_t i = 0; i < events.completions.size(); ++i) {
+        CompletionEvent ev = events.completions[i];
+        dispatch_event([ev] { ev.fire(); });
+    }
+    for (size_t i = 0; i < events.async.size(); ++i) d->raise_async_event(events.async[i]);
     return true;
 }
 

@@ -1,8 +1,12 @@
 // Queue pair verbs: create (regular and special QPs), modify through the state machine, query,
 // destroy; flushing of the work queues when a QP enters the error state.
-#include "qp.hpp"
+#include "device/qp.hpp"
+#include "datapath/datapath.hpp"
+#include "device/limits.hpp"
+#include "engine/engine.hpp"
 
 #include <algorithm>
+#include <cstring>
 #include <string_view>
 #include <tuple>
 
@@ -13,12 +17,7 @@ namespace {
 using qpsm::QpKind;
 using qpsm::QpState;
 
-constexpr VAPI_qp_num_t kFirstQpNum = 0x400;
-constexpr VAPI_qp_num_t kLastQpNum = 0xffffff;
-constexpr unsigned kGidTableLen = 32;
-// A send WQE holds up to the device's gather entries of 16 bytes each; inline data uses the
-// same room.
-constexpr uint32_t kSgEntryBytes = 16;
+using namespace limits;
 
 uint32_t round_up_pow2(uint32_t n) {
     if (n == 0) return 0;
@@ -180,7 +179,10 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
     qp->attr.qp_num = qp->qp_num;
     qp->attr.cap = cap;
     qp->attr.port = port;
+    qp->attr.min_rnr_timer = kDefaultMinRnrTimer;
     qp->hndl = dev.qp_handles.allocate();
+    qp->sq.resize(cap.max_oust_wr_sq, cap.max_sg_size_sq, cap.max_inline_data_sq);
+    qp->rq.resize(cap.max_oust_wr_rq, cap.max_sg_size_rq, 0);
 
     pd->users++;
     scq->qp_users++;
@@ -188,6 +190,17 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
     out = qp.get();
     dev.qps[qp->hndl] = std::move(qp);
     return VAPI_OK;
+}
+
+// Back to RESET: the requester and responder forget the connection.
+void reset_datapath_state(Qp &qp) {
+    qp.next_send = qp.sq.head();
+    qp.next_psn = qp.expected_psn = qp.msn = 0;
+    qp.rd_atom_outstanding = 0;
+    qp.retransmit_at = qp.rnr_wait_until = 0;
+    qp.sqd_event_due = qp.in_message = qp.recv_taken = qp.message_failed = qp.nak_sent = false;
+    qp.comm_established = false;
+    qp.atomic_replay = {};
 }
 
 qpsm::Transport transport_of(const Qp &qp) {
@@ -200,8 +213,8 @@ qpsm::Transport transport_of(const Qp &qp) {
 // not drop below the work requests queued now. Gather and inline sizes are fixed at creation.
 VAPI_ret_t resized_caps(const Device &dev, const Qp &qp, const VAPI_qp_cap_t &req, VAPI_qp_cap_t &out) {
     out = qp.cap();
-    for (auto [want, have, queued] : {std::tuple{req.max_oust_wr_sq, &out.max_oust_wr_sq, qp.sq.size()},
-                                      std::tuple{req.max_oust_wr_rq, &out.max_oust_wr_rq, qp.rq.size()}}) {
+    for (auto [want, have, queued] : {std::tuple{req.max_oust_wr_sq, &out.max_oust_wr_sq, qp.sq.count()},
+                                      std::tuple{req.max_oust_wr_rq, &out.max_oust_wr_rq, qp.rq.count()}}) {
         if (want == 0) continue;
         if (want > dev.cap.max_qp_ous_wr) return VAPI_E2BIG_WR_NUM;
         uint32_t depth = round_up_pow2(want);
@@ -238,71 +251,8 @@ void apply(Qp &qp, const VAPI_qp_attr_t &a, VAPI_qp_attr_mask_t mask) {
     if (mask & QP_ATTR_DEST_QP_NUM) t.dest_qp_num = a.dest_qp_num;
 }
 
-VAPI_wc_desc_t flush_entry(const Qp &qp, VAPI_wr_id_t id, VAPI_cqe_opcode_t opcode) {
-    VAPI_wc_desc_t wc{};
-    wc.status = VAPI_WR_FLUSH_ERR;
-    wc.id = id;
-    wc.local_qp_num = qp.qp_num;
-    wc.opcode = opcode;
-    wc.remote_node_addr.type = VAPI_RNA_UD;
-    return wc;
-}
 
 }  // namespace
-
-Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp) {
-    auto it = dev.qps.find(qp);
-    return it == dev.qps.end() ? nullptr : static_cast<Qp *>(it->second.get());
-}
-
-Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port) {
-    for (auto &[h, obj] : dev.qps) {
-        Qp *qp = static_cast<Qp *>(obj.get());
-        if (qp->qp_num != qp_num) continue;
-        if ((qp->kind == QpKind::Smi || qp->kind == QpKind::Gsi) && qp->special_port != port) continue;
-        return qp;
-    }
-    return nullptr;
-}
-
-VAPI_cqe_opcode_t send_cqe_opcode(VAPI_wr_opcode_t opcode) {
-    switch (opcode) {
-        case VAPI_RDMA_WRITE:
-        case VAPI_RDMA_WRITE_WITH_IMM:
-            return VAPI_CQE_SQ_RDMA_WRITE;
-        case VAPI_SEND:
-        case VAPI_SEND_WITH_IMM:
-            return VAPI_CQE_SQ_SEND_DATA;
-        case VAPI_RDMA_READ:
-            return VAPI_CQE_SQ_RDMA_READ;
-        case VAPI_ATOMIC_CMP_AND_SWP:
-            return VAPI_CQE_SQ_COMP_SWAP;
-        case VAPI_ATOMIC_FETCH_AND_ADD:
-            return VAPI_CQE_SQ_FETCH_ADD;
-        default:
-            return VAPI_CQE_INVAL_OPCODE;
-    }
-}
-
-void flush_send_queue(Device &dev, Qp &qp, PendingEvents &events) {
-    CompletionQueue *cq = find_cq(dev, qp.init.sq_cq_hndl);
-    for (const SendWqe &w : qp.sq)
-        if (cq)
-            push_completion(*cq, flush_entry(qp, w.desc.id, send_cqe_opcode(w.desc.opcode)), false, events);
-    qp.sq.clear();
-}
-
-void flush_recv_queue(Device &dev, Qp &qp, PendingEvents &events) {
-    CompletionQueue *cq = find_cq(dev, qp.init.rq_cq_hndl);
-    for (const RecvWqe &w : qp.rq)
-        if (cq) push_completion(*cq, flush_entry(qp, w.desc.id, VAPI_CQE_RQ_SEND_DATA), false, events);
-    qp.rq.clear();
-}
-
-void flush_qp(Device &dev, Qp &qp, PendingEvents &events) {
-    flush_recv_queue(dev, qp, events);
-    flush_send_queue(dev, qp, events);
-}
 
 }  // namespace marlix::softhca
 
@@ -325,6 +275,8 @@ VAPI_ret_t VAPI_create_qp(VAPI_hca_hndl_t hca_hndl, const VAPI_qp_init_attr_t *q
     if (rc != VAPI_OK) return rc;
     *qp_hndl_p = qp->hndl;
     qp_prop_p->qp_num = qp->qp_num;
+    call.unlock();
+    engine_kick();  // lets the engine free the records of QPs destroyed before
     qp_prop_p->cap = qp->cap();
     return VAPI_OK;
 }
@@ -389,29 +341,54 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
         // forgotten except what creation fixed.
         qp->sq.clear();
         qp->rq.clear();
+        deactivate(dev, *qp);
+        reset_datapath_state(*qp);
         VAPI_qp_attr_t fresh{};
         fresh.qp_num = qp->qp_num;
         fresh.port = qp->special_port;
+        fresh.min_rnr_timer = kDefaultMinRnrTimer;
         qp->attr = fresh;
     } else {
-        apply(*qp, *qp_attr_p, mask);
+        VAPI_qp_attr_mask_t applied = mask;
+        // Send-side timers named on the way into RTR are accepted and ignored (RTS sets them).
+        if (from == QpState::Init && to == QpState::Rtr)
+            applied &= ~(QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY);
+        apply(*qp, *qp_attr_p, applied);
     }
+    if (cap.max_oust_wr_sq != qp->cap().max_oust_wr_sq)
+        qp->sq.resize(cap.max_oust_wr_sq, qp->cap().max_sg_size_sq, qp->cap().max_inline_data_sq);
+    if (cap.max_oust_wr_rq != qp->cap().max_oust_wr_rq)
+        qp->rq.resize(cap.max_oust_wr_rq, qp->cap().max_sg_size_rq, 0);
     qp->init.cap = cap;
     qp->attr.cap = cap;
     qp->attr.qp_state = qp_attr_p->qp_state;
     qp->attr.sq_draining = FALSE;
+    // The data path starts from the PSNs and retry budgets the transitions set.
+    if (to == QpState::Rtr && from == QpState::Init) {
+        qp->expected_psn = qp->attr.rq_psn;
+        qp->comm_established = false;
+    }
+    if (to == QpState::Rts && (from == QpState::Rtr || (mask & QP_ATTR_SQ_PSN))) qp->next_psn = qp->attr.sq_psn;
+    if (to == QpState::Rts) {
+        qp->retries_left = qp->attr.retry_count;
+        qp->rnr_retries_left = qp->attr.rnr_retry;
+        activate(dev, *qp);  // requests posted meanwhile (SQD, SQE) go out now
+    }
     if (to == QpState::Err) flush_qp(dev, *qp, events);
-    // Nothing is in flight between posting and the data path, so the send queue is drained at
-    // once; the QP asked to be told when it entered SQD.
-    if (to == QpState::Sqd && from == QpState::Rts && qp->attr.en_sqd_asyn_notif) {
-        VAPI_event_record_t rec{};
-        rec.type = VAPI_SEND_QUEUE_DRAINED;
-        rec.modifier.qp_hndl = qp->hndl;
-        events.async.push_back(rec);
+    if (to == QpState::Sqd && from == QpState::Rts) {
+        // The requester sends nothing new; the QP asked to be told when what is in flight is
+        // answered.
+        qp->sqd_event_due = qp->attr.en_sqd_asyn_notif;
+        qp->attr.sq_draining = qp->sq.head() != qp->next_send;
+        if (qp->sqd_event_due && !qp->attr.sq_draining) {
+            qp->sqd_event_due = false;
+            qp_event(*qp, VAPI_SEND_QUEUE_DRAINED, events);
+        }
     }
     if (qp_cap_p) *qp_cap_p = cap;
     call.unlock();
     events.deliver(dev);
+    engine_kick();
     return VAPI_OK;
 }
 
@@ -423,6 +400,8 @@ VAPI_ret_t VAPI_query_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, VAPI_
     if (!qp) return VAPI_EINVAL_QP_HNDL;
     if (!qp_attr_p) return VAPI_EINVAL_PARAM;
     *qp_attr_p = qp->attr;
+    // A test may make the QP report a state of its choice, even one that is no state at all.
+    if (qp->reported_state) std::memcpy(&qp_attr_p->qp_state, &*qp->reported_state, sizeof(uint32_t));
     if (qp_attr_mask_p) *qp_attr_mask_p = QP_ATTR_ALL;
     if (qp_init_attr_p) *qp_init_attr_p = qp->init;
     return VAPI_OK;
@@ -439,7 +418,13 @@ VAPI_ret_t VAPI_destroy_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl) {
     if (Pd *pd = dev.find_pd(qp->init.pd_hndl)) pd->users--;
     if (CompletionQueue *cq = find_cq(dev, qp->init.sq_cq_hndl)) cq->qp_users--;
     if (CompletionQueue *cq = find_cq(dev, qp->init.rq_cq_hndl)) cq->qp_users--;
-    dev.qps.erase(qp_hndl);
+    deactivate(dev, *qp);
+    qp->destroyed = true;
+    // The record outlives its handle until the engine's next round on this device: a packet
+    // of the current round may still read from its rings.
+    auto it = dev.qps.find(qp_hndl);
+    dev.retired.push_back(std::move(it->second));
+    dev.qps.erase(it);
     dev.qp_handles.release(qp_hndl);
     return VAPI_OK;
 }

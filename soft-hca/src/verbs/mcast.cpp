@@ -3,14 +3,14 @@
 #include <cstring>
 #include <map>
 
-#include "qp.hpp"
+#include "device/qp.hpp"
+#include "device/limits.hpp"
 
 namespace marlix::softhca {
 
 namespace {
 
-constexpr IB_lid_t kFirstMulticastLid = 0xC000;
-constexpr IB_lid_t kLastMulticastLid = 0xFFFE;  // 0xFFFF is the permissive LID
+using namespace limits;
 
 struct Group {
     IB_lid_t mlid = 0;
@@ -65,6 +65,13 @@ std::vector<VAPI_qp_hndl_t> mcast_group_members(Device &dev, const IB_gid_t mgid
     auto it = st.groups.find(key_of(mgid));
     if (it == st.groups.end()) return {};
     return {it->second.members.begin(), it->second.members.end()};
+}
+
+void mcast_members_by_lid(Device &dev, IB_lid_t mlid, std::vector<VAPI_qp_hndl_t> &out) {
+    out.clear();
+    if (!dev.mcast) return;
+    for (auto &[gid, g] : state_of(dev).groups)
+        if (g.mlid == mlid) out.insert(out.end(), g.members.begin(), g.members.end());
 }
 
 }  // namespace marlix::softhca
