@@ -11,6 +11,7 @@
 #include "ox-entry-points.h"
 #include "async-events.h"
 #include "completion-generator.h"
+#include "completion-events.h"
 #include "module-version.h"
 #include "slot-names.h"
 
@@ -85,7 +86,14 @@ static const struct adp_field fields[] = {
                                                                     ox_asy_ev_element_t, prev)
                                                                     ADP_INT(ox_asy_ev_element_t,
                                                                             req_asy_ev.req_event_type)
-                                                                        ADP_PTR(ox_asy_ev_element_t, app_cb)};
+                                                                        ADP_PTR(ox_asy_ev_element_t, app_cb)
+
+    ADP_PTR(ox_opened_cq_t, next) ADP_PTR(ox_opened_cq_t, prev) ADP_PTR(ox_opened_cq_t, cq_h)
+        ADP_PTR(ox_opened_cq_t, cq_oxuser_context) ADP_PTR(ox_opened_cq_t, app_com_callback)
+            ADP_PTR(ox_opened_cq_t, internal_p) ADP_INT(ox_opened_cq_t, comp_handler_hndl)
+
+    ADP_PTR(ox_opened_qp_t, next) ADP_PTR(ox_opened_qp_t, prev) ADP_PTR(ox_opened_qp_t, qp_h)
+        ADP_INT(ox_opened_qp_t, qp_num) ADP_PTR(ox_opened_qp_t, qp_oxuser_context) ADP_INT(ox_opened_qp_t, type)};
 
 /* Fields that are list heads or arrays are reached by offset only. */
 static const struct adp_field offsets_only[] = {
@@ -107,6 +115,8 @@ static const struct {
     {"ox_opened_hca_t", sizeof(ox_opened_hca_t)},
     {"ox_gen_mr_element_t", sizeof(ox_gen_mr_element_t)},
     {"ox_asy_ev_element_t", sizeof(ox_asy_ev_element_t)},
+    {"ox_opened_cq_t", sizeof(ox_opened_cq_t)},
+    {"ox_opened_qp_t", sizeof(ox_opened_qp_t)},
 };
 
 #define N(array) (sizeof(array) / sizeof((array)[0]))
@@ -201,7 +211,9 @@ static const struct {
                                     CONST(mem_region_register_indx) CONST(phy_mem_region_register_indx)
                                         CONST(mem_region_query_indx) CONST(mem_region_destroy_indx)
                                             CONST(cq_create_indx) CONST(qp_create_indx) CONST(post_send_indx)
-                                                CONST(tavor_free_dev_mem_indx)};
+                                                CONST(tavor_free_dev_mem_indx)
+    CONST(cq_destroy_indx) CONST(qp_modify_indx) CONST(qp_query_indx) CONST(qp_destroy_indx)
+        CONST(qp_get_special_indx) CONST(req_comp_cq_indx) CONST(del_comp_cq_indx)};
 
 long long adp_const(const char *name, int *found) {
     size_t i;
@@ -325,4 +337,14 @@ const void *adp_table_of_exported_symbols(const void *(*lookup)(const char *name
     OX_HCA_FUNC_SLOTS_LIST(FILL_SLOT)
 #undef FILL_SLOT
     return &table;
+}
+
+int adp_call_get_user_cq_h(const void *fn, void *hca, unsigned long vapi_handle, void **user_cq) {
+    return ((__typeof__(&ox_mlx_get_user_cq_h))fn)((ox_opened_hca_t *)hca, (ox_cq_h_t)vapi_handle,
+                                                   (ox_opened_cq_t **)user_cq);
+}
+
+void adp_call_completion_handler(const void *fn, unsigned hca_hndl, unsigned long cq_hndl, void *private_data) {
+    ((__typeof__(&ox_mlx_cq_completion_event_handler))fn)((VAPI_hca_hndl_t)hca_hndl, (VAPI_cq_hndl_t)cq_hndl,
+                                                          private_data);
 }
