@@ -44,6 +44,8 @@ void adp_call_mem_alloc(const void *fn, int index); /* mem_alloc_add or mem_allo
 int adp_call_version_init(const void *fn, char *name, char *version, char *tag);
 void adp_call_version_exit(const void *fn, char *name);
 void adp_call_timer(const void *fn, unsigned long data);
+unsigned long long adp_call_fold_node_guid(const void *fn, const unsigned char node_guid[8]);
+int adp_call_status_to_ox(const void *fn, int vapi_status);
 
 /* CQ dispatch: ox_mlx_get_user_cq_h (returns its ox_return_t) and the completion event handler. */
 int adp_call_get_user_cq_h(const void *fn, void *hca, unsigned long vapi_handle, void **user_cq);
