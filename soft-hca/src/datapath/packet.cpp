@@ -6,7 +6,7 @@
 namespace marlix::softhca {
 
 uint32_t Packet::wire_bytes() const {
-    uint32_t n = 8 + 12 + 4 + 2;  // LRH, BTH, ICRC, VCRC
+    uint32_t n = 8 + 12 + 4;  // LRH, BTH, ICRC
     if (grh) n += 40;
     const uint8_t o = op::operation(opcode);
     if (op::transport(opcode) == op::kUd) n += 8;  // DETH
