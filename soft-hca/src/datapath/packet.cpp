@@ -48,8 +48,9 @@ void Packet::own_payload() {
         payload_offset = 0;
         return;
     }
-    owned = std::shared_ptr<uint8_t[]>(new uint8_t[payload_len]);
-    read_payload(0, owned.get(), payload_len);
+    std::shared_ptr<uint8_t[]> copy(new uint8_t[payload_len]);
+    read_payload(0, copy.get(), payload_len);
+    owned = std::move(copy);
     spans = nullptr;
     span_count = 0;
     payload_offset = 0;
