@@ -70,31 +70,53 @@ static const struct adp_field fields[] = {
                                             ox_opened_hca_t, events_lists.async_tasklet.data)
 
                                             ADP_PTR(ox_gen_mr_element_t, next) ADP_PTR(
-                                                ox_gen_mr_element_t, prev) ADP_PTR(ox_gen_mr_element_t, hca_h)
-                                                ADP_INT(ox_gen_mr_element_t, pd_h) ADP_INT(
-                                                    ox_gen_mr_element_t, mr_h) ADP_PTR(ox_gen_mr_element_t,
-                                                                                       start_mr)
-                                                    ADP_INT(ox_gen_mr_element_t, length) ADP_PTR(
+                                                ox_gen_mr_element_t,
+                                                prev) ADP_PTR(ox_gen_mr_element_t,
+                                                              hca_h) ADP_INT(ox_gen_mr_element_t, pd_h)
+                                                ADP_INT(ox_gen_mr_element_t, mr_h) ADP_PTR(
+                                                    ox_gen_mr_element_t,
+                                                    start_mr) ADP_INT(ox_gen_mr_element_t,
+                                                                      length) ADP_PTR(ox_gen_mr_element_t,
+                                                                                      end_mr)
+                                                    ADP_INT(ox_gen_mr_element_t, access_con) ADP_INT(
                                                         ox_gen_mr_element_t,
-                                                        end_mr) ADP_INT(ox_gen_mr_element_t, access_con)
-                                                        ADP_INT(ox_gen_mr_element_t, l_key) ADP_INT(
-                                                            ox_gen_mr_element_t,
-                                                            r_key) ADP_INT(ox_gen_mr_element_t, iova)
-                                                            ADP_INT(ox_gen_mr_element_t, phy_length) ADP_INT(
-                                                                ox_gen_mr_element_t, phy_offset)
+                                                        l_key) ADP_INT(ox_gen_mr_element_t,
+                                                                       r_key) ADP_INT(ox_gen_mr_element_t,
+                                                                                      iova)
+                                                        ADP_INT(ox_gen_mr_element_t, phy_length) ADP_INT(
+                                                            ox_gen_mr_element_t, phy_offset)
 
-                                                                ADP_PTR(ox_asy_ev_element_t, next) ADP_PTR(
-                                                                    ox_asy_ev_element_t, prev)
-                                                                    ADP_INT(ox_asy_ev_element_t,
-                                                                            req_asy_ev.req_event_type)
-                                                                        ADP_PTR(ox_asy_ev_element_t, app_cb)
+                                                            ADP_PTR(ox_asy_ev_element_t, next)
+                                                                ADP_PTR(ox_asy_ev_element_t, prev) ADP_INT(
+                                                                    ox_asy_ev_element_t,
+                                                                    req_asy_ev.req_event_type) ADP_PTR(ox_asy_ev_element_t,
+                                                                                                       app_cb)
 
-    ADP_PTR(ox_opened_cq_t, next) ADP_PTR(ox_opened_cq_t, prev) ADP_PTR(ox_opened_cq_t, cq_h)
-        ADP_PTR(ox_opened_cq_t, cq_oxuser_context) ADP_PTR(ox_opened_cq_t, app_com_callback)
-            ADP_PTR(ox_opened_cq_t, internal_p) ADP_INT(ox_opened_cq_t, comp_handler_hndl)
+                                                                    ADP_PTR(ox_opened_cq_t, next) ADP_PTR(
+                                                                        ox_opened_cq_t,
+                                                                        prev) ADP_PTR(ox_opened_cq_t, cq_h)
+                                                                        ADP_PTR(ox_opened_cq_t, cq_oxuser_context) ADP_PTR(
+                                                                            ox_opened_cq_t,
+                                                                            app_com_callback) ADP_PTR(ox_opened_cq_t,
+                                                                                                      internal_p)
+                                                                            ADP_INT(
+                                                                                ox_opened_cq_t,
+                                                                                comp_handler_hndl)
 
-    ADP_PTR(ox_opened_qp_t, next) ADP_PTR(ox_opened_qp_t, prev) ADP_PTR(ox_opened_qp_t, qp_h)
-        ADP_INT(ox_opened_qp_t, qp_num) ADP_PTR(ox_opened_qp_t, qp_oxuser_context) ADP_INT(ox_opened_qp_t, type)};
+                                                                                ADP_PTR(
+                                                                                    ox_opened_qp_t,
+                                                                                    next) ADP_PTR(ox_opened_qp_t,
+                                                                                                  prev)
+                                                                                    ADP_PTR(
+                                                                                        ox_opened_qp_t,
+                                                                                        qp_h) ADP_INT(ox_opened_qp_t,
+                                                                                                      qp_num)
+                                                                                        ADP_PTR(
+                                                                                            ox_opened_qp_t,
+                                                                                            qp_oxuser_context)
+                                                                                            ADP_INT(
+                                                                                                ox_opened_qp_t,
+                                                                                                type)};
 
 /* Fields that are list heads or arrays are reached by offset only. */
 static const struct adp_field offsets_only[] = {
@@ -212,9 +234,10 @@ static const struct {
                                     CONST(mem_region_register_indx) CONST(phy_mem_region_register_indx)
                                         CONST(mem_region_query_indx) CONST(mem_region_destroy_indx)
                                             CONST(cq_create_indx) CONST(qp_create_indx) CONST(post_send_indx)
-                                                CONST(tavor_free_dev_mem_indx)
-    CONST(cq_destroy_indx) CONST(qp_modify_indx) CONST(qp_query_indx) CONST(qp_destroy_indx)
-        CONST(qp_get_special_indx) CONST(req_comp_cq_indx) CONST(del_comp_cq_indx)};
+                                                CONST(tavor_free_dev_mem_indx) CONST(cq_destroy_indx)
+                                                    CONST(qp_modify_indx) CONST(qp_query_indx)
+                                                        CONST(qp_destroy_indx) CONST(qp_get_special_indx)
+                                                            CONST(req_comp_cq_indx) CONST(del_comp_cq_indx)};
 
 long long adp_const(const char *name, int *found) {
     size_t i;
@@ -356,7 +379,8 @@ int adp_call_get_user_cq_h(const void *fn, void *hca, unsigned long vapi_handle,
                                                    (ox_opened_cq_t **)user_cq);
 }
 
-void adp_call_completion_handler(const void *fn, unsigned hca_hndl, unsigned long cq_hndl, void *private_data) {
+void adp_call_completion_handler(const void *fn, unsigned hca_hndl, unsigned long cq_hndl,
+                                 void *private_data) {
     ((__typeof__(&ox_mlx_cq_completion_event_handler))fn)((VAPI_hca_hndl_t)hca_hndl, (VAPI_cq_hndl_t)cq_hndl,
                                                           private_data);
 }
