@@ -48,9 +48,7 @@ static void ox_mlx_qp_init_attr_from_ox(const ox_qp_create_t *req, VAPI_qp_init_
     init->cap.max_sg_size_rq = req->max_scatgat_per_receive_wr;
     init->rdd_hndl = (VAPI_rdd_hndl_t)req->rdd_h;
     init->sq_sig_type = (VAPI_sig_type_t)req->signaling_type;
-    AD_TAVOR_DEBUG("mlx sq_sig_type: %d", (int)init->sq_sig_type);
     init->rq_sig_type = (VAPI_sig_type_t)req->recv_solicited_events;
-    AD_TAVOR_DEBUG("mlx rq_sig_type: %d", (int)init->rq_sig_type);
     init->pd_hndl = (VAPI_pd_hndl_t)req->pd_h;
 }
 
@@ -71,13 +69,21 @@ static void ox_mlx_qp_list_insert(ox_opened_hca_t *opened_hca_p, ox_opened_qp_t 
     g_stat.last_qp_num++;
 }
 
-/* A type the translation tables do not hold is refused before anything is allocated (the tables
- * have no room for it). */
-static ox_return_t ox_mlx_qp_type_refused(ox_qp_type_t type) {
-    AD_TAVOR_ERROR("ERROR not valid qp type: %d", (int)type);
-    ox_mlx_count_error();
-    return ox_return_err_invalid_parameter;
-}
+/* The signalling types pass through unchanged; both are traced from the calling entry point. */
+#define OX_MLX_QP_LOG_SIG_TYPES(init)                                   \
+    do {                                                                \
+        AD_TAVOR_DEBUG("mlx sq_sig_type: %d", (int)(init).sq_sig_type); \
+        AD_TAVOR_DEBUG("mlx rq_sig_type: %d", (int)(init).rq_sig_type); \
+    } while (0)
+
+/* A type the translation tables do not hold is refused before anything is allocated: the tables
+ * have no entry for it. */
+#define OX_MLX_QP_REFUSE_TYPE(type)                                 \
+    do {                                                            \
+        AD_TAVOR_ERROR("ERROR not valid qp type: %d", (int)(type)); \
+        ox_mlx_count_error();                                       \
+        return ox_return_err_invalid_parameter;                     \
+    } while (0)
 
 ox_return_t oxi_mlx_qp_create(ox_opened_hca_t *opened_hca_p, ox_qp_attr_t *qp_attr_req, void *qp_context,
                               ox_qp_h_t *qp_h, ox_qp_attr_t *qp_attr) {
@@ -90,7 +96,7 @@ ox_return_t oxi_mlx_qp_create(ox_opened_hca_t *opened_hca_p, ox_qp_attr_t *qp_at
     VAPI_qp_hndl_t vapi_qp_h = 0;
     VAPI_ret_t stat;
 
-    if ((unsigned)type >= OX_QP_ORDINARY_TYPES) return ox_mlx_qp_type_refused(type);
+    if ((unsigned)type >= OX_QP_ORDINARY_TYPES) OX_MLX_QP_REFUSE_TYPE(type);
 
     opened_qp_p = (ox_opened_qp_t *)kmalloc(sizeof(*opened_qp_p), GFP_ATOMIC);
     if (!opened_qp_p) {
@@ -101,6 +107,7 @@ ox_return_t oxi_mlx_qp_create(ox_opened_hca_t *opened_hca_p, ox_qp_attr_t *qp_at
     mem_alloc_add(mem_qp_ix);
 
     ox_mlx_qp_init_attr_from_ox(&qp_attr_req->create, &qp_init_attr);
+    OX_MLX_QP_LOG_SIG_TYPES(qp_init_attr);
     qp_init_attr.ts_type = qp_type_ox_to_mlx_translation[type];
     memset(&qp_prop, 0, sizeof(qp_prop));
     AD_TAVOR_DEBUG("vend param: send size: %d, receive size: %d, ts type: %d (%d)",
@@ -151,7 +158,7 @@ ox_return_t oxi_mlx_qp_get_special(ox_opened_hca_t *opened_hca_p, u32 port_num, 
     VAPI_qp_hndl_t vapi_qp_h = 0;
     VAPI_ret_t stat;
 
-    if ((unsigned)type >= OX_QP_SPECIAL_TYPES) return ox_mlx_qp_type_refused(type);
+    if ((unsigned)type >= OX_QP_SPECIAL_TYPES) OX_MLX_QP_REFUSE_TYPE(type);
     special = special_qp_ox_to_mlx_translation[type];
 
     opened_qp_p = (ox_opened_qp_t *)kmalloc(sizeof(*opened_qp_p), GFP_ATOMIC);
@@ -163,6 +170,7 @@ ox_return_t oxi_mlx_qp_get_special(ox_opened_hca_t *opened_hca_p, u32 port_num, 
     mem_alloc_add(mem_qp_ix);
 
     ox_mlx_qp_init_attr_from_ox(&qp_attr_req->create, &qp_init_attr);
+    OX_MLX_QP_LOG_SIG_TYPES(qp_init_attr);
     qp_init_attr.ts_type = VAPI_TS_UD;
     memset(&qp_cap, 0, sizeof(qp_cap));
     AD_TAVOR_DEBUG("vend param: send size: %d, receive size: %d, ts type: %d (%d)",
