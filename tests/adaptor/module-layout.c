@@ -237,7 +237,8 @@ static const struct {
                                                 CONST(tavor_free_dev_mem_indx) CONST(cq_destroy_indx)
                                                     CONST(qp_modify_indx) CONST(qp_query_indx)
                                                         CONST(qp_destroy_indx) CONST(qp_get_special_indx)
-                                                            CONST(req_comp_cq_indx) CONST(del_comp_cq_indx)};
+                                                            CONST(req_comp_cq_indx) CONST(del_comp_cq_indx)
+                                                                CONST(ox_qp_type_not_valid)};
 
 long long adp_const(const char *name, int *found) {
     size_t i;
