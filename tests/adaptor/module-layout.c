@@ -224,21 +224,29 @@ static const struct {
     long long value;
 } constants[] = {
     CONST(mem_hca_ix) CONST(mem_mr_ix) CONST(mem_cq_ix) CONST(mem_tasklet_ix) CONST(mem_qp_ix)
-        CONST(mem_async_ix) CONST(mem_gen_mem_array_p_ix) CONST(mem_opened_cq_array_ix)
-            CONST(mem_opened_qp_array_ix) CONST(mem_g_com_cq_array_ix) CONST(mem_last_ix)
-                CONST(LAST_VAPI_ERR_NUM) CONST(OX_OPENED_ARRAY_SLOTS) CONST(OX_OPENED_ARRAY_MAX_IX)
-                    CONST(AD_TAVOR_OPENED_ARRAY_ACCOUNTED_SIZE) CONST(AD_TAVOR_G_COM_CQ_ARRAY_SIZE)
-                        CONST(hca_query_indx) CONST(port_query_indx) CONST(get_port_gid_tbl_indx)
-                            CONST(get_port_partition_tbl_indx) CONST(hca_modify_indx) CONST(hca_close_indx)
-                                CONST(pd_allocate_indx) CONST(pd_deallocate_indx)
-                                    CONST(mem_region_register_indx) CONST(phy_mem_region_register_indx)
-                                        CONST(mem_region_query_indx) CONST(mem_region_destroy_indx)
-                                            CONST(cq_create_indx) CONST(qp_create_indx) CONST(post_send_indx)
-                                                CONST(tavor_free_dev_mem_indx) CONST(cq_destroy_indx)
-                                                    CONST(qp_modify_indx) CONST(qp_query_indx)
-                                                        CONST(qp_destroy_indx) CONST(qp_get_special_indx)
-                                                            CONST(req_comp_cq_indx) CONST(del_comp_cq_indx)
-                                                                CONST(ox_qp_type_not_valid)};
+        CONST(mem_async_ix) CONST(mem_gen_mem_array_p_ix) CONST(mem_opened_cq_array_ix) CONST(
+            mem_opened_qp_array_ix) CONST(mem_g_com_cq_array_ix) CONST(mem_last_ix) CONST(LAST_VAPI_ERR_NUM)
+            CONST(OX_OPENED_ARRAY_SLOTS) CONST(OX_OPENED_ARRAY_MAX_IX) CONST(
+                AD_TAVOR_OPENED_ARRAY_ACCOUNTED_SIZE) CONST(AD_TAVOR_G_COM_CQ_ARRAY_SIZE)
+                CONST(hca_query_indx) CONST(port_query_indx) CONST(get_port_gid_tbl_indx) CONST(
+                    get_port_partition_tbl_indx) CONST(hca_modify_indx) CONST(hca_close_indx)
+                    CONST(pd_allocate_indx) CONST(pd_deallocate_indx) CONST(mem_region_register_indx) CONST(
+                        phy_mem_region_register_indx) CONST(mem_region_query_indx)
+                        CONST(mem_region_destroy_indx) CONST(cq_create_indx) CONST(qp_create_indx) CONST(
+                            post_send_indx) CONST(tavor_free_dev_mem_indx) CONST(cq_destroy_indx)
+                            CONST(qp_modify_indx) CONST(qp_query_indx) CONST(qp_destroy_indx) CONST(
+                                qp_get_special_indx) CONST(req_comp_cq_indx) CONST(del_comp_cq_indx)
+                                CONST(ox_qp_type_not_valid) CONST(OX_QP_AT_STATE) CONST(OX_QP_AT_S_MAX_OUT_WR)
+                                    CONST(OX_QP_AT_R_MAX_OUT_WR) CONST(OX_QP_AT_S_PSN) CONST(OX_QP_AT_R_PSN)
+                                        CONST(OX_QP_AT_ACCESS_CON_F) CONST(OX_QP_AT_PHY_PORT_NUM) CONST(
+                                            OX_QP_AT_P_KEY_IX) CONST(OX_QP_AT_Q_KEY) CONST(OX_QP_AT_DEST_QP)
+                                            CONST(OX_QP_AT_DEST_RDMA_ATOM_OUT_NUM) CONST(
+                                                OX_QP_AT_RESP_RDMA_ATOM_OUT_NUM) CONST(OX_QP_AT_MIN_RNR_NAK_T)
+                                                CONST(OX_QP_AT_ADD_VEC) CONST(OX_QP_AT_PATH_MIG_STATE)
+                                                    CONST(OX_QP_AT_ALT_PATH) CONST(OX_QP_AT_L_ACK_T)
+                                                        CONST(OX_QP_AT_RETRY_NUM) CONST(OX_QP_AT_RNR_NUM)
+                                                            CONST(OX_QP_AT_SQD_NOTIFY)
+                                                                CONST(OX_QP_AT_OPTIONAL)};
 
 long long adp_const(const char *name, int *found) {
     size_t i;
