@@ -17,6 +17,7 @@ bool CompletionQueue::push(const VAPI_wc_desc_t &wc) {
     }
     slots_[(head_ + count_) % slots_.size()] = wc;
     ++count_;
+    ready_.store(count_, std::memory_order_release);
     return true;
 }
 
@@ -25,6 +26,7 @@ bool CompletionQueue::pop(VAPI_wc_desc_t *wc) {
     *wc = slots_[head_];
     head_ = static_cast<uint32_t>((head_ + 1) % slots_.size());
     --count_;
+    ready_.store(count_, std::memory_order_release);
     return true;
 }
 
@@ -45,8 +47,10 @@ std::optional<CompletionEvent> CompletionQueue::complete(const VAPI_wc_desc_t &w
     push(wc);
     bool due =
         armed_ == VAPI_NEXT_COMP || (armed_ == VAPI_SOLIC_COMP && (solicited || wc.status != VAPI_SUCCESS));
+    if (armed_count_ != 0 && count_ >= armed_count_) due = true;
     if (!due) return std::nullopt;
     armed_ = VAPI_NOTIF_NONE;
+    armed_count_ = 0;
     CompletionEvent ev;
     ev.hca = hca;
     ev.cq = hndl;
