@@ -41,7 +41,8 @@ TEST_F(DataPath, ReliableSendAcrossDevicesGathersAndScattersEveryByte) {
     std::vector<uint8_t> msg(src.bytes.begin(), src.bytes.begin() + 1000);
     msg.insert(msg.end(), src.bytes.begin() + 2000, src.bytes.begin() + 6000);
     EXPECT_TRUE(std::equal(msg.begin(), msg.begin() + 3000, dst.bytes.begin()));
-    EXPECT_TRUE(std::all_of(dst.bytes.begin() + 3000, dst.bytes.begin() + 4000, [](uint8_t v) { return v == 0xee; }));
+    EXPECT_TRUE(
+        std::all_of(dst.bytes.begin() + 3000, dst.bytes.begin() + 4000, [](uint8_t v) { return v == 0xee; }));
     EXPECT_TRUE(std::equal(msg.begin() + 3000, msg.end(), dst.bytes.begin() + 4000));
     EXPECT_TRUE(std::all_of(dst.bytes.begin() + 6000, dst.bytes.end(), [](uint8_t v) { return v == 0xee; }));
 }
@@ -441,7 +442,8 @@ TEST_F(DataPath, WholeMemoryPhysicalRegionCarriesKernelAddresses) {
     static uint8_t src[3000], dst[3000];
     for (int i = 0; i < 3000; ++i) src[i] = uint8_t(i * 13);
     auto iova = [](void *p) { return uint64_t(reinterpret_cast<uintptr_t>(p)) - PAGE_OFFSET; };
-    ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {{iova(src), 3000, rep0.l_key}}, iova(dst), rep1.r_key), VAPI_OK);
+    ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {{iova(src), 3000, rep0.l_key}}, iova(dst), rep1.r_key),
+              VAPI_OK);
     run();
     auto wcs = poll(s0);
     ASSERT_EQ(wcs.size(), 1u);
@@ -459,11 +461,12 @@ TEST_F(DataPath, PortCountersCountPacketsAndWords) {
         in[2] = 1;     // class version
         in[3] = 0x01;  // Get
         in[16] = 0x00;
-        in[17] = 0x12;  // PortCounters
-        in[64 + 1] = 1; // port 1
+        in[17] = 0x12;   // PortCounters
+        in[64 + 1] = 1;  // port 1
         EXPECT_EQ(EVAPI_process_local_mad(h, 1, 0, EVAPI_MAD_IGNORE_MKEY, in, out), VAPI_OK);
         auto be32 = [&](int off) {
-            return uint32_t(out[off]) << 24 | uint32_t(out[off + 1]) << 16 | uint32_t(out[off + 2]) << 8 | out[off + 3];
+            return uint32_t(out[off]) << 24 | uint32_t(out[off + 1]) << 16 | uint32_t(out[off + 2]) << 8 |
+                   out[off + 3];
         };
         // PortXmitData, PortRcvData, PortXmitPkts, PortRcvPkts.
         return std::array<uint32_t, 4>{be32(64 + 24), be32(64 + 28), be32(64 + 32), be32(64 + 36)};
@@ -481,6 +484,70 @@ TEST_F(DataPath, PortCountersCountPacketsAndWords) {
     EXPECT_EQ(after1[1] - before1[1], bytes / 4);
     EXPECT_EQ(after1[2] - before1[2], 1u);  // the ACK
     EXPECT_EQ(after0[3] - before0[3], 1u);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(DataPath, GsiSendOnAChosenPkeyIndexReachesThePeersQp1) {
+    // QP1 on port 1 of each device, with the well-known GSI Q_Key.
+    auto gsi = [&](Side &s) {
+        VAPI_qp_init_attr_t a{};
+        a.sq_cq_hndl = a.rq_cq_hndl = s.cq;
+        a.cap.max_oust_wr_sq = a.cap.max_oust_wr_rq = 4;
+        a.cap.max_sg_size_sq = a.cap.max_sg_size_rq = 1;
+        a.sq_sig_type = a.rq_sig_type = VAPI_SIGNAL_ALL_WR;
+        a.pd_hndl = s.pd;
+        Qp q;
+        VAPI_qp_cap_t cap{};
+        EXPECT_EQ(VAPI_get_special_qp(s.hca, 1, VAPI_GSI_QP, &a, &q.hndl, &cap), VAPI_OK);
+        q.num = 1;
+        q.side = &s;
+        VAPI_qp_attr_t at{};
+        at.qp_state = VAPI_INIT;
+        at.qkey = 0x80010000u;
+        EXPECT_EQ(modify(q, at, QP_ATTR_QP_STATE | QP_ATTR_PKEY_IX | QP_ATTR_QKEY), VAPI_OK);
+        at.qp_state = VAPI_RTR;
+        EXPECT_EQ(modify(q, at, QP_ATTR_QP_STATE), VAPI_OK);
+        at.qp_state = VAPI_RTS;
+        EXPECT_EQ(modify(q, at, QP_ATTR_QP_STATE | QP_ATTR_SQ_PSN), VAPI_OK);
+        return q;
+    };
+    Qp a = gsi(s0), b = gsi(s1);
+    Buffer &src = buffer(s0, 256), &dst = buffer(s1, 512);
+    pattern(src, 50);
+    ASSERT_EQ(post_recv(b, 3, {dst.sg(0, 512)}), VAPI_OK);
+    VAPI_sg_lst_entry_t sg = src.sg(0, 256);
+    VAPI_sr_desc_t d{};
+    d.id = 4;
+    d.opcode = VAPI_SEND;
+    d.comp_type = VAPI_SIGNALED;
+    d.sg_lst_p = &sg;
+    d.sg_lst_len = 1;
+    d.remote_ah = ah(s0, s1.lid);
+    d.remote_qp = 1;
+    d.remote_qkey = 0x80010000u;
+    ASSERT_EQ(EVAPI_post_gsi_sr(s0.hca, a.hndl, &d, 0), VAPI_OK);
+    run();
+    auto s = poll(s0);
+    ASSERT_EQ(s.size(), 1u);
+    EXPECT_EQ(s[0].status, VAPI_SUCCESS);
+    EXPECT_EQ(s[0].pkey_ix, 0);
+    auto r = poll(s1);
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].byte_len, 40u + 256u);
+    EXPECT_EQ(r[0].remote_node_addr.qp_ety.qp, 1u);
+    EXPECT_EQ(0, std::memcmp(dst.bytes.data() + 40, src.bytes.data(), 256));
+    // P_Key index 1 holds no P_Key (0): the receiver's 0xFFFF does not match, the packet is dropped.
+    ASSERT_EQ(post_recv(b, 5, {dst.sg(0, 512)}), VAPI_OK);
+    ASSERT_EQ(EVAPI_post_gsi_sr(s0.hca, a.hndl, &d, 1), VAPI_OK);
+    run();
+    EXPECT_EQ(poll(s0).size(), 1u);
+    EXPECT_TRUE(poll(s1).empty());
+    VAPI_hca_port_t port{};
+    ASSERT_EQ(VAPI_query_hca_port_prop(s1.hca, 1, &port), VAPI_OK);
+    EXPECT_EQ(port.bad_pkey_counter, 1u);
 }
 
 }  // namespace
