@@ -6,7 +6,7 @@
 #include <functional>
 #include <mutex>
 
-#include "qp.hpp"
+#include "device/qp.hpp"
 #include "softhca_fixture.hpp"
 
 // Stores a value that is none of the enumerators into an enumeration field, as a C caller can.

@@ -2,15 +2,15 @@
 // attributes, and the asynchronous event handler.
 #include <cstring>
 
-#include "device.hpp"
-#include "fabric.hpp"
+#include "device/device.hpp"
+#include "device/limits.hpp"
+#include "fabric/fabric.hpp"
 
 using namespace marlix::softhca;
 
 namespace {
 
-constexpr uint16_t kGidTableLen = 32;
-constexpr uint16_t kPkeyTableLen = 64;
+using namespace limits;
 
 // A device name from a 32-byte identifier that need not be NUL-terminated.
 std::string id_string(const char *id) {

@@ -1,4 +1,17 @@
-// The software HCA's device model, shared by every verb implementation in soft-hca/src.
+// The software HCA's device model: a device, its ports, its protection domains, memory regions
+// and keys, its queue records, and the registry of devices that boot() fills.
+//
+// Where things live
+// -----------------
+//   host_interface.hpp  what the device needs from its host: interrupts, physical memory, clock
+//   device/             the device model: this file (device, ports, registry, Call), limits.hpp
+//                       (every fixed size and bound), memory (keys and translation), cq.hpp (the
+//                       completion ring and its events), qp.hpp (the QP record), the pure QP state
+//                       machine, fault injection and call counting
+//   verbs/              the thin extern "C" VAPI/EVAPI entry points, one file per subject
+//   datapath/           work queues, packets, and the requester, responder and completer
+//   engine/             what runs the data path: a threaded engine and a stepped one
+//   fabric/             the switch, the cables and the subnet manager
 //
 // How a verb is written
 // ---------------------

@@ -3,7 +3,7 @@
 #include <map>
 #include <mutex>
 
-#include "device.hpp"
+#include "device/device.hpp"
 #include "marlix/softhca.hpp"
 
 namespace marlix::softhca {

@@ -3,7 +3,7 @@
 // before the first one is queued.
 #include <cstring>
 
-#include "qp.hpp"
+#include "device/qp.hpp"
 
 namespace marlix::softhca {
 

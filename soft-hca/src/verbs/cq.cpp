@@ -2,8 +2,8 @@
 // and polling.
 #include <atomic>
 
-#include "cq.hpp"
-#include "qp.hpp"
+#include "device/cq.hpp"
+#include "device/qp.hpp"
 
 namespace marlix::softhca {
 
@@ -14,31 +14,6 @@ namespace {
 std::atomic<EVAPI_compl_handler_hndl_t> g_next_handler_hndl{1};
 
 }  // namespace
-
-CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq) {
-    auto it = dev.cqs.find(cq);
-    return it == dev.cqs.end() ? nullptr : static_cast<CompletionQueue *>(it->second.get());
-}
-
-void push_completion(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicited, PendingEvents &events) {
-    bool was_overrun = cq.overrun();
-    std::optional<CompletionEvent> ev = cq.complete(wc, solicited);
-    if (ev && ev->handler) events.completions.push_back(*ev);
-    if (!was_overrun && cq.overrun()) {
-        VAPI_event_record_t rec{};
-        rec.type = VAPI_CQ_ERROR;
-        rec.syndrome = VAPI_CQ_ERR_OVERRUN;
-        rec.modifier.cq_hndl = cq.hndl;
-        events.async.push_back(rec);
-    }
-}
-
-void PendingEvents::deliver(Device &dev) {
-    for (const CompletionEvent &ev : completions) dispatch_event([ev] { ev.fire(); });
-    for (const VAPI_event_record_t &rec : async) dev.raise_async_event(rec);
-    completions.clear();
-    async.clear();
-}
 
 }  // namespace marlix::softhca
 

@@ -2,7 +2,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "device.hpp"
+#include "device/device.hpp"
 #include "marlix/softhca.hpp"
 
 namespace {

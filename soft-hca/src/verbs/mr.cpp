@@ -1,5 +1,5 @@
 // Memory regions: virtual (VAPI_MR) and physical (VAPI_MPR) registration, query, deregistration.
-#include "device.hpp"
+#include "device/device.hpp"
 
 using namespace marlix::softhca;
 

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <map>
 
-#include "fabric.hpp"
+#include "fabric/fabric.hpp"
 #include "marlix/softhca.hpp"
 
 namespace marlix::softhca {

@@ -3,14 +3,14 @@
 #include <cstring>
 #include <map>
 
-#include "qp.hpp"
+#include "device/qp.hpp"
+#include "device/limits.hpp"
 
 namespace marlix::softhca {
 
 namespace {
 
-constexpr IB_lid_t kFirstMulticastLid = 0xC000;
-constexpr IB_lid_t kLastMulticastLid = 0xFFFE;  // 0xFFFF is the permissive LID
+using namespace limits;
 
 struct Group {
     IB_lid_t mlid = 0;

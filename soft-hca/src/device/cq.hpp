@@ -8,7 +8,7 @@
 #include <optional>
 #include <vector>
 
-#include "device.hpp"
+#include "device/device.hpp"
 
 namespace marlix::softhca {
 

@@ -1,4 +1,4 @@
-#include "qp_state_machine.hpp"
+#include "device/qp_state_machine.hpp"
 
 namespace marlix::softhca::qpsm {
 
@@ -20,6 +20,9 @@ Service service_of(Transport transport, QpKind kind) {
             return Service::UD;
     }
 }
+
+// The requester's timers: ack timeout, transport retries, RNR retries.
+constexpr uint32_t kRtsTimers = kTimeout | kRetryCount | kRnrRetry;
 
 AttrRules legal(uint32_t required, uint32_t optional) {
     return AttrRules{true, required, optional};
@@ -63,15 +66,20 @@ AttrRules rules_for(Service s, QpState from, QpState to) {
                 return legal(0, kPkeyIx | kPort | kQkey);
             }
             if (to == QpState::Rtr) {
+                // The send-side timers (ack timeout, retry counts) belong to RTS; callers that set
+                // them together with the path on the way into RTR are accepted, as the adapter
+                // does, and the values are ignored there.
                 switch (s) {
                     case Service::RC:
-                        return legal(kAv | kPathMtu | kDestQpNum | kRqPsn | kQpOusRdAtom | kMinRnrTimer,
-                                     kAltPath | kRemoteAtomicFlags | kPkeyIx | kCap);
+                        // Without a minimum RNR timer the responder uses the QP's default.
+                        return legal(kAv | kPathMtu | kDestQpNum | kRqPsn | kQpOusRdAtom,
+                                     kMinRnrTimer | kAltPath | kRemoteAtomicFlags | kPkeyIx | kCap |
+                                         kRtsTimers);
                     case Service::UC:
                         return legal(kAv | kPathMtu | kDestQpNum | kRqPsn,
-                                     kAltPath | kRemoteAtomicFlags | kPkeyIx | kCap);
+                                     kAltPath | kRemoteAtomicFlags | kPkeyIx | kCap | kRtsTimers);
                     default:
-                        return legal(0, kPkeyIx | kQkey | kCap);
+                        return legal(0, kPkeyIx | kQkey | kCap | kRtsTimers);
                 }
             }
             break;

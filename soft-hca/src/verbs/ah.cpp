@@ -1,11 +1,12 @@
 // Address handles: UD address vectors kept by the device, each counted against its PD's limit.
-#include "qp.hpp"
+#include "device/qp.hpp"
+#include "device/limits.hpp"
 
 namespace marlix::softhca {
 
 namespace {
 
-constexpr unsigned kGidTableLen = 32;
+using namespace limits;
 
 struct Ah : Object {
     VAPI_pd_hndl_t pd = 0;

@@ -11,9 +11,9 @@
 #include <set>
 #include <vector>
 
-#include "cq.hpp"
-#include "device.hpp"
-#include "qp_state_machine.hpp"
+#include "device/cq.hpp"
+#include "device/device.hpp"
+#include "device/qp_state_machine.hpp"
 
 namespace marlix::softhca {
 
@@ -45,6 +45,7 @@ struct Qp : Object {
     std::deque<SendWqe> sq;
     std::deque<RecvWqe> rq;
     std::set<std::pair<Mgid, IB_lid_t>> mcast_groups;  // groups this QP is attached to
+    std::optional<uint32_t> reported_state;             // what VAPI_query_qp says instead (tests)
 
     VAPI_ts_type_t transport() const { return init.ts_type; }
     qpsm::QpState state() const { return static_cast<qpsm::QpState>(attr.qp_state); }

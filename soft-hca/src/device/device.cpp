@@ -1,12 +1,13 @@
 // Devices of the software HCA: identity and capabilities, handle pools, key table, the registry
 // that boot() fills, and the Call that starts every verb.
-#include "device.hpp"
-
-#include <asm/page.h>  // the emulated kernel's direct map: physical memory is at __va(phys)
+#include "device/device.hpp"
 
 #include <cstring>
 
-#include "fabric.hpp"
+#include "device/limits.hpp"
+#include "device/qp.hpp"
+#include "fabric/fabric.hpp"
+#include "host_interface.hpp"
 #include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 
@@ -27,8 +28,6 @@ System &sys() {
     static System s;
     return s;
 }
-
-constexpr uint64_t kNodeGuidBase = 0x0002c90000001000ull;  // Mellanox OUI 00:02:c9
 
 void put_guid(IB_guid_t out, uint64_t guid) {
     for (int i = 0; i < 8; ++i) out[i] = uint8_t(guid >> (56 - 8 * i));
@@ -80,36 +79,36 @@ void Port::count_rcv(uint64_t bytes) {
 
 Device::Device(int idx, int nports)
     : index(idx), name("InfiniHost" + std::to_string(idx)), hndl(VAPI_hca_hndl_t(idx)) {
-    node_guid = kNodeGuidBase + uint64_t(idx) * 0x1000;
+    node_guid = limits::kNodeGuidBase + uint64_t(idx) * 0x1000;
 
-    vendor.vendor_id = 0x02c9;
-    vendor.vendor_part_id = 23108;
-    vendor.hw_ver = 0xa1;
+    vendor.vendor_id = limits::kVendorId;
+    vendor.vendor_part_id = limits::kVendorPartId;
+    vendor.hw_ver = limits::kHwVersion;
     vendor.fw_ver = (uint64_t(3) << 32) | (uint64_t(5) << 16);
 
-    cap.max_num_qp = 64512;
-    cap.max_qp_ous_wr = 16384;
+    cap.max_num_qp = limits::kMaxQps;
+    cap.max_qp_ous_wr = limits::kMaxWrPerQueue;
     cap.flags = VAPI_BAD_PKEY_COUNT_CAP | VAPI_BAD_QKEY_COUNT_CAP | VAPI_AUTO_PATH_MIG_CAP |
                 VAPI_CHANGE_PHY_PORT_CAP | VAPI_UD_AV_PORT_ENFORCE_CAP | VAPI_CURR_QP_STATE_MOD_CAP |
                 VAPI_SHUTDOWN_PORT_CAP | VAPI_PORT_ACTIVE_EV_CAP | VAPI_SYS_IMG_GUID_CAP |
                 VAPI_RC_RNR_NAK_GEN_CAP;
-    cap.max_num_sg_ent = 59;
-    cap.max_num_sg_ent_rd = 54;
-    cap.max_num_cq = 65408;
-    cap.max_num_ent_cq = 131071;
-    cap.max_num_mr = 131056;
+    cap.max_num_sg_ent = limits::kMaxSgEntries;
+    cap.max_num_sg_ent_rd = limits::kMaxSgEntriesRd;
+    cap.max_num_cq = limits::kMaxCqs;
+    cap.max_num_ent_cq = limits::kMaxCqEntries;
+    cap.max_num_mr = limits::kMaxMrs;
     cap.max_mr_size = ~0ull;
-    cap.max_pd_num = 32764;
+    cap.max_pd_num = limits::kMaxPds;
     cap.page_size_cap = 4096;
     cap.phys_port_num = IB_port_t(nports);
-    cap.max_pkeys = 64;
+    cap.max_pkeys = limits::kPkeyTableLen;
     put_guid(cap.node_guid, node_guid);
     put_guid(cap.sys_image_guid, node_guid);
     cap.local_ca_ack_delay = 15;
-    cap.max_qp_ous_rd_atom = 4;
+    cap.max_qp_ous_rd_atom = limits::kMaxQpOusRdAtom;
     cap.max_ee_ous_rd_atom = 0;
     cap.max_res_rd_atom = 255;
-    cap.max_qp_init_rd_atom = 4;
+    cap.max_qp_init_rd_atom = limits::kMaxQpInitRdAtom;
     cap.max_ee_init_rd_atom = 0;
     cap.atomic_cap = VAPI_ATOMIC_CAP_HCA;
     cap.max_ee_num = 0;  // reliable datagram is not supported
@@ -117,11 +116,11 @@ Device::Device(int idx, int nports)
     cap.max_mw_num = 0;
     cap.max_raw_ipv6_qp = 1;
     cap.max_raw_ethy_qp = 1;
-    cap.max_mcast_grp_num = 8192;
-    cap.max_mcast_qp_attach_num = 56;
-    cap.max_total_mcast_qp_attach_num = 8192 * 56;
-    cap.max_ah_num = 65536;
-    cap.max_num_fmr = 32768;
+    cap.max_mcast_grp_num = limits::kMaxMcastGroups;
+    cap.max_mcast_qp_attach_num = limits::kMaxQpsPerMcastGroup;
+    cap.max_total_mcast_qp_attach_num = limits::kMaxMcastGroups * limits::kMaxQpsPerMcastGroup;
+    cap.max_ah_num = limits::kMaxAhs;
+    cap.max_num_fmr = limits::kMaxFmrs;
     cap.max_num_map_per_fmr = 32767;
     cap.max_num_srq = 0;
     cap.max_wqe_per_srq = 0;
@@ -133,7 +132,7 @@ Device::Device(int idx, int nports)
         Port &p = ports[size_t(i)];
         p.num = IB_port_t(i + 1);
         p.guid = node_guid + uint64_t(i + 1);
-        p.capability_mask = kDefaultPortCapMask;
+        p.capability_mask = limits::kDefaultPortCapMask;
         p.pkeys.assign(64, 0);
         p.pkeys[0] = VAPI_DEFAULT_PKEY;
     }
@@ -212,7 +211,7 @@ VAPI_ret_t Device::translate(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_
             continue;
         }
         uint64_t n = std::min<uint64_t>(b.size - skip, len);
-        out.push_back({static_cast<uint8_t *>(__va(b.start + skip)), size_t(n)});
+        out.push_back({static_cast<uint8_t *>(host::phys_to_host(b.start + skip)), size_t(n)});
         len -= n;
         skip = 0;
     }
@@ -334,7 +333,7 @@ void dispatch_event(std::function<void()> fn) {
     if (d)
         d(std::move(fn));
     else
-        kernel::raise_irq(std::move(fn), false);  // as the adapter's interrupt: hardirq context
+        host::raise_interrupt(std::move(fn));
 }
 
 // ---- Call ----------------------------------------------------------------------------------------------
@@ -414,6 +413,26 @@ bool set_next_qp_handle(const std::string &device, uint64_t value) {
     if (!d) return false;
     std::lock_guard lk(d->mu);
     d->qp_handles.inject_next(value);
+    return true;
+}
+
+bool raise_async_event(const std::string &device, uint32_t type, uint64_t modifier, uint32_t syndrome) {
+    VAPI_event_record_t rec{};
+    static_assert(sizeof(rec.type) == sizeof type && sizeof(rec.syndrome) == sizeof syndrome);
+    static_assert(sizeof(rec.modifier) == sizeof modifier);
+    std::memcpy(&rec.type, &type, sizeof type);
+    std::memcpy(&rec.syndrome, &syndrome, sizeof syndrome);
+    std::memcpy(&rec.modifier, &modifier, sizeof modifier);
+    return raise_async_event(device, rec);
+}
+
+bool set_reported_qp_state(const std::string &device, VAPI_qp_hndl_t qp, std::optional<uint32_t> raw_state) {
+    Device *d = device_by_name(device);
+    if (!d) return false;
+    std::lock_guard lk(d->mu);
+    Qp *q = find_qp(*d, qp);
+    if (!q) return false;
+    q->reported_state = raw_state;
     return true;
 }
 

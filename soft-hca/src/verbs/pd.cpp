@@ -1,5 +1,5 @@
 // Protection domains.
-#include "device.hpp"
+#include "device/device.hpp"
 
 using namespace marlix::softhca;
 

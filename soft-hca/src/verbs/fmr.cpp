@@ -1,6 +1,6 @@
 // Fast memory regions: allocated once in a PD, then mapped onto a page list (with new keys every
 // time) and unmapped cheaply.
-#include "device.hpp"
+#include "device/device.hpp"
 
 using namespace marlix::softhca;
 

@@ -3,7 +3,7 @@
 // agent (PortCounters), answered through EVAPI_process_local_mad.
 #include <cstring>
 
-#include "device.hpp"
+#include "device/device.hpp"
 
 using namespace marlix::softhca;
 
