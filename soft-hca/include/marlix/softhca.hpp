@@ -99,6 +99,11 @@ bool complete_next_with_status(const std::string &device, VAPI_qp_hndl_t qp, Wor
 // states) until cleared with nullopt; the QP's real state is unchanged. False when unknown.
 bool set_reported_qp_state(const std::string &device, VAPI_qp_hndl_t qp, std::optional<uint32_t> raw_state);
 
+// The device fails as on a local catastrophic error: every QP enters the error state (queued
+// requests are flushed), VAPI_LOCAL_CATASTROPHIC_ERROR is raised, and the device does no more
+// work until it is closed and opened again. False when the device is unknown or closed.
+bool inject_catastrophic_error(const std::string &device);
+
 // Packet loss and delay on the link of a port (both directions). `drop_next` packets are lost, then
 // `drop_all` loses every packet until cleared; surviving packets arrive `delay_ms` late.
 struct LinkFaults {

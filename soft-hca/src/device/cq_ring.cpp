@@ -76,8 +76,14 @@ void push_completion(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicit
 }
 
 void PendingEvents::deliver(Device &dev) {
-    for (const CompletionEvent &ev : completions) dispatch_event([ev] { ev.fire(); });
-    for (const VAPI_event_record_t &rec : async) dev.raise_async_event(rec);
+    if (!completions.empty()) {
+        // One interrupt for the batch: the handlers run one after the other in it.
+        SmallList<CompletionEvent, 8> batch = completions;
+        dispatch_event([batch] {
+            for (size_t i = 0; i < batch.size(); ++i) batch[i].fire();
+        });
+    }
+    for (size_t i = 0; i < async.size(); ++i) dev.raise_async_event(async[i]);
     completions.clear();
     async.clear();
 }

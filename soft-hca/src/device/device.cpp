@@ -5,8 +5,11 @@
 #include <cstring>
 
 #include "device/limits.hpp"
+#include "datapath/datapath.hpp"
 #include "device/qp.hpp"
+#include "engine/engine.hpp"
 #include "fabric/fabric.hpp"
+#include "fabric/wire.hpp"
 #include "host_interface.hpp"
 #include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
@@ -168,57 +171,50 @@ void Device::set_keys(Region &region, uint32_t index, uint8_t gen) {
 }
 
 void Device::add_keys(const Region &region) {
-    lkeys_[region.lkey] = &region;
-    rkeys_[region.rkey] = &region;
+    for (auto [table, key] : {std::pair{&lkeys_, region.lkey}, std::pair{&rkeys_, region.rkey}}) {
+        size_t i = key >> 8;
+        if (table->size() <= i) table->resize(i + 1, nullptr);
+        (*table)[i] = &region;
+    }
 }
 
 void Device::remove_keys(const Region &region) {
-    auto l = lkeys_.find(region.lkey);
-    if (l != lkeys_.end() && l->second == &region) lkeys_.erase(l);
-    auto r = rkeys_.find(region.rkey);
-    if (r != rkeys_.end() && r->second == &region) rkeys_.erase(r);
+    for (auto [table, key] : {std::pair{&lkeys_, region.lkey}, std::pair{&rkeys_, region.rkey}}) {
+        size_t i = key >> 8;
+        if (i < table->size() && (*table)[i] == &region) (*table)[i] = nullptr;
+    }
 }
 
 const Region *Device::find_lkey(VAPI_lkey_t lkey) const {
-    auto it = lkeys_.find(lkey);
-    return it == lkeys_.end() ? nullptr : it->second;
+    size_t i = lkey >> 8;
+    const Region *r = i < lkeys_.size() ? lkeys_[i] : nullptr;
+    return r && r->lkey == lkey ? r : nullptr;
 }
 
 const Region *Device::find_rkey(VAPI_rkey_t rkey) const {
-    auto it = rkeys_.find(rkey);
-    return it == rkeys_.end() ? nullptr : it->second;
+    size_t i = rkey >> 8;
+    const Region *r = i < rkeys_.size() ? rkeys_[i] : nullptr;
+    return r && r->rkey == rkey ? r : nullptr;
+}
+
+uint8_t *phys_ptr(uint64_t phys) {
+    return static_cast<uint8_t *>(host::phys_to_host(phys));
 }
 
 VAPI_ret_t Device::translate(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr,
                              uint64_t len, VAPI_mrw_acl_t need, std::vector<HostSpan> &out) const {
-    const Region *r = remote ? find_rkey(key) : find_lkey(key);
-    if (!r) return remote ? VAPI_EINVAL_R_KEY : VAPI_EINVAL_L_KEY;
-    if (pd != 0 && r->pd != pd) return VAPI_EINVAL_PD_HNDL;
-    if ((r->acl & need) != need) return VAPI_EPERM;
-    if (addr < r->start || len > r->size || addr - r->start > r->size - len) return VAPI_EINVAL_LEN;
     out.clear();
-    if (len == 0) return VAPI_OK;
-    if (!r->physical) {
-        out.push_back({reinterpret_cast<uint8_t *>(uintptr_t(addr)), size_t(len)});
-        return VAPI_OK;
-    }
-    // Walk the buffers: the region's IOVA start lies `offset` bytes into the first buffer.
-    uint64_t skip = (addr - r->start) + r->offset;
-    for (const VAPI_phy_buf_t &b : r->bufs) {
-        if (len == 0) break;
-        if (skip >= b.size) {
-            skip -= b.size;
-            continue;
-        }
-        uint64_t n = std::min<uint64_t>(b.size - skip, len);
-        out.push_back({static_cast<uint8_t *>(host::phys_to_host(b.start + skip)), size_t(n)});
-        len -= n;
-        skip = 0;
-    }
-    return len == 0 ? VAPI_OK : VAPI_EINVAL_LEN;
+    return walk(key, remote, pd, addr, len, need, [&](uint8_t *p, size_t n) {
+        out.push_back({p, n});
+        return true;
+    });
 }
 
 void Device::release_all() {
+    active_qps.clear();
+    sent_unreliable.clear();
+    retired.clear();
+    failed = false;
     qps.clear();
     ahs.clear();
     mcast.reset();
@@ -256,6 +252,7 @@ void Device::raise_async_event(const VAPI_event_record_t &record) {
 
 static void boot_locked(const Options &options) {
     System &s = sys();
+    engine_stop();  // a reboot: the old engine must not run over the devices being replaced
     {
         std::lock_guard lk(s.mu);
         s.devices.clear();
@@ -264,7 +261,9 @@ static void boot_locked(const Options &options) {
             s.devices.push_back(std::make_unique<Device>(i, options.ports));
         s.booted = true;
     }
+    wire_reset();
     fabric_boot(options);
+    engine_start(options.engine);
 }
 
 void boot(const Options &options) {
@@ -275,6 +274,8 @@ void boot(const Options &options) {
 void halt() {
     System &s = sys();
     std::lock_guard b(s.boot_mu);
+    engine_stop();
+    wire_reset();
     fabric_halt();
     std::lock_guard lk(s.mu);
     s.devices.clear();
@@ -433,6 +434,47 @@ bool set_reported_qp_state(const std::string &device, VAPI_qp_hndl_t qp, std::op
     Qp *q = find_qp(*d, qp);
     if (!q) return false;
     q->reported_state = raw_state;
+    return true;
+}
+
+bool complete_next_with_status(const std::string &device, VAPI_qp_hndl_t qp, WorkQueue queue,
+                               VAPI_wc_status_t status, uint32_t syndrome) {
+    Device *d = device_by_name(device);
+    if (!d) return false;
+    {
+        std::lock_guard lk(d->mu);
+        Qp *q = find_qp(*d, qp);
+        if (!q) return false;
+        Qp::Forced &f = queue == WorkQueue::Send ? q->forced_send : q->forced_recv;
+        f.armed = true;
+        f.status = status;
+        f.syndrome = syndrome;
+        if (queue == WorkQueue::Send) activate(*d, *q);
+    }
+    engine_kick();
+    return true;
+}
+
+bool inject_catastrophic_error(const std::string &device) {
+    Device *d = device_by_name(device);
+    if (!d) return false;
+    PendingEvents events;
+    {
+        std::lock_guard lk(d->mu);
+        if (!d->open) return false;
+        // Every QP stops where it is; what was queued is flushed with errors.
+        for (auto &[h, obj] : d->qps) enter_error(*d, *static_cast<Qp *>(obj.get()), events);
+        d->failed = true;
+        VAPI_event_record_t rec{};
+        rec.type = VAPI_LOCAL_CATASTROPHIC_ERROR;
+        events.async.push_back(rec);
+    }
+    // Raised as the device goes quiet: delivered even though the device no longer works.
+    for (size_t i = 0; i < events.completions.size(); ++i) {
+        CompletionEvent ev = events.completions[i];
+        dispatch_event([ev] { ev.fire(); });
+    }
+    for (size_t i = 0; i < events.async.size(); ++i) d->raise_async_event(events.async[i]);
     return true;
 }
 

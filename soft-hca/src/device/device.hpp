@@ -58,6 +58,7 @@
 
 #include <evapi.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -135,6 +136,9 @@ struct Pd : Object {
 };
 
 // One contiguous piece of host memory a range of a region maps to.
+// The host memory a physical address names.
+uint8_t *phys_ptr(uint64_t phys);
+
 struct HostSpan {
     uint8_t *ptr;
     size_t len;
@@ -204,6 +208,17 @@ class Device {
     std::map<VAPI_ud_av_hndl_t, std::unique_ptr<Object>> ahs;
     std::unique_ptr<Object> mcast;
 
+    // Data path (guarded by mu): the QPs whose requester has something to do, the UD/UC QPs
+    // whose sent requests complete once their packets are delivered, and destroyed QPs kept until
+    // the engine's next round on this device (a packet of the round before may still point into
+    // their rings).
+    std::vector<struct Qp *> active_qps;
+    std::vector<struct Qp *> sent_unreliable;
+    std::vector<std::unique_ptr<Object>> retired;
+    uint64_t round = 0;  // engine rounds run on this device
+    // Set when the device fails (injected local catastrophic error): no more work is done.
+    bool failed = false;
+
     Port *port(IB_port_t num) { return num >= 1 && num <= ports.size() ? &ports[num - 1] : nullptr; }
     Pd *find_pd(VAPI_pd_hndl_t pd);
 
@@ -220,6 +235,11 @@ class Device {
     // VAPI_EINVAL_LEN (range outside the region), VAPI_EPERM (missing right).
     VAPI_ret_t translate(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr, uint64_t len,
                          VAPI_mrw_acl_t need, std::vector<HostSpan> &out) const;
+    // The same, handing each piece of host memory to `emit(uint8_t *ptr, size_t len)`, which
+    // returns false to stop (the result is then VAPI_EAGAIN). Allocates nothing.
+    template <class Emit>
+    VAPI_ret_t walk(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr, uint64_t len,
+                    VAPI_mrw_acl_t need, Emit &&emit) const;
     const Region *find_lkey(VAPI_lkey_t lkey) const;
     const Region *find_rkey(VAPI_rkey_t rkey) const;
 
@@ -233,8 +253,37 @@ class Device {
   private:
     uint32_t next_key_index_ = 1;
     std::set<uint32_t> free_key_indexes_;
-    std::map<uint32_t, const Region *> lkeys_, rkeys_;
+    // Indexed by the key's table index (key >> 8); the whole key must match.
+    std::vector<const Region *> lkeys_, rkeys_;
 };
+
+// Looking up a key and walking a range is on the data path: O(1) look-up, no allocation.
+template <class Emit>
+VAPI_ret_t Device::walk(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr, uint64_t len,
+                        VAPI_mrw_acl_t need, Emit &&emit) const {
+    const Region *r = remote ? find_rkey(key) : find_lkey(key);
+    if (!r) return remote ? VAPI_EINVAL_R_KEY : VAPI_EINVAL_L_KEY;
+    if (pd != 0 && r->pd != pd) return VAPI_EINVAL_PD_HNDL;
+    if ((r->acl & need) != need) return VAPI_EPERM;
+    if (addr < r->start || len > r->size || addr - r->start > r->size - len) return VAPI_EINVAL_LEN;
+    if (len == 0) return VAPI_OK;
+    if (!r->physical)
+        return emit(reinterpret_cast<uint8_t *>(uintptr_t(addr)), size_t(len)) ? VAPI_OK : VAPI_EAGAIN;
+    // Walk the buffers: the region's IOVA start lies `offset` bytes into the first buffer.
+    uint64_t skip = (addr - r->start) + r->offset;
+    for (const VAPI_phy_buf_t &b : r->bufs) {
+        if (len == 0) break;
+        if (skip >= b.size) {
+            skip -= b.size;
+            continue;
+        }
+        uint64_t n = std::min<uint64_t>(b.size - skip, len);
+        if (!emit(phys_ptr(b.start + skip), size_t(n))) return VAPI_EAGAIN;
+        len -= n;
+        skip = 0;
+    }
+    return len == 0 ? VAPI_OK : VAPI_EINVAL_LEN;
+}
 
 // The devices of the running system; created by boot(), destroyed by halt(). A verb called before
 // boot() boots the default system first.

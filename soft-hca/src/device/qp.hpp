@@ -1,6 +1,6 @@
 // Queue pairs of the software HCA: the QP record the device keeps per VAPI QP handle, with its
-// attributes, its IB state and the work requests queued on it. Posting queues work requests here;
-// the data path consumes them from the front of `sq` and `rq`.
+// attributes, its IB state, its work queues and the state of its requester and responder.
+// Posting writes work requests into the rings; the data path consumes them from the front.
 #pragma once
 
 #include <array>
@@ -13,24 +13,10 @@
 
 #include "device/cq.hpp"
 #include "device/device.hpp"
+#include "datapath/wq.hpp"
 #include "device/qp_state_machine.hpp"
 
 namespace marlix::softhca {
-
-// A send work request as posted: the descriptor with a private copy of its gather list (the
-// descriptor's sg_lst_p is cleared; use `sg`), and for inline sends the data itself.
-struct SendWqe {
-    VAPI_sr_desc_t desc{};
-    std::vector<VAPI_sg_lst_entry_t> sg;
-    bool is_inline = false;
-    std::vector<uint8_t> inline_data;
-    std::optional<VAPI_pkey_ix_t> pkey_ix;  // GSI sends on an explicit P_Key index
-};
-
-struct RecvWqe {
-    VAPI_rr_desc_t desc{};
-    std::vector<VAPI_sg_lst_entry_t> sg;
-};
 
 using Mgid = std::array<uint8_t, 16>;
 
@@ -42,8 +28,50 @@ struct Qp : Object {
     qpsm::QpKind kind = qpsm::QpKind::Regular;
     VAPI_qp_init_attr_t init{};  // as created, with the capabilities actually granted
     VAPI_qp_attr_t attr{};       // current attributes (attr.qp_state is the IB state)
-    std::deque<SendWqe> sq;
-    std::deque<RecvWqe> rq;
+    SendRing sq;  // [head, next_send) sent, [next_send, tail) queued
+    RecvRing rq;
+
+    // ---- Requester -----------------------------------------------------------------------
+    uint64_t next_send = 0;    // position in sq of the next request to (re)transmit
+    uint32_t next_psn = 0;     // PSN of the next packet to send
+    uint32_t rd_atom_outstanding = 0;  // RDMA reads and atomics sent and not yet answered
+    uint8_t retries_left = 0;          // transport retries left for the oldest request
+    uint8_t rnr_retries_left = 0;      // RNR retries left (7 in rnr_retry means for ever)
+    uint64_t retransmit_at = 0;        // when the oldest unanswered request times out (ns; 0: none)
+    uint64_t rnr_wait_until = 0;       // RNR NAK: nothing is sent before this (ns)
+    bool sqd_event_due = false;        // SQD entered with notification asked; raise when drained
+    // ---- Responder -----------------------------------------------------------------------
+    uint32_t expected_psn = 0;        // RC/UC: the PSN the next request must carry
+    uint32_t msn = 0;                 // messages completed as responder
+    bool in_message = false;          // a multi-packet send or write is in progress
+    bool recv_taken = false;          // ... and has taken the receive request at rq.head()
+    uint64_t write_va = 0;            // RDMA write in progress: where the next packet goes
+    uint32_t write_rkey = 0;
+    uint32_t write_first_psn = 0;
+    uint64_t message_bytes = 0;       // bytes of the message in progress so far
+    bool message_failed = false;      // UC: the message in progress is being dropped
+    bool nak_sent = false;            // RC: a sequence NAK went out; quiet until the PSN comes
+    uint32_t reads_in_progress = 0;   // responder resources used in this round (reads, atomics)
+    uint64_t reads_round = 0;
+    bool comm_established = false;    // the first packet in RTR raised the event
+    // The last atomic operations answered, to answer a duplicate with the same original value.
+    struct AtomicReplay {
+        uint32_t psn = 0;
+        uint64_t orig = 0;
+        bool valid = false;
+    };
+    std::array<AtomicReplay, 4> atomic_replay{};
+    uint32_t atomic_replay_next = 0;
+    // ---- Controls for tests -----------------------------------------------------------------
+    struct Forced {
+        bool armed = false;
+        VAPI_wc_status_t status = VAPI_SUCCESS;
+        uint32_t syndrome = 0;
+    };
+    Forced forced_send, forced_recv;
+    bool on_active_list = false;  // queued on the device's list of QPs with requester work
+    bool on_sent_list = false;    // on the device's list of UD/UC QPs with sent requests
+    bool destroyed = false;       // destroyed; the record waits in Device::retired
     std::set<std::pair<Mgid, IB_lid_t>> mcast_groups;  // groups this QP is attached to
     std::optional<uint32_t> reported_state;             // what VAPI_query_qp says instead (tests)
 
@@ -69,12 +97,38 @@ CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq);
 // special QPs of that port, other numbers name the same QP on every port. Null when none.
 Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port);
 
-// Completions and CQ errors to deliver once the device lock is released.
+// A few values kept inline, more spilling to the heap: event lists are short (one completion
+// event per armed CQ), so collecting them costs no allocation.
+template <class T, size_t N>
+class SmallList {
+  public:
+    void push_back(const T &v) {
+        if (n_ < N)
+            inline_[n_] = v;
+        else
+            more_.push_back(v);
+        ++n_;
+    }
+    size_t size() const { return n_; }
+    bool empty() const { return n_ == 0; }
+    const T &operator[](size_t i) const { return i < N ? inline_[i] : more_[i - N]; }
+    void clear() {
+        n_ = 0;
+        more_.clear();
+    }
+
+  private:
+    T inline_[N]{};
+    size_t n_ = 0;
+    std::vector<T> more_;
+};
+
+// Completions and asynchronous events to deliver once the device lock is released.
 struct PendingEvents {
-    std::vector<CompletionEvent> completions;
-    std::vector<VAPI_event_record_t> async;
+    SmallList<CompletionEvent, 8> completions;
+    SmallList<VAPI_event_record_t, 4> async;
     bool empty() const { return completions.empty() && async.empty(); }
-    // Delivers everything through the event dispatcher; the caller holds no device lock.
+    // Raises everything as the adapter's interrupt; the caller holds no device lock.
     void deliver(Device &dev);
 };
 
@@ -91,6 +145,9 @@ void flush_recv_queue(Device &dev, Qp &qp, PendingEvents &events);
 void detach_qp_from_all_groups(Device &dev, Qp &qp);
 // The QPs attached to a multicast group (empty when the group does not exist), in handle order.
 std::vector<VAPI_qp_hndl_t> mcast_group_members(Device &dev, const IB_gid_t mgid);
+// The members of the groups with LID `mlid` (handles), into `out` (cleared first); no allocation
+// once `out` has grown to the group's size.
+void mcast_members_by_lid(Device &dev, IB_lid_t mlid, std::vector<VAPI_qp_hndl_t> &out);
 
 // The address vector of an address handle and the PD it belongs to; null when unknown.
 const VAPI_ud_av_t *find_ah_av(Device &dev, VAPI_ud_av_hndl_t ah, VAPI_pd_hndl_t *pd = nullptr);

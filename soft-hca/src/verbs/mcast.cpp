@@ -67,6 +67,13 @@ std::vector<VAPI_qp_hndl_t> mcast_group_members(Device &dev, const IB_gid_t mgid
     return {it->second.members.begin(), it->second.members.end()};
 }
 
+void mcast_members_by_lid(Device &dev, IB_lid_t mlid, std::vector<VAPI_qp_hndl_t> &out) {
+    out.clear();
+    if (!dev.mcast) return;
+    for (auto &[gid, g] : state_of(dev).groups)
+        if (g.mlid == mlid) out.insert(out.end(), g.members.begin(), g.members.end());
+}
+
 }  // namespace marlix::softhca
 
 using namespace marlix::softhca;

@@ -1,9 +1,13 @@
 // Posting work requests: validation against the QP's state, transport and capabilities, and
 // queueing on the QP for the data path. A list post is all or nothing: every request is checked
 // before the first one is queued.
+#include <algorithm>
 #include <cstring>
+#include <optional>
 
+#include "datapath/datapath.hpp"
 #include "device/qp.hpp"
+#include "engine/engine.hpp"
 
 namespace marlix::softhca {
 
@@ -67,24 +71,36 @@ VAPI_ret_t check_send(Device &dev, const Qp &qp, const VAPI_sr_desc_t *d, bool i
     if (qp.kind != QpKind::Regular || qp.transport() == VAPI_TS_UD) {
         if (!find_ah_av(dev, d->remote_ah)) return VAPI_EINVAL_AV_HNDL;
     }
-    if (qp.sq.size() + pending >= qp.cap().max_oust_wr_sq) return VAPI_E2BIG_WR_NUM;
+    if (qp.sq.count() + pending >= qp.cap().max_oust_wr_sq) return VAPI_E2BIG_WR_NUM;
     return VAPI_OK;
 }
 
-SendWqe make_send(const VAPI_sr_desc_t &d, bool is_inline) {
-    SendWqe w;
+// Writes a send request into the next free entry of the ring.
+void write_send(Qp &qp, const VAPI_sr_desc_t &d, bool is_inline, const std::optional<VAPI_pkey_ix_t> &pkey_ix) {
+    SendEntry &w = qp.sq.next_free();
     w.desc = d;
     w.desc.sg_lst_p = nullptr;
-    if (d.sg_lst_len) w.sg.assign(d.sg_lst_p, d.sg_lst_p + d.sg_lst_len);
     w.is_inline = is_inline;
+    w.has_pkey_ix = pkey_ix.has_value();
+    w.pkey_ix = pkey_ix.value_or(0);
+    w.phase = SendPhase::Queued;
+    w.status = VAPI_SUCCESS;
+    w.syndrome = 0;
+    w.length = 0;
+    w.inline_len = 0;
     if (is_inline) {
         // The data is taken now: the caller may reuse its buffers as soon as the post returns.
-        for (const VAPI_sg_lst_entry_t &e : w.sg) {
-            const auto *src = reinterpret_cast<const uint8_t *>(static_cast<uintptr_t>(e.addr));
-            w.inline_data.insert(w.inline_data.end(), src, src + e.len);
+        w.sg_count = 0;
+        for (uint32_t i = 0; i < d.sg_lst_len; ++i) {
+            const VAPI_sg_lst_entry_t &e = d.sg_lst_p[i];
+            std::memcpy(w.inline_data + w.inline_len, reinterpret_cast<const void *>(uintptr_t(e.addr)), e.len);
+            w.inline_len += e.len;
         }
+    } else {
+        w.sg_count = d.sg_lst_len;
+        std::copy_n(d.sg_lst_p, d.sg_lst_len, w.sg);
     }
-    return w;
+    qp.sq.push();
 }
 
 VAPI_ret_t check_recv(const Qp &qp, const VAPI_rr_desc_t *d, size_t pending) {
@@ -94,16 +110,17 @@ VAPI_ret_t check_recv(const Qp &qp, const VAPI_rr_desc_t *d, size_t pending) {
     if (!valid_comp_type(raw_value(d->comp_type))) return VAPI_EINVAL_PARAM;
     if (d->sg_lst_len > 0 && !d->sg_lst_p) return VAPI_EINVAL_PARAM;
     if (d->sg_lst_len > qp.cap().max_sg_size_rq) return VAPI_E2BIG_SG_NUM;
-    if (qp.rq.size() + pending >= qp.cap().max_oust_wr_rq) return VAPI_E2BIG_WR_NUM;
+    if (qp.rq.count() + pending >= qp.cap().max_oust_wr_rq) return VAPI_E2BIG_WR_NUM;
     return VAPI_OK;
 }
 
-RecvWqe make_recv(const VAPI_rr_desc_t &d) {
-    RecvWqe w;
+void write_recv(Qp &qp, const VAPI_rr_desc_t &d) {
+    RecvEntry &w = qp.rq.next_free();
     w.desc = d;
     w.desc.sg_lst_p = nullptr;
-    if (d.sg_lst_len) w.sg.assign(d.sg_lst_p, d.sg_lst_p + d.sg_lst_len);
-    return w;
+    w.sg_count = d.sg_lst_len;
+    std::copy_n(d.sg_lst_p, d.sg_lst_len, w.sg);
+    qp.rq.push();
 }
 
 struct SendPost {
@@ -122,16 +139,18 @@ VAPI_ret_t post_sends(Call &call, VAPI_qp_hndl_t qp_hndl, const VAPI_sr_desc_t *
     if (n > 0 && !descs) return VAPI_EINVAL_PARAM;
     for (uint32_t i = 0; i < n; ++i)
         if (VAPI_ret_t rc = check_send(dev, *qp, &descs[i], how.is_inline, i); rc != VAPI_OK) return rc;
-    for (uint32_t i = 0; i < n; ++i) {
-        qp->sq.push_back(make_send(descs[i], how.is_inline));
-        qp->sq.back().pkey_ix = how.pkey_ix;
-    }
+    for (uint32_t i = 0; i < n; ++i) write_send(*qp, descs[i], how.is_inline, how.pkey_ix);
     if (qp->state() == QpState::Sqe || qp->state() == QpState::Err) {
         PendingEvents events;
         flush_send_queue(dev, *qp, events);
         call.unlock();
         events.deliver(dev);
+        return VAPI_OK;
     }
+    // The doorbell: the requester takes it from here, on the engine.
+    activate(dev, *qp);
+    call.unlock();
+    engine_kick();
     return VAPI_OK;
 }
 
@@ -142,7 +161,7 @@ VAPI_ret_t post_recvs(Call &call, VAPI_qp_hndl_t qp_hndl, const VAPI_rr_desc_t *
     if (n > 0 && !descs) return VAPI_EINVAL_PARAM;
     for (uint32_t i = 0; i < n; ++i)
         if (VAPI_ret_t rc = check_recv(*qp, &descs[i], i); rc != VAPI_OK) return rc;
-    for (uint32_t i = 0; i < n; ++i) qp->rq.push_back(make_recv(descs[i]));
+    for (uint32_t i = 0; i < n; ++i) write_recv(*qp, descs[i]);
     if (qp->state() == QpState::Err) {
         PendingEvents events;
         flush_recv_queue(dev, *qp, events);

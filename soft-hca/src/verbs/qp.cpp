@@ -1,7 +1,9 @@
 // Queue pair verbs: create (regular and special QPs), modify through the state machine, query,
 // destroy; flushing of the work queues when a QP enters the error state.
 #include "device/qp.hpp"
+#include "datapath/datapath.hpp"
 #include "device/limits.hpp"
+#include "engine/engine.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -179,6 +181,8 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
     qp->attr.port = port;
     qp->attr.min_rnr_timer = kDefaultMinRnrTimer;
     qp->hndl = dev.qp_handles.allocate();
+    qp->sq.resize(cap.max_oust_wr_sq, cap.max_sg_size_sq, cap.max_inline_data_sq);
+    qp->rq.resize(cap.max_oust_wr_rq, cap.max_sg_size_rq, 0);
 
     pd->users++;
     scq->qp_users++;
@@ -186,6 +190,17 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
     out = qp.get();
     dev.qps[qp->hndl] = std::move(qp);
     return VAPI_OK;
+}
+
+// Back to RESET: the requester and responder forget the connection.
+void reset_datapath_state(Qp &qp) {
+    qp.next_send = qp.sq.head();
+    qp.next_psn = qp.expected_psn = qp.msn = 0;
+    qp.rd_atom_outstanding = 0;
+    qp.retransmit_at = qp.rnr_wait_until = 0;
+    qp.sqd_event_due = qp.in_message = qp.recv_taken = qp.message_failed = qp.nak_sent = false;
+    qp.comm_established = false;
+    qp.atomic_replay = {};
 }
 
 qpsm::Transport transport_of(const Qp &qp) {
@@ -198,8 +213,8 @@ qpsm::Transport transport_of(const Qp &qp) {
 // not drop below the work requests queued now. Gather and inline sizes are fixed at creation.
 VAPI_ret_t resized_caps(const Device &dev, const Qp &qp, const VAPI_qp_cap_t &req, VAPI_qp_cap_t &out) {
     out = qp.cap();
-    for (auto [want, have, queued] : {std::tuple{req.max_oust_wr_sq, &out.max_oust_wr_sq, qp.sq.size()},
-                                      std::tuple{req.max_oust_wr_rq, &out.max_oust_wr_rq, qp.rq.size()}}) {
+    for (auto [want, have, queued] : {std::tuple{req.max_oust_wr_sq, &out.max_oust_wr_sq, qp.sq.count()},
+                                      std::tuple{req.max_oust_wr_rq, &out.max_oust_wr_rq, qp.rq.count()}}) {
         if (want == 0) continue;
         if (want > dev.cap.max_qp_ous_wr) return VAPI_E2BIG_WR_NUM;
         uint32_t depth = round_up_pow2(want);
@@ -260,6 +275,8 @@ VAPI_ret_t VAPI_create_qp(VAPI_hca_hndl_t hca_hndl, const VAPI_qp_init_attr_t *q
     if (rc != VAPI_OK) return rc;
     *qp_hndl_p = qp->hndl;
     qp_prop_p->qp_num = qp->qp_num;
+    call.unlock();
+    engine_kick();  // lets the engine free the records of QPs destroyed before
     qp_prop_p->cap = qp->cap();
     return VAPI_OK;
 }
@@ -324,6 +341,8 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
         // forgotten except what creation fixed.
         qp->sq.clear();
         qp->rq.clear();
+        deactivate(dev, *qp);
+        reset_datapath_state(*qp);
         VAPI_qp_attr_t fresh{};
         fresh.qp_num = qp->qp_num;
         fresh.port = qp->special_port;
@@ -336,22 +355,40 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
             applied &= ~(QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY);
         apply(*qp, *qp_attr_p, applied);
     }
+    if (cap.max_oust_wr_sq != qp->cap().max_oust_wr_sq)
+        qp->sq.resize(cap.max_oust_wr_sq, qp->cap().max_sg_size_sq, qp->cap().max_inline_data_sq);
+    if (cap.max_oust_wr_rq != qp->cap().max_oust_wr_rq)
+        qp->rq.resize(cap.max_oust_wr_rq, qp->cap().max_sg_size_rq, 0);
     qp->init.cap = cap;
     qp->attr.cap = cap;
     qp->attr.qp_state = qp_attr_p->qp_state;
     qp->attr.sq_draining = FALSE;
+    // The data path starts from the PSNs and retry budgets the transitions set.
+    if (to == QpState::Rtr && from == QpState::Init) {
+        qp->expected_psn = qp->attr.rq_psn;
+        qp->comm_established = false;
+    }
+    if (to == QpState::Rts && (from == QpState::Rtr || (mask & QP_ATTR_SQ_PSN))) qp->next_psn = qp->attr.sq_psn;
+    if (to == QpState::Rts) {
+        qp->retries_left = qp->attr.retry_count;
+        qp->rnr_retries_left = qp->attr.rnr_retry;
+        activate(dev, *qp);  // requests posted meanwhile (SQD, SQE) go out now
+    }
     if (to == QpState::Err) flush_qp(dev, *qp, events);
-    // Nothing is in flight between posting and the data path, so the send queue is drained at
-    // once; the QP asked to be told when it entered SQD.
-    if (to == QpState::Sqd && from == QpState::Rts && qp->attr.en_sqd_asyn_notif) {
-        VAPI_event_record_t rec{};
-        rec.type = VAPI_SEND_QUEUE_DRAINED;
-        rec.modifier.qp_hndl = qp->hndl;
-        events.async.push_back(rec);
+    if (to == QpState::Sqd && from == QpState::Rts) {
+        // The requester sends nothing new; the QP asked to be told when what is in flight is
+        // answered.
+        qp->sqd_event_due = qp->attr.en_sqd_asyn_notif;
+        qp->attr.sq_draining = qp->sq.head() != qp->next_send;
+        if (qp->sqd_event_due && !qp->attr.sq_draining) {
+            qp->sqd_event_due = false;
+            qp_event(*qp, VAPI_SEND_QUEUE_DRAINED, events);
+        }
     }
     if (qp_cap_p) *qp_cap_p = cap;
     call.unlock();
     events.deliver(dev);
+    engine_kick();
     return VAPI_OK;
 }
 
@@ -381,7 +418,13 @@ VAPI_ret_t VAPI_destroy_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl) {
     if (Pd *pd = dev.find_pd(qp->init.pd_hndl)) pd->users--;
     if (CompletionQueue *cq = find_cq(dev, qp->init.sq_cq_hndl)) cq->qp_users--;
     if (CompletionQueue *cq = find_cq(dev, qp->init.rq_cq_hndl)) cq->qp_users--;
-    dev.qps.erase(qp_hndl);
+    deactivate(dev, *qp);
+    qp->destroyed = true;
+    // The record outlives its handle until the engine's next round on this device: a packet
+    // of the current round may still read from its rings.
+    auto it = dev.qps.find(qp_hndl);
+    dev.retired.push_back(std::move(it->second));
+    dev.qps.erase(it);
     dev.qp_handles.release(qp_hndl);
     return VAPI_OK;
 }
