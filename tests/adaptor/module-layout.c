@@ -13,6 +13,7 @@
 #include "completion-generator.h"
 #include "module-version.h"
 #include "slot-names.h"
+#include "translate.h"
 
 #include "module_layout.h"
 
@@ -256,6 +257,17 @@ void adp_call_version_exit(const void *fn, char *name) {
 
 void adp_call_timer(const void *fn, unsigned long data) {
     ((__typeof__(&ox_com_timer_generator))fn)(data);
+}
+
+unsigned long long adp_call_fold_node_guid(const void *fn, const unsigned char node_guid[8]) {
+    IB_guid_t guid;
+
+    memcpy(guid, node_guid, sizeof(guid));
+    return ((__typeof__(&ox_mlx_fold_node_guid))fn)(guid);
+}
+
+int adp_call_status_to_ox(const void *fn, int vapi_status) {
+    return (int)((__typeof__(&ox_mlx_status_to_ox))fn)(vapi_status);
 }
 
 void *adp_link_cq_record(void *hca, unsigned long vapi_handle) {

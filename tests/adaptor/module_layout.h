@@ -44,6 +44,8 @@ void adp_call_mem_alloc(const void *fn, int index); /* mem_alloc_add or mem_allo
 int adp_call_version_init(const void *fn, char *name, char *version, char *tag);
 void adp_call_version_exit(const void *fn, char *name);
 void adp_call_timer(const void *fn, unsigned long data);
+unsigned long long adp_call_fold_node_guid(const void *fn, const unsigned char node_guid[8]);
+int adp_call_status_to_ox(const void *fn, int vapi_status);
 
 /* Tracking records an upper layer left on an HCA, linked the way CQ and QP creation link them:
  * at the head of the HCA's list and, for a VAPI handle up to 1000, in its array slot. Allocated
