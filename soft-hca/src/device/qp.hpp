@@ -33,6 +33,7 @@ struct Qp : Object {
 
     // ---- Requester -----------------------------------------------------------------------
     uint64_t next_send = 0;    // position in sq of the next request to (re)transmit
+    uint64_t sent_high = 0;    // positions below this were sent at least once
     uint32_t next_psn = 0;     // PSN of the next packet to send
     uint32_t rd_atom_outstanding = 0;  // RDMA reads and atomics sent and not yet answered
     uint8_t retries_left = 0;          // transport retries left for the oldest request

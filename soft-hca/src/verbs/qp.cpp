@@ -194,7 +194,7 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
 
 // Back to RESET: the requester and responder forget the connection.
 void reset_datapath_state(Qp &qp) {
-    qp.next_send = qp.sq.head();
+    qp.next_send = qp.sent_high = qp.sq.head();
     qp.next_psn = qp.expected_psn = qp.msn = 0;
     qp.rd_atom_outstanding = 0;
     qp.retransmit_at = qp.rnr_wait_until = 0;
