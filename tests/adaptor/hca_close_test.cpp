@@ -146,6 +146,21 @@ TEST_F(HcaClose, DiscardsTheAsynchronousRegistrations) {
     EXPECT_EQ(0, alloc_num("mem_async_ix"));  // never counted by teardown
 }
 
+TEST_F(HcaClose, AGenericRegistrationArrayIsFreedAndUncounted) {
+    // Open never sets the array; were it set, close frees it and uncounts its row, which open
+    // never counted: the accounting reports the release of an uncounted kind.
+    void *hca = open_hca("InfiniHost0");
+    void *array = adp_kmalloc(64);
+    hca_record(hca).set("gen_mem_array_p", reinterpret_cast<long long>(array));
+    k::log_clear();
+    EXPECT_EQ(kOk, close(hca));
+    EXPECT_EQ((std::vector<std::string>{
+                  ad_error("mem_alloc_del", "g_alloc_mem_array[6].alloc_num == 0, mem_statistic_err: 1")}),
+              at_level(log(), "ERROR  "));
+    EXPECT_EQ(1u, *sym<uint32_t>("mem_statistic_err"));
+    for (const auto &a : k::live_allocations(nullptr, true)) EXPECT_NE(array, a.ptr);
+}
+
 TEST_F(HcaClose, ABorrowedHandleIsReleasedNotClosed) {
     void *owner = open_hca("InfiniHost1");
     void *borrower = open_hca("InfiniHost1");

@@ -334,6 +334,10 @@ void *adp_link_qp_record(void *hca, unsigned long vapi_handle) {
     return qp;
 }
 
+void *adp_kmalloc(size_t size) {
+    return kzalloc(size, GFP_KERNEL);
+}
+
 void *adp_link_async_registration(void *hca) {
     ox_opened_hca_t *h = (ox_opened_hca_t *)hca;
     ox_asy_ev_element_t *element = (ox_asy_ev_element_t *)kzalloc(sizeof(*element), GFP_KERNEL);

@@ -57,6 +57,8 @@ void adp_call_completion_handler(const void *fn, unsigned hca_hndl, unsigned lon
  * with the kernel's kmalloc so that the module can free them. Returns the record. */
 void *adp_link_cq_record(void *hca, unsigned long vapi_handle);
 void *adp_link_qp_record(void *hca, unsigned long vapi_handle);
+/* A kernel allocation of `size` bytes (kmalloc), for records the module frees. */
+void *adp_kmalloc(size_t size);
 /* An asynchronous callback registration linked at the head of the HCA's list. */
 void *adp_link_async_registration(void *hca);
 

@@ -201,9 +201,9 @@ TEST_F(GidTable, ThePortQueryInsideFails) {
               log());
     EXPECT_EQ(2, stats()["error_num"]);
     EXPECT_EQ(2, stats()["VAPI_error_num"]);
-    // The inner query's status, then the table read's index with the ox_return_t it received.
+    // The inner query's status, then the port query's index again with the ox_return_t received.
     expect_ring(0, "port_query_indx", VAPI_EINVAL_PORT);
-    expect_ring(1, "get_port_gid_tbl_indx", kErr);
+    expect_ring(1, "port_query_indx", kErr);
 }
 
 TEST_F(GidTable, TheBufferCannotBeAllocated) {
@@ -304,7 +304,7 @@ TEST_F(PkeyTable, ThePortQueryInsideFails) {
                            "MLXAD_ERR: VAPI Fail to query mlx device (hca_h: 0) port number 5")}),
               log());
     expect_ring(0, "port_query_indx", VAPI_EINVAL_PORT);
-    expect_ring(1, "get_port_partition_tbl_indx", kErr);
+    expect_ring(1, "port_query_indx", kErr);
     EXPECT_EQ(2, stats()["VAPI_error_num"]);
 }
 
