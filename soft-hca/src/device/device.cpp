@@ -213,6 +213,7 @@ VAPI_ret_t Device::translate(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_
 void Device::release_all() {
     active_qps.clear();
     sent_unreliable.clear();
+    qp_by_number.clear();
     retired.clear();
     failed = false;
     qps.clear();

@@ -52,8 +52,19 @@
 //
 // Locking
 // -------
-// One mutex per device (Device::mu). Never hold two device mutexes at once: to reach a peer
-// device (the fabric), finish with the own device's state, unlock, then lock the peer.
+// Locks are taken in this order and never the other way round:
+//   1. the registry's boot mutex (boot, halt, the implicit first boot);
+//   2. the engine slot's mutex (engine start and stop, step, run_until_idle);
+//   3. the fabric's mutex (subnet manager sweeps, cable and port changes);
+//   4. Device::mu, of one device at a time: verbs (through Call), the engine's requester and
+//      timer phase, and the responder/completer for a packet arriving at the device. The data path
+//      never holds two device mutexes: packets travel between devices with no device lock held;
+//   5. leaf locks, under which nothing else is taken: the LID table, the wire (link faults and
+//      delayed packets), the fault table and call counts, the registry's device list and event
+//      dispatcher, the threaded engine's sleep mutex.
+// Never call a user callback (completion or async handler) with a device mutex held: collect the
+// events in a PendingEvents and deliver them after unlocking.
+//
 #pragma once
 
 #include <evapi.h>
@@ -66,6 +77,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
@@ -212,6 +224,7 @@ class Device {
     // whose sent requests complete once their packets are delivered, and destroyed QPs kept until
     // the engine's next round on this device (a packet of the round before may still point into
     // their rings).
+    std::unordered_map<uint32_t, struct Qp *> qp_by_number;  // packets name QPs by number
     std::vector<struct Qp *> active_qps;
     std::vector<struct Qp *> sent_unreliable;
     std::vector<std::unique_ptr<Object>> retired;

@@ -107,10 +107,8 @@ VAPI_ret_t status_of(const qpsm::Check &c) {
 // The lowest free QP number from 0x400 (QP0 and QP1 are the special QPs; the numbers below
 // 0x400 are kept for them as on the adapter).
 std::optional<VAPI_qp_num_t> allocate_qp_num(Device &dev) {
-    std::set<VAPI_qp_num_t> used;
-    for (auto &[h, obj] : dev.qps) used.insert(static_cast<Qp *>(obj.get())->qp_num);
     VAPI_qp_num_t n = kFirstQpNum;
-    for (auto it = used.lower_bound(n); it != used.end() && *it == n; ++it) ++n;
+    while (n <= kLastQpNum && dev.qp_by_number.count(n)) ++n;
     if (n > kLastQpNum) return std::nullopt;
     return n;
 }
@@ -184,6 +182,7 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
     qp->sq.resize(cap.max_oust_wr_sq, cap.max_sg_size_sq, cap.max_inline_data_sq);
     qp->rq.resize(cap.max_oust_wr_rq, cap.max_sg_size_rq, 0);
 
+    dev.qp_by_number[qp_number_key(qp->qp_num, port)] = qp.get();
     pd->users++;
     scq->qp_users++;
     rcq->qp_users++;
@@ -420,6 +419,7 @@ VAPI_ret_t VAPI_destroy_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl) {
     if (CompletionQueue *cq = find_cq(dev, qp->init.rq_cq_hndl)) cq->qp_users--;
     deactivate(dev, *qp);
     qp->destroyed = true;
+    dev.qp_by_number.erase(qp_number_key(qp->qp_num, qp->special_port));
     // The record outlives its handle until the engine's next round on this device: a packet
     // of the current round may still read from its rings.
     auto it = dev.qps.find(qp_hndl);
