@@ -16,12 +16,12 @@
 // How a verb is written
 // ---------------------
 //     VAPI_ret_t VAPI_create_cq(VAPI_hca_hndl_t hca, ...) {
-//         Call call("VAPI_create_cq", hca);     // counts the call, applies injected faults,
+//         Call call(Verb::VAPI_create_cq, hca); // counts the call, applies injected faults,
 //         if (call.failed()) return call.status(); // finds the open device and locks its mutex
 //         Device &dev = call.dev();
 //         ...                                   // dev.mu is held until `call` goes away
 //     }
-// Calls that name a device instead of a handle use Call(name, std::string device_name, ByName{}).
+// Calls that name a device instead of a handle use Call(verb, std::string device_name, ByName{}).
 // Never call a user callback (completion or async handler) while holding the device mutex: use
 // call.unlock() first, or Device::raise_async_event() / dispatch_event(), which run the callback
 // outside every lock.
@@ -69,7 +69,11 @@
 
 #include <evapi.h>
 
+#include "device/verbs.hpp"
+
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -229,6 +233,8 @@ class Device {
     std::vector<struct Qp *> sent_unreliable;
     std::vector<std::unique_ptr<Object>> retired;
     uint64_t round = 0;  // engine rounds run on this device
+    // Calls of each verb addressed to this device (fault injection counts them).
+    std::array<std::atomic<uint64_t>, kVerbCount> call_counts{};
     // Set when the device fails (injected local catastrophic error): no more work is done.
     bool failed = false;
 
@@ -301,7 +307,12 @@ VAPI_ret_t Device::walk(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_
 // The devices of the running system; created by boot(), destroyed by halt(). A verb called before
 // boot() boots the default system first.
 std::vector<Device *> devices();
+// The device with handle `hca` (its index), from a table read without a lock: devices live from
+// boot() to halt() and are not replaced in between.
 Device *device_by_handle(VAPI_hca_hndl_t hca);
+// Calls fn(Device &) for every device, without copying the list.
+size_t device_count();
+Device *device_at(size_t index);
 Device *device_by_name(const std::string &name);
 // The device and port a LID is assigned to (active ports only); null if none.
 Device *device_by_lid(IB_lid_t lid, IB_port_t *port_out);
@@ -318,10 +329,10 @@ void set_event_dispatcher(std::function<void(std::function<void()>)> dispatcher)
 struct ByName {};
 class Call {
   public:
-    Call(const char *call, VAPI_hca_hndl_t hca);
+    Call(Verb verb, VAPI_hca_hndl_t hca);
     // A call addressed to a device by name; the device need not be open (dev() may be null if the
     // name is unknown) and is not locked.
-    Call(const char *call, const std::string &device_name, ByName);
+    Call(Verb verb, const std::string &device_name, ByName);
     bool failed() const { return status_ != VAPI_OK; }
     VAPI_ret_t status() const { return status_; }
     Device &dev() { return *dev_; }
@@ -339,12 +350,9 @@ class Call {
     std::unique_lock<std::mutex> lock_;
 };
 
-// Fault injection and call counting.
-class Faults {
-  public:
-    // Counts the call and returns the injected status, or VAPI_OK.
-    VAPI_ret_t check(const char *call, const std::string &device);
-};
-Faults &faults();
+// Fault injection and call counting. Counts the call (per device, atomically; calls not tied to a
+// device in a small table) and returns the injected status, or VAPI_OK at once when no fault is
+// armed. `dev` may be null; `device_name` names the device the call addresses.
+VAPI_ret_t check_faults(Verb verb, Device *dev, const std::string &device_name);
 
 }  // namespace marlix::softhca

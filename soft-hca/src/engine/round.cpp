@@ -26,7 +26,9 @@ size_t run_round(uint64_t now, bool *timers_pending) {
     Scratch &s = scratch();
     size_t work = 0;
     bool timers = false;
-    for (Device *d : devices()) {
+    for (size_t di = 0, dn = device_count(); di < dn; ++di) {
+        Device *d = device_at(di);
+        if (!d) continue;
         Outbox &out = s.out;
         out.clear();
         PendingEvents events;

@@ -261,7 +261,7 @@ extern "C" {
 
 VAPI_ret_t VAPI_create_qp(VAPI_hca_hndl_t hca_hndl, const VAPI_qp_init_attr_t *qp_init_attr_p,
                           VAPI_qp_hndl_t *qp_hndl_p, VAPI_qp_prop_t *qp_prop_p) {
-    Call call("VAPI_create_qp", hca_hndl);
+    Call call(Verb::VAPI_create_qp, hca_hndl);
     if (call.failed()) return call.status();
     if (!qp_init_attr_p || !qp_hndl_p || !qp_prop_p) return VAPI_EINVAL_PARAM;
     const uint32_t ts_raw = raw_value(qp_init_attr_p->ts_type);
@@ -283,7 +283,7 @@ VAPI_ret_t VAPI_create_qp(VAPI_hca_hndl_t hca_hndl, const VAPI_qp_init_attr_t *q
 VAPI_ret_t VAPI_get_special_qp(VAPI_hca_hndl_t hca_hndl, IB_port_t port, VAPI_special_qp_t qp_type,
                                const VAPI_qp_init_attr_t *qp_init_attr_p, VAPI_qp_hndl_t *qp_hndl_p,
                                VAPI_qp_cap_t *qp_cap_p) {
-    Call call("VAPI_get_special_qp", hca_hndl);
+    Call call(Verb::VAPI_get_special_qp, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     if (!qp_init_attr_p || !qp_hndl_p || !qp_cap_p) return VAPI_EINVAL_PARAM;
@@ -315,7 +315,7 @@ VAPI_ret_t VAPI_get_special_qp(VAPI_hca_hndl_t hca_hndl, IB_port_t port, VAPI_sp
 
 VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, const VAPI_qp_attr_t *qp_attr_p,
                           const VAPI_qp_attr_mask_t *qp_attr_mask_p, VAPI_qp_cap_t *qp_cap_p) {
-    Call call("VAPI_modify_qp", hca_hndl);
+    Call call(Verb::VAPI_modify_qp, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     Qp *qp = find_qp(dev, qp_hndl);
@@ -393,7 +393,7 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
 
 VAPI_ret_t VAPI_query_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, VAPI_qp_attr_t *qp_attr_p,
                          VAPI_qp_attr_mask_t *qp_attr_mask_p, VAPI_qp_init_attr_t *qp_init_attr_p) {
-    Call call("VAPI_query_qp", hca_hndl);
+    Call call(Verb::VAPI_query_qp, hca_hndl);
     if (call.failed()) return call.status();
     Qp *qp = find_qp(call.dev(), qp_hndl);
     if (!qp) return VAPI_EINVAL_QP_HNDL;
@@ -407,7 +407,7 @@ VAPI_ret_t VAPI_query_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, VAPI_
 }
 
 VAPI_ret_t VAPI_destroy_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl) {
-    Call call("VAPI_destroy_qp", hca_hndl);
+    Call call(Verb::VAPI_destroy_qp, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     Qp *qp = find_qp(dev, qp_hndl);
