@@ -87,7 +87,8 @@ struct System {
 
     // A receive on side 1, posted directly (the same in both benchmarks).
     void recv(uint64_t id) {
-        VAPI_sg_lst_entry_t sg{gen_iova[1] + (reinterpret_cast<unsigned long>(buf[1].data()) - 0x10000000000UL) +
+        VAPI_sg_lst_entry_t sg{gen_iova[1] +
+                                   (reinterpret_cast<unsigned long>(buf[1].data()) - 0x10000000000UL) +
                                    (id % 64) * kBytes,
                                kBytes, side[1].l_key};
         VAPI_rr_desc_t d{};
@@ -121,8 +122,9 @@ void BM_AdaptorSendPoll(benchmark::State &state) {
             while (ulp_poll(funcs, s.side[0].hca, s.side[0].cq, wc.data()) == 0) ++done;
             s.replenish(recvs);
         }
-        ulp_post_send_simple(funcs, s.side[0].hca, s.side[0].qp, ulp_operation_type("rc"), ulp_op_send, posted,
-                             s.buf[0].data() + (posted % 64) * kBytes, kBytes, s.side[0].l_key, &target);
+        ulp_post_send_simple(funcs, s.side[0].hca, s.side[0].qp, ulp_operation_type("rc"), ulp_op_send,
+                             posted, s.buf[0].data() + (posted % 64) * kBytes, kBytes, s.side[0].l_key,
+                             &target);
         ++posted;
     }
     while (done < posted) {
@@ -137,7 +139,8 @@ void BM_VapiSendPoll(benchmark::State &state) {
     System &s = system_once();
     VAPI_wc_desc_t wc{};
     uint64_t posted = 0, done = 0, recvs = 4 * kWindow;
-    const uint64_t base = s.gen_iova[0] + (reinterpret_cast<unsigned long>(s.buf[0].data()) - 0x10000000000UL);
+    const uint64_t base =
+        s.gen_iova[0] + (reinterpret_cast<unsigned long>(s.buf[0].data()) - 0x10000000000UL);
     for (auto _ : state) {
         while (posted - done >= kWindow) {
             while (VAPI_poll_cq(s.hca[0], s.cq[0], &wc) == VAPI_OK) ++done;

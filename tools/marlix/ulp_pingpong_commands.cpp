@@ -79,7 +79,8 @@ uint64_t message(End &from, End &to, const std::string &type, uint64_t bytes, ui
 int ulp_pingpong(Console &c, ulp::Session &s, const std::vector<std::string> &args) {
     if (args.size() != 4) return ulp::usage(c, "pingpong");
     const std::string type = args[1];
-    if (type != "rc" && type != "uc" && type != "ud") return ulp::refused(c, "pingpong: not a QP type: " + type);
+    if (type != "rc" && type != "uc" && type != "ud")
+        return ulp::refused(c, "pingpong: not a QP type: " + type);
     uint64_t bytes = 0, count = 0;
     if (!ulp::parse_number(args[2], bytes) || !ulp::parse_number(args[3], count) || bytes == 0 ||
         bytes > (1u << 24))
@@ -130,9 +131,10 @@ int ulp_pingpong(Console &c, ulp::Session &s, const std::vector<std::string> &ar
 
 }  // namespace
 
-MARLIX_ULP_SUBCOMMAND(pingpong, "pingpong", "ulp pingpong rc|uc|ud BYTES COUNT",
-                      "Connect a pair as ulp connect does and exchange COUNT messages of BYTES each way through "
-                      "the module, checking every byte.",
-                      ulp_pingpong)
+MARLIX_ULP_SUBCOMMAND(
+    pingpong, "pingpong", "ulp pingpong rc|uc|ud BYTES COUNT",
+    "Connect a pair as ulp connect does and exchange COUNT messages of BYTES each way through "
+    "the module, checking every byte.",
+    ulp_pingpong)
 
 }  // namespace marlix::console
