@@ -65,7 +65,9 @@ class Exchange : public DataPathFixture, public ::testing::WithParamInterface<hc
         EXPECT_EQ(id, v["wr_id"]);
         EXPECT_EQ(op, v["operation_type"]) << "wr " << id;
         EXPECT_EQ(status, v["completion_status"]) << "wr " << id;
-        if (bytes >= 0) EXPECT_EQ(bytes, v["num_bytes_transfered"]) << "wr " << id;
+        if (bytes >= 0) {
+            EXPECT_EQ(bytes, v["num_bytes_transfered"]) << "wr " << id;
+        }
     }
 
     pair::Side side[2];
