@@ -18,51 +18,6 @@ ox_return_t oxi_mlx_address_hndl_query(ox_opened_hca_t * /*opened_hca_p*/, ox_ad
 ox_return_t oxi_mlx_address_hndl_destroy(ox_opened_hca_t * /*opened_hca_p*/, ox_add_h_t /*add_h*/) {
     return ox_return_err_not_implemented;
 }
-ox_return_t oxi_mlx_cq_create(ox_opened_hca_t * /*opened_hca_p*/, u32 /*cq_req_size*/,
-                              ox_app_com_event_callback_t /*com_event_callback*/, void * /*cq_context*/,
-                              ox_cq_h_t * /*cq_h*/, u32 * /*cq_act_size*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_cq_query(ox_opened_hca_t * /*opened_hca_p*/, ox_cq_h_t /*cq_h*/, u32 * /*cq_size*/,
-                             void ** /*cq_context_p*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_cq_resize(ox_opened_hca_t * /*opened_hca_p*/, ox_cq_h_t /*cq_h*/, u32 /*cq_req_size*/,
-                              u32 * /*cq_act_size*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_cq_destroy(ox_opened_hca_t * /*opened_hca_p*/, ox_cq_h_t /*cq_h*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_cq_modify_attrib(ox_opened_hca_t * /*opened_hca_p*/, ox_cq_h_t /*cq_h*/,
-                                     void * /*cq_context*/,
-                                     ox_app_com_event_callback_t /*com_event_callback*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_qp_create(ox_opened_hca_t * /*opened_hca_p*/, ox_qp_attr_t * /*qp_attr_req*/,
-                              void * /*qp_context*/, ox_qp_h_t * /*qp_h*/, ox_qp_attr_t * /*qp_attr*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_qp_modify(ox_opened_hca_t * /*opened_hca_p*/, ox_qp_h_t /*qp_h*/,
-                              ox_qp_attr_t * /*qp_attr_req*/, ox_qp_attr_t * /*qp_attr*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_qp_query(ox_opened_hca_t * /*opened_hca_p*/, ox_qp_h_t /*qp_h*/, void ** /*qp_context_p*/,
-                             ox_qp_attr_t * /*qp_attr_p*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_qp_destroy(ox_opened_hca_t * /*opened_hca_p*/, ox_qp_h_t /*qp_h*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_qp_get_special(ox_opened_hca_t * /*opened_hca_p*/, u32 /*port_num*/,
-                                   ox_qp_attr_t * /*qp_attr_req*/, void * /*qp_context*/,
-                                   ox_qp_h_t * /*qp_h*/, ox_qp_attr_t * /*qp_attr*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_qp_context_set(ox_opened_hca_t * /*opened_hca_p*/, ox_qp_h_t /*qp_h*/,
-                                   void * /*qp_context*/) {
-    return ox_return_err_not_implemented;
-}
 ox_return_t oxi_mlx_qp_attach_to_multicast(ox_opened_hca_t * /*opened_hca_p*/, ox_lid_t /*mg_dlid*/,
                                            ox_gid_t /*mg_gid_address*/, ox_qp_h_t /*qp_h*/) {
     return ox_return_err_not_implemented;
@@ -161,12 +116,6 @@ ox_return_t oxi_mlx_free_dev_mem(ox_opened_hca_t * /*opened_hca_p*/, int /*NOT_I
 }
 ox_return_t oxi_mlx_process_local_mad(ox_opened_hca_t * /*opened_hca_p*/, ox_port_num_t /*port*/,
                                       ox_lid_t /*slid*/, const void * /*mad_in_p*/, void * /*mad_out_p*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_qp_add_h(ox_opened_hca_t * /*opened_hca_p*/, ox_qp_h_t /*qp_h*/, int /*qpn*/) {
-    return ox_return_err_not_implemented;
-}
-ox_return_t oxi_mlx_qp_rem_h(ox_opened_hca_t * /*opened_hca_p*/, ox_qp_h_t /*qp_h*/, int /*qpn*/) {
     return ox_return_err_not_implemented;
 }
 

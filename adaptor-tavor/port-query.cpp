@@ -55,7 +55,9 @@ ox_return_t oxi_mlx_get_port_gid_tbl(ox_opened_hca_t *opened_hca_p, ox_port_num_
     if (ret != ox_return_ok) {
         AD_TAVOR_ERROR("MLXAD_ERR: VAPI Fail to query mlx device (hca_h: %d) port number %d",
                        (int)opened_hca_p->hca_h, (int)port_num);
-        ox_mlx_count_vapi_failure(get_port_gid_tbl_indx, (VAPI_ret_t)ret);
+        /* Reported again, and recorded a second time under the port query's own index with the
+         * ox_return_t it answered. */
+        ox_mlx_count_vapi_failure(port_query_indx, (VAPI_ret_t)ret);
         return ox_return_err;
     }
 
@@ -110,7 +112,7 @@ ox_return_t oxi_mlx_get_port_partition_tbl(ox_opened_hca_t *opened_hca_p, ox_por
     if (ret != ox_return_ok) {
         AD_TAVOR_ERROR("MLXAD_ERR: VAPI Fail to query mlx device (hca_h: %d) port number %d",
                        (int)opened_hca_p->hca_h, (int)port_num);
-        ox_mlx_count_vapi_failure(get_port_partition_tbl_indx, (VAPI_ret_t)ret);
+        ox_mlx_count_vapi_failure(port_query_indx, (VAPI_ret_t)ret);
         return ox_return_err;
     }
 

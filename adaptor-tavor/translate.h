@@ -12,6 +12,7 @@
 #define AD_TAVOR_TRANSLATE_H
 
 #include <linux/types.h>
+#include <linux/string.h>
 
 #include <vapi.h>
 
@@ -59,6 +60,33 @@ u32 ox_mlx_port_capability_to_ox(IB_port_cap_mask_t capability_mask);
 
 /* The VAPI attribute mask an HCA modify selects from the generic capability bits. */
 VAPI_hca_attr_mask_t ox_mlx_port_capability_to_attr_mask(u32 port_capability_support);
+
+/* The raw 32-bit value of an enumeration field as the caller or VAPI stored it. Any value can
+ * arrive there, also none of the enumerators; reading it raw keeps the range check defined. */
+static inline u32 ox_mlx_raw_enum(const void *field) {
+    u32 value;
+
+    memcpy(&value, field, sizeof(value));
+    return value;
+}
+
+/* ---- QP paths and access (translate-qp.cpp) ----------------------------------------------------- */
+
+/* Generic address vector -> VAPI address vector. The port is not written: each transition
+ * decides it. */
+void ox_mlx_add_vec_to_vapi(const ox_add_vec_t *add_vec, VAPI_ud_av_t *av);
+
+/* VAPI address vector -> the generic fields it carries (service level, GRH, LID, rate, path
+ * bits, global route with the GID reversed). The port, MTU, timeouts and retry counts are not
+ * written: the caller takes them from the QP's attributes. */
+void ox_mlx_add_vec_from_vapi(const VAPI_ud_av_t *av, ox_add_vec_t *add_vec);
+
+/* Generic access bits -> VAPI remote_atomic_flags: remote atomic gives VAPI_EN_REM_ATOMIC_OP,
+ * remote read VAPI_EN_REM_READ, remote write VAPI_EN_REM_WRITE; the local bits are dropped. */
+VAPI_rdma_atom_acl_t ox_mlx_access_to_vapi(ox_access_con_bit_mask_t access);
+
+/* VAPI remote_atomic_flags -> the generic remote access bits. */
+ox_access_con_bit_mask_t ox_mlx_access_from_vapi(VAPI_rdma_atom_acl_t flags);
 
 __END_KERNEL_DECLS
 

@@ -1,6 +1,6 @@
 #include <vector>
 
-#include "device.hpp"
+#include "device/device.hpp"
 #include "softhca_fixture.hpp"
 
 namespace sh = marlix::softhca;

@@ -1,4 +1,4 @@
-#include "device.hpp"
+#include "device/device.hpp"
 #include "softhca_fixture.hpp"
 
 namespace sh = marlix::softhca;

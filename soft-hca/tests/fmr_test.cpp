@@ -1,7 +1,7 @@
 #include <vector>
 
 #include <asm/page.h>
-#include "device.hpp"
+#include "device/device.hpp"
 #include "softhca_fixture.hpp"
 
 namespace sh = marlix::softhca;

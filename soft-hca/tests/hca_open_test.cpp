@@ -129,3 +129,24 @@ TEST_F(SoftHcaTest, AsyncEventsRunInHardirqContextByDefault) {
     EXPECT_NE(irq_count_seen, 0u);
     EXPECT_EQ(in_irq(), 0u);
 }
+
+TEST_F(SoftHcaTest, AnyAsyncEventTypeAndModifierCanBeRaised) {
+    VAPI_hca_hndl_t h = open();
+    static uint32_t type_seen, syndrome_seen;
+    static uint64_t modifier_seen;
+    auto handler = [](VAPI_hca_hndl_t, VAPI_event_record_t *rec, void *) {
+        std::memcpy(&type_seen, &rec->type, sizeof type_seen);
+        std::memcpy(&syndrome_seen, &rec->syndrome, sizeof syndrome_seen);
+        std::memcpy(&modifier_seen, &rec->modifier, sizeof modifier_seen);
+    };
+    ASSERT_EQ(VAPI_set_async_event_handler(h, handler, nullptr), VAPI_OK);
+    // A type no adapter knows, with a 64-bit modifier.
+    ASSERT_TRUE(sh::raise_async_event("InfiniHost0", 77u, 0x1122334455667788ull, 5u));
+    EXPECT_EQ(type_seen, 77u);
+    EXPECT_EQ(modifier_seen, 0x1122334455667788ull);
+    EXPECT_EQ(syndrome_seen, 5u);
+    ASSERT_TRUE(sh::raise_async_event("InfiniHost0", uint32_t(VAPI_QP_PATH_MIGRATED), 1001u));
+    EXPECT_EQ(type_seen, uint32_t(VAPI_QP_PATH_MIGRATED));
+    EXPECT_EQ(modifier_seen, 1001u);
+    EXPECT_FALSE(sh::raise_async_event("InfiniHost9", 1u, 0u));
+}

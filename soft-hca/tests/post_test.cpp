@@ -41,12 +41,12 @@ class PostTest : public QueueTest {
     }
     size_t sq_depth(VAPI_qp_hndl_t qp) {
         size_t n = 0;
-        inspect_qp(qp, [&](sh::Qp &q) { n = q.sq.size(); });
+        inspect_qp(qp, [&](sh::Qp &q) { n = q.sq.count(); });
         return n;
     }
     size_t rq_depth(VAPI_qp_hndl_t qp) {
         size_t n = 0;
-        inspect_qp(qp, [&](sh::Qp &q) { n = q.rq.size(); });
+        inspect_qp(qp, [&](sh::Qp &q) { n = q.rq.count(); });
         return n;
     }
     std::vector<VAPI_wc_desc_t> drain() {
@@ -100,20 +100,20 @@ TEST_F(PostTest, QueuedWorkKeepsItsOwnCopyOfTheGatherList) {
     ASSERT_EQ(VAPI_post_rr(hca, qp, &r), VAPI_OK);
     sg[0].len = 1;
     inspect_qp(qp, [](sh::Qp &q) {
-        ASSERT_EQ(q.sq.size(), 1u);
-        const sh::SendWqe &w = q.sq.front();
+        ASSERT_EQ(q.sq.count(), 1u);
+        const sh::SendEntry &w = q.sq.front();
         EXPECT_EQ(w.desc.id, 42u);
         EXPECT_EQ(w.desc.opcode, VAPI_RDMA_WRITE);
         EXPECT_EQ(w.desc.remote_addr, 0xabc000u);
         EXPECT_EQ(w.desc.r_key, 0x99u);
         EXPECT_EQ(w.desc.sg_lst_p, nullptr);
-        ASSERT_EQ(w.sg.size(), 2u);
+        ASSERT_EQ(w.sg_count, 2u);
         EXPECT_EQ(w.sg[0].addr, 0x1000u);
         EXPECT_EQ(w.sg[1].lkey, 8u);
         EXPECT_FALSE(w.is_inline);
-        ASSERT_EQ(q.rq.size(), 1u);
+        ASSERT_EQ(q.rq.count(), 1u);
         EXPECT_EQ(q.rq.front().desc.id, 43u);
-        ASSERT_EQ(q.rq.front().sg.size(), 1u);
+        ASSERT_EQ(q.rq.front().sg_count, 1u);
         EXPECT_EQ(q.rq.front().sg[0].addr, 0xdeadu);
         EXPECT_EQ(q.rq.front().sg[0].len, 64u);
     });
@@ -184,10 +184,10 @@ TEST_F(PostTest, InlineSendCopiesTheDataAtPostTime) {
     ASSERT_EQ(EVAPI_post_inline_sr(hca, qp, &s), VAPI_OK);
     std::memset(a, 0xee, sizeof a);
     inspect_qp(qp, [](sh::Qp &q) {
-        ASSERT_EQ(q.sq.size(), 1u);
-        const sh::SendWqe &w = q.sq.front();
+        ASSERT_EQ(q.sq.count(), 1u);
+        const sh::SendEntry &w = q.sq.front();
         EXPECT_TRUE(w.is_inline);
-        ASSERT_EQ(w.inline_data.size(), 32u);
+        ASSERT_EQ(w.inline_len, 32u);
         EXPECT_EQ(w.inline_data[0], 0);
         EXPECT_EQ(w.inline_data[19], 19);
         EXPECT_EQ(w.inline_data[20], 100);
@@ -227,8 +227,8 @@ TEST_F(PostTest, SendListIsAllOrNothing) {
     EXPECT_EQ(EVAPI_post_sr_list(hca, qp, 2, nullptr), VAPI_EINVAL_PARAM);
     ASSERT_EQ(EVAPI_post_sr_list(hca, qp, 4, list), VAPI_OK);
     inspect_qp(qp, [](sh::Qp &q) {
-        ASSERT_EQ(q.sq.size(), 4u);
-        for (int i = 0; i < 4; ++i) EXPECT_EQ(q.sq[i].desc.id, VAPI_wr_id_t(10 + i));
+        ASSERT_EQ(q.sq.count(), 4u);
+        for (int i = 0; i < 4; ++i) EXPECT_EQ(q.sq.at(q.sq.head() + i).desc.id, VAPI_wr_id_t(10 + i));
     });
 }
 
@@ -240,10 +240,10 @@ TEST_F(PostTest, ReceiveListWithSharedGatherEntriesIsCopiedPerRequest) {
     VAPI_rr_desc_t list[2] = {recv(1, &area[0], 2), recv(2, &area[1], 2)};
     ASSERT_EQ(EVAPI_post_rr_list(hca, qp, 2, list), VAPI_OK);
     inspect_qp(qp, [](sh::Qp &q) {
-        ASSERT_EQ(q.rq.size(), 2u);
-        EXPECT_EQ(q.rq[0].sg[1].addr, 0x2000u);
-        EXPECT_EQ(q.rq[1].sg[0].addr, 0x2000u);
-        EXPECT_EQ(q.rq[1].sg[1].len, 30u);
+        ASSERT_EQ(q.rq.count(), 2u);
+        EXPECT_EQ(q.rq.at(q.rq.head()).sg[1].addr, 0x2000u);
+        EXPECT_EQ(q.rq.at(q.rq.head() + 1).sg[0].addr, 0x2000u);
+        EXPECT_EQ(q.rq.at(q.rq.head() + 1).sg[1].len, 30u);
     });
     EXPECT_EQ(EVAPI_post_rr_list(hca, qp, 0, list), VAPI_OK);
     VAPI_rr_desc_t too_many[3] = {recv(3, area, 1), recv(4, area, 1), recv(5, area, 1)};
@@ -264,10 +264,10 @@ TEST_F(PostTest, GsiSendsCarryTheirPkeyIndex) {
     EXPECT_EQ(EVAPI_post_gsi_sr(hca, gsi, &s, 64), VAPI_EINVAL_PKEY_IX);
     ASSERT_EQ(VAPI_post_sr(hca, gsi, &s), VAPI_OK);
     inspect_qp(gsi, [](sh::Qp &q) {
-        ASSERT_EQ(q.sq.size(), 2u);
-        ASSERT_TRUE(q.sq[0].pkey_ix.has_value());
-        EXPECT_EQ(*q.sq[0].pkey_ix, 3);
-        EXPECT_FALSE(q.sq[1].pkey_ix.has_value());
+        ASSERT_EQ(q.sq.count(), 2u);
+        ASSERT_TRUE(q.sq.at(q.sq.head()).has_pkey_ix);
+        EXPECT_EQ(q.sq.at(q.sq.head()).pkey_ix, 3);
+        EXPECT_FALSE(q.sq.at(q.sq.head() + 1).has_pkey_ix);
     });
     VAPI_qp_hndl_t ud = make_qp(VAPI_TS_UD);
     bring_up(ud, VAPI_TS_UD);

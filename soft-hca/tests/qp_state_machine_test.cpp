@@ -6,7 +6,7 @@
 #include <tuple>
 #include <vector>
 
-#include "qp_state_machine.hpp"
+#include "device/qp_state_machine.hpp"
 
 using namespace marlix::softhca::qpsm;
 using namespace marlix::softhca::qpsm::attr;
@@ -81,9 +81,10 @@ std::vector<Row> expected_rows(const Kind &k) {
     if (connected) {
         rows.push_back({QpState::Reset, QpState::Init, kPkeyIx | kPort | kRemoteAtomicFlags, 0});
         rows.push_back({QpState::Init, QpState::Init, 0, kPkeyIx | kPort | kRemoteAtomicFlags});
-        uint32_t rtr_req = kAv | kPathMtu | kDestQpNum | kRqPsn | (rc ? kQpOusRdAtom | kMinRnrTimer : 0);
-        rows.push_back(
-            {QpState::Init, QpState::Rtr, rtr_req, kAltPath | kRemoteAtomicFlags | kPkeyIx | kCap});
+        uint32_t rtr_req = kAv | kPathMtu | kDestQpNum | kRqPsn | (rc ? kQpOusRdAtom : 0);
+        uint32_t rtr_opt = kAltPath | kRemoteAtomicFlags | kPkeyIx | kCap | kTimeout | kRetryCount | kRnrRetry |
+                           (rc ? kMinRnrTimer : 0);
+        rows.push_back({QpState::Init, QpState::Rtr, rtr_req, rtr_opt});
         uint32_t rts_req = kSqPsn | (rc ? kTimeout | kRetryCount | kRnrRetry | kOusDstRdAtom : 0);
         rows.push_back({QpState::Rtr, QpState::Rts, rts_req, running});
         uint32_t sqd =
@@ -97,7 +98,7 @@ std::vector<Row> expected_rows(const Kind &k) {
         else
             rows.push_back({QpState::Reset, QpState::Init, kPkeyIx | kPort | kQkey, 0});
         rows.push_back({QpState::Init, QpState::Init, 0, kPkeyIx | kPort | kQkey});
-        rows.push_back({QpState::Init, QpState::Rtr, 0, kPkeyIx | kQkey | kCap});
+        rows.push_back({QpState::Init, QpState::Rtr, 0, kPkeyIx | kQkey | kCap | kTimeout | kRetryCount | kRnrRetry});
         rows.push_back({QpState::Rtr, QpState::Rts, kSqPsn, running});
         rows.push_back({QpState::Sqd, QpState::Sqd, 0, kPkeyIx | kQkey | kCap});
         rows.push_back({QpState::Sqe, QpState::Rts, 0, kQkey});

@@ -256,8 +256,8 @@ TEST_F(QpTest, IllegalTransitionsAndMaskErrorsSayWhich) {
     EXPECT_EQ(modify(qp, full_attr(VAPI_INIT), init_mask(VAPI_TS_RC) | QP_ATTR_QP_NUM), VAPI_EINVAL_ATTR);
     EXPECT_EQ(state_of(qp), VAPI_RESET);
     bring_up(qp, VAPI_TS_RC, VAPI_INIT);
-    // RTR timeouts belong to RTS.
-    EXPECT_EQ(modify(qp, full_attr(VAPI_RTR), rtr_mask(VAPI_TS_RC) | QP_ATTR_TIMEOUT), VAPI_EINVAL_ATTR);
+    // A send queue's own attributes do not belong in RTR.
+    EXPECT_EQ(modify(qp, full_attr(VAPI_RTR), rtr_mask(VAPI_TS_RC) | QP_ATTR_SQ_PSN), VAPI_EINVAL_ATTR);
     EXPECT_EQ(modify(qp, full_attr(VAPI_RTS), rts_mask(VAPI_TS_RC)), VAPI_EINVAL_QP_STATE);
     EXPECT_EQ(modify(qp, full_attr(VAPI_SQE), QP_ATTR_QP_STATE), VAPI_EINVAL_QP_STATE);
     EXPECT_EQ(modify(qp, full_attr(static_cast<VAPI_qp_state_t>(7)), QP_ATTR_QP_STATE), VAPI_EINVAL_QP_STATE);
@@ -412,4 +412,65 @@ TEST_F(QpTest, QpsAreFoundByNumberAndPort) {
     EXPECT_EQ(found(prop.qp_num, 1), ud);
     EXPECT_EQ(found(prop.qp_num, 2), ud);
     EXPECT_EQ(found(prop.qp_num + 1, 1), 0u);
+}
+
+TEST_F(QpTest, RtrAcceptsTheRequesterTimersAndIgnoresThem) {
+    for (VAPI_ts_type_t ts : {VAPI_TS_RC, VAPI_TS_UC, VAPI_TS_UD}) {
+        SCOPED_TRACE(ts);
+        VAPI_qp_hndl_t qp = make_qp(ts);
+        bring_up(qp, ts, VAPI_INIT);
+        VAPI_qp_attr_t a = full_attr(VAPI_RTR);
+        a.timeout = 20;
+        a.retry_count = 3;
+        a.rnr_retry = 5;
+        ASSERT_EQ(modify(qp, a, rtr_mask(ts) | QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY), VAPI_OK);
+        VAPI_qp_attr_t q{};
+        VAPI_qp_attr_mask_t m = 0;
+        VAPI_qp_init_attr_t i{};
+        ASSERT_EQ(VAPI_query_qp(hca, qp, &q, &m, &i), VAPI_OK);
+        EXPECT_EQ(q.qp_state, VAPI_RTR);
+        EXPECT_EQ(q.timeout, 0);
+        EXPECT_EQ(q.retry_count, 0);
+        EXPECT_EQ(q.rnr_retry, 0);
+        // RTS sets them.
+        ASSERT_EQ(modify(qp, full_attr(VAPI_RTS), rts_mask(ts)), VAPI_OK);
+        ASSERT_EQ(VAPI_query_qp(hca, qp, &q, &m, &i), VAPI_OK);
+        EXPECT_EQ(q.timeout, ts == VAPI_TS_RC ? 14 : 0);
+    }
+}
+
+TEST_F(QpTest, ReliableRtrWithoutRnrTimerGetsTheDefault) {
+    VAPI_qp_hndl_t qp = make_qp(VAPI_TS_RC);
+    bring_up(qp, VAPI_TS_RC, VAPI_INIT);
+    VAPI_qp_attr_t a = full_attr(VAPI_RTR);
+    a.min_rnr_timer = 3;  // not in the mask: not taken
+    ASSERT_EQ(modify(qp, a, rtr_mask(VAPI_TS_RC) & ~QP_ATTR_MIN_RNR_TIMER), VAPI_OK);
+    VAPI_qp_attr_t q{};
+    VAPI_qp_attr_mask_t m = 0;
+    VAPI_qp_init_attr_t i{};
+    ASSERT_EQ(VAPI_query_qp(hca, qp, &q, &m, &i), VAPI_OK);
+    EXPECT_EQ(q.qp_state, VAPI_RTR);
+    EXPECT_EQ(q.min_rnr_timer, 12);  // 0.64 ms
+}
+
+TEST_F(QpTest, QueryReportsTheStateATestChose) {
+    namespace sh = marlix::softhca;
+    VAPI_qp_hndl_t qp = make_qp(VAPI_TS_RC);
+    bring_up(qp, VAPI_TS_RC, VAPI_RTS);
+    ASSERT_TRUE(sh::set_reported_qp_state("InfiniHost0", qp, uint32_t(VAPI_SQE)));
+    EXPECT_EQ(state_of(qp), VAPI_SQE);
+    ASSERT_TRUE(sh::set_reported_qp_state("InfiniHost0", qp, 0x1234u));
+    VAPI_qp_attr_t q{};
+    VAPI_qp_attr_mask_t m = 0;
+    VAPI_qp_init_attr_t i{};
+    ASSERT_EQ(VAPI_query_qp(hca, qp, &q, &m, &i), VAPI_OK);
+    uint32_t raw = 0;
+    std::memcpy(&raw, &q.qp_state, sizeof raw);
+    EXPECT_EQ(raw, 0x1234u);
+    // The real state is untouched: RTS still takes RTS -> RTS.
+    EXPECT_EQ(modify(qp, full_attr(VAPI_RTS), QP_ATTR_QP_STATE), VAPI_OK);
+    ASSERT_TRUE(sh::set_reported_qp_state("InfiniHost0", qp, std::nullopt));
+    EXPECT_EQ(state_of(qp), VAPI_RTS);
+    EXPECT_FALSE(sh::set_reported_qp_state("InfiniHost0", 999, 1u));
+    EXPECT_FALSE(sh::set_reported_qp_state("InfiniHost9", qp, 1u));
 }

@@ -6,7 +6,7 @@
 #include <functional>
 #include <mutex>
 
-#include "qp.hpp"
+#include "device/qp.hpp"
 #include "softhca_fixture.hpp"
 
 // Stores a value that is none of the enumerators into an enumeration field, as a C caller can.
@@ -18,6 +18,13 @@ void set_raw(E &field, uint32_t value) {
 
 class QueueTest : public SoftHcaTest {
   protected:
+    // Nothing moves unless the test steps the devices: what a post queued stays where it is.
+    marlix::softhca::Options options() override {
+        marlix::softhca::Options o;
+        o.engine = marlix::softhca::EngineKind::Stepped;
+        return o;
+    }
+
     void SetUp() override {
         SoftHcaTest::SetUp();
         hca = open();

@@ -147,5 +147,20 @@ TEST_F(Bookkeeping, TranslationTableIsFilled) {
     for (int i = 1; i < 256; i++) ASSERT_EQ(1, table[i]) << i;
 }
 
+TEST_F(Bookkeeping, TheTranslationTableReadByStatusMagnitude) {
+    load_ok();
+    const void *fn = sym<void>("ox_mlx_status_to_ox");
+    ASSERT_NE(nullptr, fn);
+    EXPECT_EQ(0, adp_call_status_to_ox(fn, 0));
+    EXPECT_EQ(1, adp_call_status_to_ox(fn, -1));
+    EXPECT_EQ(1, adp_call_status_to_ox(fn, -255));
+    EXPECT_EQ(1, adp_call_status_to_ox(fn, -256));  // beyond the table
+    EXPECT_EQ(1, adp_call_status_to_ox(fn, -2147483647 - 1));
+    EXPECT_EQ(1, adp_call_status_to_ox(fn, 7));
+    // What the table holds decides, not the status: a cleared entry reads back as it is.
+    sym<int>("g_status_mlx_to_ox_translation")[253] = 0;
+    EXPECT_EQ(0, adp_call_status_to_ox(fn, -253));
+}
+
 }  // namespace
 }  // namespace adaptor_test

@@ -11,8 +11,10 @@
 #include "ox-entry-points.h"
 #include "async-events.h"
 #include "completion-generator.h"
+#include "completion-events.h"
 #include "module-version.h"
 #include "slot-names.h"
+#include "translate.h"
 
 #include "module_layout.h"
 
@@ -68,24 +70,53 @@ static const struct adp_field fields[] = {
                                             ox_opened_hca_t, events_lists.async_tasklet.data)
 
                                             ADP_PTR(ox_gen_mr_element_t, next) ADP_PTR(
-                                                ox_gen_mr_element_t, prev) ADP_PTR(ox_gen_mr_element_t, hca_h)
-                                                ADP_INT(ox_gen_mr_element_t, pd_h) ADP_INT(
-                                                    ox_gen_mr_element_t, mr_h) ADP_PTR(ox_gen_mr_element_t,
-                                                                                       start_mr)
-                                                    ADP_INT(ox_gen_mr_element_t, length) ADP_PTR(
+                                                ox_gen_mr_element_t,
+                                                prev) ADP_PTR(ox_gen_mr_element_t,
+                                                              hca_h) ADP_INT(ox_gen_mr_element_t, pd_h)
+                                                ADP_INT(ox_gen_mr_element_t, mr_h) ADP_PTR(
+                                                    ox_gen_mr_element_t,
+                                                    start_mr) ADP_INT(ox_gen_mr_element_t,
+                                                                      length) ADP_PTR(ox_gen_mr_element_t,
+                                                                                      end_mr)
+                                                    ADP_INT(ox_gen_mr_element_t, access_con) ADP_INT(
                                                         ox_gen_mr_element_t,
-                                                        end_mr) ADP_INT(ox_gen_mr_element_t, access_con)
-                                                        ADP_INT(ox_gen_mr_element_t, l_key) ADP_INT(
-                                                            ox_gen_mr_element_t,
-                                                            r_key) ADP_INT(ox_gen_mr_element_t, iova)
-                                                            ADP_INT(ox_gen_mr_element_t, phy_length) ADP_INT(
-                                                                ox_gen_mr_element_t, phy_offset)
+                                                        l_key) ADP_INT(ox_gen_mr_element_t,
+                                                                       r_key) ADP_INT(ox_gen_mr_element_t,
+                                                                                      iova)
+                                                        ADP_INT(ox_gen_mr_element_t, phy_length) ADP_INT(
+                                                            ox_gen_mr_element_t, phy_offset)
 
-                                                                ADP_PTR(ox_asy_ev_element_t, next) ADP_PTR(
-                                                                    ox_asy_ev_element_t, prev)
-                                                                    ADP_INT(ox_asy_ev_element_t,
-                                                                            req_asy_ev.req_event_type)
-                                                                        ADP_PTR(ox_asy_ev_element_t, app_cb)};
+                                                            ADP_PTR(ox_asy_ev_element_t, next)
+                                                                ADP_PTR(ox_asy_ev_element_t, prev) ADP_INT(
+                                                                    ox_asy_ev_element_t,
+                                                                    req_asy_ev.req_event_type) ADP_PTR(ox_asy_ev_element_t,
+                                                                                                       app_cb)
+
+                                                                    ADP_PTR(ox_opened_cq_t, next) ADP_PTR(
+                                                                        ox_opened_cq_t,
+                                                                        prev) ADP_PTR(ox_opened_cq_t, cq_h)
+                                                                        ADP_PTR(ox_opened_cq_t, cq_oxuser_context) ADP_PTR(
+                                                                            ox_opened_cq_t,
+                                                                            app_com_callback) ADP_PTR(ox_opened_cq_t,
+                                                                                                      internal_p)
+                                                                            ADP_INT(
+                                                                                ox_opened_cq_t,
+                                                                                comp_handler_hndl)
+
+                                                                                ADP_PTR(
+                                                                                    ox_opened_qp_t,
+                                                                                    next) ADP_PTR(ox_opened_qp_t,
+                                                                                                  prev)
+                                                                                    ADP_PTR(
+                                                                                        ox_opened_qp_t,
+                                                                                        qp_h) ADP_INT(ox_opened_qp_t,
+                                                                                                      qp_num)
+                                                                                        ADP_PTR(
+                                                                                            ox_opened_qp_t,
+                                                                                            qp_oxuser_context)
+                                                                                            ADP_INT(
+                                                                                                ox_opened_qp_t,
+                                                                                                type)};
 
 /* Fields that are list heads or arrays are reached by offset only. */
 static const struct adp_field offsets_only[] = {
@@ -107,6 +138,8 @@ static const struct {
     {"ox_opened_hca_t", sizeof(ox_opened_hca_t)},
     {"ox_gen_mr_element_t", sizeof(ox_gen_mr_element_t)},
     {"ox_asy_ev_element_t", sizeof(ox_asy_ev_element_t)},
+    {"ox_opened_cq_t", sizeof(ox_opened_cq_t)},
+    {"ox_opened_qp_t", sizeof(ox_opened_qp_t)},
 };
 
 #define N(array) (sizeof(array) / sizeof((array)[0]))
@@ -191,17 +224,29 @@ static const struct {
     long long value;
 } constants[] = {
     CONST(mem_hca_ix) CONST(mem_mr_ix) CONST(mem_cq_ix) CONST(mem_tasklet_ix) CONST(mem_qp_ix)
-        CONST(mem_async_ix) CONST(mem_gen_mem_array_p_ix) CONST(mem_opened_cq_array_ix)
-            CONST(mem_opened_qp_array_ix) CONST(mem_g_com_cq_array_ix) CONST(mem_last_ix)
-                CONST(LAST_VAPI_ERR_NUM) CONST(OX_OPENED_ARRAY_SLOTS) CONST(OX_OPENED_ARRAY_MAX_IX)
-                    CONST(AD_TAVOR_OPENED_ARRAY_ACCOUNTED_SIZE) CONST(AD_TAVOR_G_COM_CQ_ARRAY_SIZE)
-                        CONST(hca_query_indx) CONST(port_query_indx) CONST(get_port_gid_tbl_indx)
-                            CONST(get_port_partition_tbl_indx) CONST(hca_modify_indx) CONST(hca_close_indx)
-                                CONST(pd_allocate_indx) CONST(pd_deallocate_indx)
-                                    CONST(mem_region_register_indx) CONST(phy_mem_region_register_indx)
-                                        CONST(mem_region_query_indx) CONST(mem_region_destroy_indx)
-                                            CONST(cq_create_indx) CONST(qp_create_indx) CONST(post_send_indx)
-                                                CONST(tavor_free_dev_mem_indx)};
+        CONST(mem_async_ix) CONST(mem_gen_mem_array_p_ix) CONST(mem_opened_cq_array_ix) CONST(
+            mem_opened_qp_array_ix) CONST(mem_g_com_cq_array_ix) CONST(mem_last_ix) CONST(LAST_VAPI_ERR_NUM)
+            CONST(OX_OPENED_ARRAY_SLOTS) CONST(OX_OPENED_ARRAY_MAX_IX) CONST(
+                AD_TAVOR_OPENED_ARRAY_ACCOUNTED_SIZE) CONST(AD_TAVOR_G_COM_CQ_ARRAY_SIZE)
+                CONST(hca_query_indx) CONST(port_query_indx) CONST(get_port_gid_tbl_indx) CONST(
+                    get_port_partition_tbl_indx) CONST(hca_modify_indx) CONST(hca_close_indx)
+                    CONST(pd_allocate_indx) CONST(pd_deallocate_indx) CONST(mem_region_register_indx) CONST(
+                        phy_mem_region_register_indx) CONST(mem_region_query_indx)
+                        CONST(mem_region_destroy_indx) CONST(cq_create_indx) CONST(qp_create_indx) CONST(
+                            post_send_indx) CONST(tavor_free_dev_mem_indx) CONST(cq_destroy_indx)
+                            CONST(qp_modify_indx) CONST(qp_query_indx) CONST(qp_destroy_indx) CONST(
+                                qp_get_special_indx) CONST(req_comp_cq_indx) CONST(del_comp_cq_indx)
+                                CONST(ox_qp_type_not_valid) CONST(OX_QP_AT_STATE) CONST(OX_QP_AT_S_MAX_OUT_WR)
+                                    CONST(OX_QP_AT_R_MAX_OUT_WR) CONST(OX_QP_AT_S_PSN) CONST(OX_QP_AT_R_PSN)
+                                        CONST(OX_QP_AT_ACCESS_CON_F) CONST(OX_QP_AT_PHY_PORT_NUM) CONST(
+                                            OX_QP_AT_P_KEY_IX) CONST(OX_QP_AT_Q_KEY) CONST(OX_QP_AT_DEST_QP)
+                                            CONST(OX_QP_AT_DEST_RDMA_ATOM_OUT_NUM) CONST(
+                                                OX_QP_AT_RESP_RDMA_ATOM_OUT_NUM) CONST(OX_QP_AT_MIN_RNR_NAK_T)
+                                                CONST(OX_QP_AT_ADD_VEC) CONST(OX_QP_AT_PATH_MIG_STATE)
+                                                    CONST(OX_QP_AT_ALT_PATH) CONST(OX_QP_AT_L_ACK_T)
+                                                        CONST(OX_QP_AT_RETRY_NUM) CONST(OX_QP_AT_RNR_NUM)
+                                                            CONST(OX_QP_AT_SQD_NOTIFY)
+                                                                CONST(OX_QP_AT_OPTIONAL)};
 
 long long adp_const(const char *name, int *found) {
     size_t i;
@@ -258,6 +303,17 @@ void adp_call_timer(const void *fn, unsigned long data) {
     ((__typeof__(&ox_com_timer_generator))fn)(data);
 }
 
+unsigned long long adp_call_fold_node_guid(const void *fn, const unsigned char node_guid[8]) {
+    IB_guid_t guid;
+
+    memcpy(guid, node_guid, sizeof(guid));
+    return ((__typeof__(&ox_mlx_fold_node_guid))fn)(guid);
+}
+
+int adp_call_status_to_ox(const void *fn, int vapi_status) {
+    return (int)((__typeof__(&ox_mlx_status_to_ox))fn)(vapi_status);
+}
+
 void *adp_link_cq_record(void *hca, unsigned long vapi_handle) {
     ox_opened_hca_t *h = (ox_opened_hca_t *)hca;
     ox_opened_cq_t *cq = (ox_opened_cq_t *)kzalloc(sizeof(*cq), GFP_KERNEL);
@@ -276,6 +332,10 @@ void *adp_link_qp_record(void *hca, unsigned long vapi_handle) {
     list_add(&qp->list, &h->opened_qp_list);
     if (vapi_handle <= OX_OPENED_ARRAY_MAX_IX) h->opened_qp_array[vapi_handle] = qp;
     return qp;
+}
+
+void *adp_kmalloc(size_t size) {
+    return kzalloc(size, GFP_KERNEL);
 }
 
 void *adp_link_async_registration(void *hca) {
@@ -325,4 +385,15 @@ const void *adp_table_of_exported_symbols(const void *(*lookup)(const char *name
     OX_HCA_FUNC_SLOTS_LIST(FILL_SLOT)
 #undef FILL_SLOT
     return &table;
+}
+
+int adp_call_get_user_cq_h(const void *fn, void *hca, unsigned long vapi_handle, void **user_cq) {
+    return ((__typeof__(&ox_mlx_get_user_cq_h))fn)((ox_opened_hca_t *)hca, (ox_cq_h_t)vapi_handle,
+                                                   (ox_opened_cq_t **)user_cq);
+}
+
+void adp_call_completion_handler(const void *fn, unsigned hca_hndl, unsigned long cq_hndl,
+                                 void *private_data) {
+    ((__typeof__(&ox_mlx_cq_completion_event_handler))fn)((VAPI_hca_hndl_t)hca_hndl, (VAPI_cq_hndl_t)cq_hndl,
+                                                          private_data);
 }

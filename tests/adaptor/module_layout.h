@@ -15,8 +15,8 @@ extern "C" {
 #endif
 
 /* Records known: "tavor_stats", "vapi_err_st", "alloc_mem_t", "ox_opened_hca_t",
- * "ox_gen_mr_element_t", "ox_asy_ev_element_t". Fields by their C name (nested ones with a dot;
- * "acc_sg" reads the atomic counter). */
+ * "ox_gen_mr_element_t", "ox_asy_ev_element_t", "ox_opened_cq_t", "ox_opened_qp_t". Fields by their C name
+ * (nested ones with a dot; "acc_sg" reads the atomic counter). */
 size_t adp_sizeof(const char *record);
 /* Offset of a field, or -1 when the record or field is unknown. */
 long adp_offset(const char *record, const char *field);
@@ -44,12 +44,21 @@ void adp_call_mem_alloc(const void *fn, int index); /* mem_alloc_add or mem_allo
 int adp_call_version_init(const void *fn, char *name, char *version, char *tag);
 void adp_call_version_exit(const void *fn, char *name);
 void adp_call_timer(const void *fn, unsigned long data);
+unsigned long long adp_call_fold_node_guid(const void *fn, const unsigned char node_guid[8]);
+int adp_call_status_to_ox(const void *fn, int vapi_status);
+
+/* CQ dispatch: ox_mlx_get_user_cq_h (returns its ox_return_t) and the completion event handler. */
+int adp_call_get_user_cq_h(const void *fn, void *hca, unsigned long vapi_handle, void **user_cq);
+void adp_call_completion_handler(const void *fn, unsigned hca_hndl, unsigned long cq_hndl,
+                                 void *private_data);
 
 /* Tracking records an upper layer left on an HCA, linked the way CQ and QP creation link them:
  * at the head of the HCA's list and, for a VAPI handle up to 1000, in its array slot. Allocated
  * with the kernel's kmalloc so that the module can free them. Returns the record. */
 void *adp_link_cq_record(void *hca, unsigned long vapi_handle);
 void *adp_link_qp_record(void *hca, unsigned long vapi_handle);
+/* A kernel allocation of `size` bytes (kmalloc), for records the module frees. */
+void *adp_kmalloc(size_t size);
 /* An asynchronous callback registration linked at the head of the HCA's list. */
 void *adp_link_async_registration(void *hca);
 

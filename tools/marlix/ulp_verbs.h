@@ -93,6 +93,12 @@ struct ulp_mr_attrib {
 int ulp_mr_query(const ulp_funcs_t *funcs, void *hca, uint64_t mr, struct ulp_mr_attrib *attrib);
 int ulp_mr_destroy(const ulp_funcs_t *funcs, void *hca, uint64_t mr);
 
+/* ---- Kernel memory (ulp_verbs_memory.c) ------------------------------------------------------- */
+
+/* A zeroed kernel buffer (kmalloc), or null. */
+void *ulp_kmalloc(size_t size);
+void ulp_kfree(void *buffer);
+
 #ifdef __cplusplus
 }
 #endif

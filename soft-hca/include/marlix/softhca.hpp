@@ -15,7 +15,14 @@ namespace marlix::softhca {
 
 // ---- Boot -------------------------------------------------------------------------------------
 
+// What runs the devices' work (see "Engines" below).
+enum class EngineKind {
+    Threaded,  // the work runs on host threads of its own, as on an adapter: realistic
+    Stepped,   // work and event delivery happen only when step() / run_until_idle() is called
+};
+
 struct Options {
+    EngineKind engine = EngineKind::Threaded;
     int device_count = 2;     // "InfiniHost0", "InfiniHost1", ...
     int ports = 2;            // ports per device
     bool cable_port1 = true;  // port 1 of every device is cabled to the switch
@@ -58,6 +65,55 @@ std::optional<PortStatus> port_status(const std::string &device, int port);
 
 // The text of the `ibstat` tool for every device.
 std::string ibstat_text();
+
+// ---- Engines ------------------------------------------------------------------------------------
+
+// A post returns before its work is done. With the threaded engine the work runs on the engine's
+// threads; with the stepped engine it runs only inside step() and run_until_idle(), on the calling
+// thread, so a test sees exactly the same packets, completions and events on every run. Events
+// (completion and asynchronous) are raised as hardirqs of the emulated kernel in both cases.
+EngineKind engine_kind();
+// Stepped engine: one round over every device (each QP with work sends what its window allows,
+// every packet on the wire is delivered, due timers fire). Returns the number of things done; 0
+// means idle. Threaded engine: does nothing and returns 0.
+size_t step();
+// Stepped engine: steps until idle or `max_rounds`; returns the rounds that did something.
+// Threaded engine: waits until the engine has nothing left to do now (timers may still be armed).
+size_t run_until_idle(size_t max_rounds = 1000000);
+// Moves the emulated kernel's virtual clock forward by `ms` milliseconds, one millisecond at a
+// time, letting the devices run after each (timers of the data path: RNR waits, retransmissions,
+// delayed packets). With a real clock it sleeps as long.
+void advance_clock(unsigned long ms);
+
+// ---- Controls for tests: making the device misbehave as real adapters can --------------------------
+
+// Which work queue of a QP a control acts on.
+enum class WorkQueue { Send, Receive };
+// The next request of the QP's queue that completes does so with `status` (and `syndrome` as the
+// vendor syndrome) instead of its real outcome. A send is not transmitted; a receive is consumed
+// by the next message that arrives. An error status then moves the QP to the error state as a real
+// error would, flushing what is behind it. False when the device or QP is unknown.
+bool complete_next_with_status(const std::string &device, VAPI_qp_hndl_t qp, WorkQueue queue,
+                               VAPI_wc_status_t status, uint32_t syndrome = 0);
+// VAPI_query_qp reports `raw_state` as the QP's state (any 32-bit value, also none of the known
+// states) until cleared with nullopt; the QP's real state is unchanged. False when unknown.
+bool set_reported_qp_state(const std::string &device, VAPI_qp_hndl_t qp, std::optional<uint32_t> raw_state);
+
+// The device fails as on a local catastrophic error: every QP enters the error state (queued
+// requests are flushed), VAPI_LOCAL_CATASTROPHIC_ERROR is raised, and the device does no more
+// work until it is closed and opened again. False when the device is unknown or closed.
+bool inject_catastrophic_error(const std::string &device);
+
+// Packet loss and delay on the link of a port (both directions). `drop_next` packets are lost, then
+// `drop_all` loses every packet until cleared; surviving packets arrive `delay_ms` late.
+struct LinkFaults {
+    uint32_t drop_next = 0;
+    bool drop_all = false;
+    uint32_t delay_ms = 0;
+};
+bool set_link_faults(const std::string &device, int port, const LinkFaults &faults);
+// Packets lost on the port's link so far (by the faults above).
+uint64_t link_dropped_packets(const std::string &device, int port);
 
 // ---- Fault injection and call counts -------------------------------------------------------------
 
@@ -104,6 +160,9 @@ bool has_async_handler(const std::string &device);
 // Raises an asynchronous event on the device as the hardware would (delivered to the handler set
 // with VAPI_set_async_event_handler). Returns false when the device is unknown.
 bool raise_async_event(const std::string &device, const VAPI_event_record_t &record);
+// The same from raw values: any event type (also none of the known ones) and any modifier (the
+// 64 bits of the modifier union: a QP, CQ or EEC handle, or a port number in the low byte).
+bool raise_async_event(const std::string &device, uint32_t type, uint64_t modifier, uint32_t syndrome = 0);
 
 // Completion and asynchronous callbacks run through this dispatcher. Without one (the default, or
 // after passing null) they run as a hardirq of the emulated kernel: queued on its interrupt thread

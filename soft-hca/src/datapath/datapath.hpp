@@ -1,0 +1,120 @@
+// The data path of a device as plain functions over the device model; they know no threads and
+// no clock of their own (the engine passes `now`, in nanoseconds) and are called with the
+// device's mutex held. One engine round on a device is:
+//
+//   1. run_requesters(): each QP with queued sends turns them into packets (Outbox);
+//   2. the engine, with no device lock held, hands every packet to the fabric, which calls
+//      respond() on the receiving device (under that device's lock); the replies (ACKs, NAKs,
+//      read responses, atomic responses) go back through the fabric to complete() on the sender;
+//   3. finish_sent(): UD and UC requests whose packets have all been delivered (or lost)
+//      complete; run_timers() retransmits or fails what timed out.
+//
+// Nothing here allocates: packets and the memory pieces they point to live in the Outbox.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "datapath/packet.hpp"
+#include "device/qp.hpp"
+
+namespace marlix::softhca {
+
+// The packets one phase produces, with the pieces of memory their payloads are read from.
+struct Outbox {
+    static constexpr uint32_t kPackets = 512;
+    static constexpr uint32_t kSpans = 1024;
+    // A message of several packets leaves as a train: the entry holds the first packet's headers
+    // and the fabric cuts it into `segments` packets of `mtu` bytes (PSN, opcode, payload offset,
+    // and the last packet's immediate data, solicited and ack-request bits follow from the index).
+    enum class Train : uint8_t { None, Send, Write, ReadResponse };
+    struct Entry {
+        Packet pkt;
+        Device *from = nullptr;  // the device and port the packet leaves from (not on the wire)
+        IB_port_t port = 0;
+        Train train = Train::None;
+        uint32_t mtu = 0;
+        uint32_t segments = 1;
+        uint64_t length = 0;  // the whole message (trains)
+    };
+    std::array<Entry, kPackets> entries;
+    std::array<ByteSpan, kSpans> spans;
+    uint32_t count = 0;
+    uint32_t span_count = 0;
+    bool has_room(uint32_t packets, uint32_t spans_needed) const {
+        return count + packets <= kPackets && span_count + spans_needed <= kSpans;
+    }
+    void clear() {
+        count = 0;
+        span_count = 0;
+    }
+};
+
+// The packet `index` of a train, built from the entry.
+Packet train_segment(const Outbox::Entry &e, uint32_t index);
+// Number of packets a message of `length` bytes takes at `mtu` (at least one).
+inline uint32_t segments_for(uint64_t length, uint32_t mtu) {
+    return length == 0 ? 1u : uint32_t((length + mtu - 1) / mtu);
+}
+
+// Turns queued send requests into packets, as far as the Outbox, the QPs' windows and the
+// responder's read/atomic limit allow. Returns the number of requests handled.
+size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events);
+// Completes the UD/UC requests that run_requesters() sent. Returns how many.
+size_t finish_sent(Device &dev, PendingEvents &events);
+// Retransmission and RNR timers that fell due. Returns how many fired.
+size_t run_timers(Device &dev, uint64_t now, PendingEvents &events);
+// The earliest time a timer of the device falls due (0: none).
+uint64_t next_timer(Device &dev);
+
+// The responder: a request packet arriving on `port` for QP `pkt.dest_qp`. Replies go to `replies`.
+void respond(Device &dev, IB_port_t port, const Packet &pkt, Outbox &replies, PendingEvents &events);
+// A multicast packet arriving on `port`: every QP of the device attached to the group gets it
+// (except the sending QP itself, for a packet that loops back to its own port).
+void respond_multicast(Device &dev, IB_port_t port, const Packet &pkt, Outbox &replies, PendingEvents &events);
+// The completer: a response packet arriving on `port` at the requester.
+void complete(Device &dev, IB_port_t port, const Packet &pkt, uint64_t now, PendingEvents &events);
+// The responder's read and atomic resources are counted per engine round.
+void new_round(Device &dev);
+
+// Puts the QP on the device's list of QPs with requester work (posting, rewinds, timers).
+void activate(Device &dev, Qp &qp);
+// Takes the QP off that list (destroy).
+void deactivate(Device &dev, Qp &qp);
+
+// Moves the QP to the error state after a completion error and flushes what is queued behind.
+// `async` (optional) is the local work queue error event to raise for it.
+void enter_error(Device &dev, Qp &qp, PendingEvents &events);
+// Send queue error (UD and UC send errors): the send queue stops and flushes; receives go on.
+void enter_send_error(Device &dev, Qp &qp, PendingEvents &events);
+// Raises a QP-scope asynchronous event.
+void qp_event(Qp &qp, VAPI_event_record_type_t type, PendingEvents &events);
+
+// Completion of a send request / receive request into the QP's CQs.
+void complete_send(Device &dev, Qp &qp, SendEntry &w, VAPI_wc_status_t status, uint32_t syndrome,
+                   PendingEvents &events);
+// Retires the Done entries at the head of the send queue, in order.
+void retire_sends(Device &dev, Qp &qp, PendingEvents &events);
+
+// PSN arithmetic, modulo 2^24.
+constexpr uint32_t kPsnMask = 0xffffff;
+inline uint32_t psn_add(uint32_t psn, uint32_t n) {
+    return (psn + n) & kPsnMask;
+}
+// Signed distance a - b in PSN space.
+inline int32_t psn_diff(uint32_t a, uint32_t b) {
+    return int32_t((a - b) << 8) >> 8;
+}
+
+// Bytes of a path MTU code (1: 256 ... 5: 4096).
+inline uint32_t mtu_bytes(uint32_t code) {
+    return code >= 1 && code <= 5 ? 128u << code : 256u;
+}
+// The transport timeout: 4.096 us * 2^timeout (0: wait for ever).
+inline uint64_t timeout_ns(uint8_t timeout) {
+    return timeout == 0 ? 0 : 4096ull << timeout;
+}
+// The RNR NAK timer codes in nanoseconds (0 is 655.36 ms).
+uint64_t rnr_timer_ns(uint8_t code);
+
+}  // namespace marlix::softhca

@@ -1,0 +1,59 @@
+#include "datapath/packet.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+namespace marlix::softhca {
+
+uint32_t Packet::wire_bytes() const {
+    uint32_t n = 8 + 12 + 4;  // LRH, BTH, ICRC
+    if (grh) n += 40;
+    const uint8_t o = op::operation(opcode);
+    if (op::transport(opcode) == op::kUd) n += 8;  // DETH
+    if (op::has_reth(opcode)) n += 16;
+    if (op::is_atomic(opcode)) n += 28;
+    if (o == op::kAck || o == op::kAtomicAck || o == op::kReadResponseFirst || o == op::kReadResponseLast ||
+        o == op::kReadResponseOnly)
+        n += 4;  // AETH
+    if (o == op::kAtomicAck) n += 8;
+    if (op::has_imm(opcode)) n += 4;
+    n += (payload_len + 3) & ~3u;
+    return n;
+}
+
+void Packet::read_payload(uint64_t from, uint8_t *dst, size_t len) const {
+    if (owned) {
+        std::memcpy(dst, owned.get() + from, len);
+        return;
+    }
+    uint64_t skip = payload_offset + from;
+    for (uint32_t i = 0; i < span_count && len > 0; ++i) {
+        const ByteSpan &s = spans[i];
+        if (skip >= s.len) {
+            skip -= s.len;
+            continue;
+        }
+        size_t n = std::min<size_t>(s.len - skip, len);
+        std::memcpy(dst, s.ptr + skip, n);
+        dst += n;
+        len -= n;
+        skip = 0;
+    }
+}
+
+void Packet::own_payload() {
+    if (payload_len == 0) {
+        spans = nullptr;
+        span_count = 0;
+        payload_offset = 0;
+        return;
+    }
+    std::shared_ptr<uint8_t[]> copy(new uint8_t[payload_len]);
+    read_payload(0, copy.get(), payload_len);
+    owned = std::move(copy);
+    spans = nullptr;
+    span_count = 0;
+    payload_offset = 0;
+}
+
+}  // namespace marlix::softhca

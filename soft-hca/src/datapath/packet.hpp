@@ -1,0 +1,148 @@
+// The packets that travel between ports: the fields of the InfiniBand headers the data path
+// uses (local route header addresses, base transport header, and the datagram, RDMA, atomic,
+// acknowledgement and immediate extensions), and the payload.
+//
+// Packets name their ends by LID and QP number only. The payload is a view of the sender's memory
+// that stays valid until the packet has been consumed (the engine delivers a packet before the
+// sender may complete the request it belongs to); a packet that has to wait on the wire (a
+// delayed link) takes a copy of its payload first (own_payload()).
+#pragma once
+
+#include <vapi_types.h>
+
+#include <cstdint>
+#include <memory>
+
+namespace marlix::softhca {
+
+// Base transport header opcodes, as on the wire: transport in the high three bits
+// (RC 0x00, UC 0x20, UD 0x60), operation in the low five.
+namespace op {
+constexpr uint8_t kSendFirst = 0x00;
+constexpr uint8_t kSendMiddle = 0x01;
+constexpr uint8_t kSendLast = 0x02;
+constexpr uint8_t kSendLastImm = 0x03;
+constexpr uint8_t kSendOnly = 0x04;
+constexpr uint8_t kSendOnlyImm = 0x05;
+constexpr uint8_t kWriteFirst = 0x06;
+constexpr uint8_t kWriteMiddle = 0x07;
+constexpr uint8_t kWriteLast = 0x08;
+constexpr uint8_t kWriteLastImm = 0x09;
+constexpr uint8_t kWriteOnly = 0x0a;
+constexpr uint8_t kWriteOnlyImm = 0x0b;
+constexpr uint8_t kReadRequest = 0x0c;
+constexpr uint8_t kReadResponseFirst = 0x0d;
+constexpr uint8_t kReadResponseMiddle = 0x0e;
+constexpr uint8_t kReadResponseLast = 0x0f;
+constexpr uint8_t kReadResponseOnly = 0x10;
+constexpr uint8_t kAck = 0x11;
+constexpr uint8_t kAtomicAck = 0x12;
+constexpr uint8_t kCompareSwap = 0x13;
+constexpr uint8_t kFetchAdd = 0x14;
+
+constexpr uint8_t kRc = 0x00;
+constexpr uint8_t kUc = 0x20;
+constexpr uint8_t kUd = 0x60;
+
+constexpr uint8_t operation(uint8_t opcode) { return opcode & 0x1f; }
+constexpr uint8_t transport(uint8_t opcode) { return opcode & 0xe0; }
+constexpr bool is_send(uint8_t o) { return operation(o) <= kSendOnlyImm; }
+constexpr bool is_write(uint8_t o) { return operation(o) >= kWriteFirst && operation(o) <= kWriteOnlyImm; }
+constexpr bool is_read_response(uint8_t o) {
+    return operation(o) >= kReadResponseFirst && operation(o) <= kReadResponseOnly;
+}
+constexpr bool is_atomic(uint8_t o) { return operation(o) == kCompareSwap || operation(o) == kFetchAdd; }
+constexpr bool is_response(uint8_t o) {
+    return is_read_response(o) || operation(o) == kAck || operation(o) == kAtomicAck;
+}
+constexpr bool is_first(uint8_t o) {
+    uint8_t x = operation(o);
+    return x == kSendFirst || x == kSendOnly || x == kSendOnlyImm || x == kWriteFirst || x == kWriteOnly ||
+           x == kWriteOnlyImm || x == kReadResponseFirst || x == kReadResponseOnly;
+}
+constexpr bool is_last(uint8_t o) {
+    uint8_t x = operation(o);
+    return x == kSendLast || x == kSendLastImm || x == kSendOnly || x == kSendOnlyImm || x == kWriteLast ||
+           x == kWriteLastImm || x == kWriteOnly || x == kWriteOnlyImm || x == kReadResponseLast ||
+           x == kReadResponseOnly;
+}
+constexpr bool has_imm(uint8_t o) {
+    uint8_t x = operation(o);
+    return x == kSendLastImm || x == kSendOnlyImm || x == kWriteLastImm || x == kWriteOnlyImm;
+}
+constexpr bool has_reth(uint8_t o) {
+    uint8_t x = operation(o);
+    return x == kWriteFirst || x == kWriteOnly || x == kWriteOnlyImm || x == kReadRequest;
+}
+}  // namespace op
+
+// AETH syndromes: ACK with credits, RNR NAK with the timer code, NAK with a code.
+namespace aeth {
+constexpr uint8_t kAck = 0x00;      // 000x xxxx (credit field unused here)
+constexpr uint8_t kRnrNak = 0x20;   // 001t tttt: t = the responder's minimum RNR timer
+constexpr uint8_t kNak = 0x60;      // 011c cccc
+constexpr uint8_t kNakPsnSeq = 0x60;
+constexpr uint8_t kNakInvalidRequest = 0x61;
+constexpr uint8_t kNakRemoteAccess = 0x62;
+constexpr uint8_t kNakRemoteOp = 0x63;
+constexpr uint8_t kind(uint8_t s) { return s & 0x60; }
+}  // namespace aeth
+
+// A piece of host memory.
+struct ByteSpan {
+    uint8_t *ptr = nullptr;
+    size_t len = 0;
+};
+
+struct Packet {
+    // Local route header.
+    IB_lid_t slid = 0;
+    IB_lid_t dlid = 0;
+    IB_sl_t sl = 0;
+    uint8_t src_path_bits = 0;
+    bool grh = false;  // a global route header follows (UD with GRH)
+    IB_gid_t sgid{};   // GRH source GID, when grh
+    IB_gid_t dgid{};
+    // Base transport header.
+    uint8_t opcode = 0;
+    bool solicited = false;
+    bool ack_req = false;
+    uint16_t pkey = 0xffff;
+    uint32_t dest_qp = 0;
+    uint32_t psn = 0;
+    // Datagram extension (UD): Q_Key and source QP.
+    uint32_t qkey = 0;
+    uint32_t src_qp = 0;
+    // RDMA extension.
+    uint64_t va = 0;
+    uint32_t rkey = 0;
+    uint32_t dma_len = 0;
+    // Atomic extension.
+    uint64_t swap_add = 0;
+    uint64_t compare = 0;
+    // Acknowledgement extension (and the atomic acknowledgement's original value).
+    uint8_t syndrome = 0;
+    uint32_t msn = 0;
+    uint64_t atomic_orig = 0;
+    // Immediate data.
+    uint32_t imm = 0;
+    // Payload: `payload_len` bytes read from `spans` (pieces of sender memory, in order) starting
+    // `payload_offset` bytes into the first; see the top of this file.
+    const ByteSpan *spans = nullptr;
+    uint32_t span_count = 0;
+    uint64_t payload_offset = 0;
+    uint32_t payload_len = 0;
+    std::shared_ptr<uint8_t[]> owned;  // the copy a delayed packet takes of its payload
+
+    // Copies the payload into memory the packet owns (before it waits on the wire).
+    void own_payload();
+    // Copies `len` payload bytes starting `from` bytes into the payload, to `dst`.
+    void read_payload(uint64_t from, uint8_t *dst, size_t len) const;
+
+    // Bytes of the packet as the port data counters count them (from the LRH to the ICRC, the
+    // VCRC excluded): LRH 8, GRH 40, BTH 12, DETH 8, RETH 16, AtomicETH 28, AETH 4, AtomicAckETH 8,
+    // ImmDt 4, payload padded to 4 bytes, ICRC 4.
+    uint32_t wire_bytes() const;
+};
+
+}  // namespace marlix::softhca

@@ -1,0 +1,532 @@
+// The responder: executes a request packet at its target QP. Sends land in the receive request
+// at the head of the receive queue, RDMA writes and reads go through the target's remote keys,
+// atomics operate on 8 aligned bytes. A reliable connection answers with ACKs, NAKs, read
+// responses and atomic acknowledgements, and checks PSNs; an unreliable one drops what it cannot
+// take.
+#include <atomic>
+#include <cstring>
+
+#include "datapath/datapath.hpp"
+#include "device/limits.hpp"
+
+namespace marlix::softhca {
+
+using qpsm::QpKind;
+using qpsm::QpState;
+
+namespace {
+
+uint8_t transport_bits(const Qp &qp) {
+    if (qp.kind != QpKind::Regular || qp.transport() == VAPI_TS_UD) return op::kUd;
+    return qp.transport() == VAPI_TS_UC ? op::kUc : op::kRc;
+}
+
+bool receives(QpState s) {
+    return s == QpState::Rtr || s == QpState::Rts || s == QpState::Sqd || s == QpState::Sqe;
+}
+
+// Copies `len` bytes of the packet's payload (from `from`) into the receive request's scatter list
+// at byte `at`. Fails with a local length error when it does not fit and a local protection error
+// when a key does not allow it.
+VAPI_wc_status_t scatter(Device &dev, const Qp &qp, const RecvEntry &r, uint64_t at, const Packet &p,
+                         uint64_t from, uint64_t len, const uint8_t *raw = nullptr) {
+    uint64_t skip = at;
+    for (uint32_t i = 0; i < r.sg_count && len > 0; ++i) {
+        const VAPI_sg_lst_entry_t &e = r.sg[i];
+        if (skip >= e.len) {
+            skip -= e.len;
+            continue;
+        }
+        uint64_t n = std::min<uint64_t>(e.len - skip, len);
+        VAPI_ret_t rc = dev.walk(e.lkey, false, qp.init.pd_hndl, e.addr + skip, n, VAPI_EN_LOCAL_WRITE,
+                                 [&](uint8_t *dst, size_t m) {
+                                     if (raw) {
+                                         std::memcpy(dst, raw + from, m);
+                                     } else {
+                                         p.read_payload(from, dst, m);
+                                     }
+                                     from += m;
+                                     return true;
+                                 });
+        if (rc != VAPI_OK) return VAPI_LOC_PROT_ERR;
+        len -= n;
+        skip = 0;
+    }
+    return len == 0 ? VAPI_SUCCESS : VAPI_LOC_LEN_ERR;
+}
+
+uint64_t capacity(const RecvEntry &r) {
+    uint64_t n = 0;
+    for (uint32_t i = 0; i < r.sg_count; ++i) n += r.sg[i].len;
+    return n;
+}
+
+VAPI_wc_desc_t recv_wc(const Qp &qp, const RecvEntry &r, VAPI_wc_status_t status) {
+    VAPI_wc_desc_t wc{};
+    wc.status = status;
+    wc.id = r.desc.id;
+    wc.local_qp_num = qp.qp_num;
+    wc.opcode = VAPI_CQE_RQ_SEND_DATA;
+    wc.pkey_ix = qp.attr.pkey_ix;
+    wc.remote_node_addr.type = VAPI_RNA_UD;
+    return wc;
+}
+
+// Takes the head receive request and completes it.
+void complete_recv(Device &dev, Qp &qp, VAPI_wc_desc_t wc, bool solicited, PendingEvents &events) {
+    const bool signalled = qp.init.rq_sig_type == VAPI_SIGNAL_ALL_WR || wc.status != VAPI_SUCCESS ||
+                           qp.rq.front().desc.comp_type == VAPI_SIGNALED;
+    qp.rq.pop();
+    wc.free_res_count = qp.rq.free_slots();
+    if (CompletionQueue *cq = find_cq(dev, qp.init.rq_cq_hndl); cq && signalled)
+        push_completion(*cq, wc, solicited, events);
+}
+
+// Replies of a reliable connection go back to where the request came from.
+Outbox::Entry *reply(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, uint8_t opcode,
+                     bool count = true) {
+    if (!out.has_room(1, 1)) return nullptr;  // lost; the requester will retransmit
+    Outbox::Entry &e = out.entries[out.count++];
+    e = Outbox::Entry{};
+    e.from = &dev;
+    e.port = port;
+    Packet &p = e.pkt;
+    p.opcode = op::kRc | opcode;
+    p.dlid = req.slid;
+    p.slid = req.dlid;
+    p.sl = req.sl;
+    p.pkey = req.pkey;
+    p.dest_qp = qp.attr.dest_qp_num;
+    p.src_qp = qp.qp_num;
+    p.psn = req.psn;
+    p.msn = qp.msn;
+    if (count)
+        if (Port *pt = dev.port(port)) pt->count_xmit(p.wire_bytes());
+    return &e;
+}
+
+void ack(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, uint32_t psn) {
+    if (Outbox::Entry *e = reply(dev, qp, port, req, out, op::kAck)) {
+        e->pkt.psn = psn;
+        e->pkt.syndrome = aeth::kAck;
+    }
+}
+
+void nak(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, uint8_t syndrome) {
+    if (Outbox::Entry *e = reply(dev, qp, port, req, out, op::kAck)) e->pkt.syndrome = syndrome;
+}
+
+// A request the responder refuses: NAK (reliable), the QP to the error state, the local work
+// queue error event.
+void refuse(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, uint8_t syndrome,
+            VAPI_event_record_type_t event, PendingEvents &events) {
+    if (transport_bits(qp) == op::kRc) nak(dev, qp, port, req, out, syndrome);
+    qp_event(qp, event, events);
+    enter_error(dev, qp, events);
+}
+
+// The 40-byte global route header a UD receive buffer starts with.
+void build_grh(const Packet &p, uint8_t grh[limits::kGrhBytes]) {
+    std::memset(grh, 0, limits::kGrhBytes);
+    grh[0] = 0x60;  // IP version 6
+    const uint16_t paylen = uint16_t(p.wire_bytes() - 8 - 40 - 2);
+    grh[4] = uint8_t(paylen >> 8);
+    grh[5] = uint8_t(paylen);
+    grh[6] = 0x1b;  // next header: IBA transport
+    grh[7] = 64;    // hop limit
+    std::memcpy(grh + 8, p.sgid, 16);
+    std::memcpy(grh + 24, p.dgid, 16);
+}
+
+void respond_ud(Device &dev, IB_port_t port, Qp &qp, const Packet &p, PendingEvents &events) {
+    Port *pt = dev.port(port);
+    if (p.qkey != qp.attr.qkey) {
+        if (pt && pt->qkey_viol_counter != 0xffffffffu) ++pt->qkey_viol_counter;
+        return;
+    }
+    if (pt && qp.attr.pkey_ix < pt->pkeys.size() &&
+        (pt->pkeys[qp.attr.pkey_ix] & 0x7fff) != (p.pkey & 0x7fff)) {
+        if (pt->bad_pkey_counter != 0xffffffffu) ++pt->bad_pkey_counter;
+        return;
+    }
+    if (qp.rq.empty()) return;  // datagrams without a receive request are dropped
+    const RecvEntry &r = qp.rq.front();
+    VAPI_wc_desc_t wc = recv_wc(qp, r, VAPI_SUCCESS);
+    if (qp.forced_recv.armed) {
+        wc.status = qp.forced_recv.status;
+        wc.vendor_err_syndrome = qp.forced_recv.syndrome;
+        qp.forced_recv = {};
+        complete_recv(dev, qp, wc, p.solicited, events);
+        if (wc.status != VAPI_SUCCESS) enter_error(dev, qp, events);
+        return;
+    }
+    VAPI_wc_status_t st = VAPI_SUCCESS;
+    if (capacity(r) < limits::kGrhBytes + p.payload_len) {
+        st = VAPI_LOC_LEN_ERR;
+    } else {
+        if (p.grh) {
+            uint8_t grh[limits::kGrhBytes];
+            build_grh(p, grh);
+            st = scatter(dev, qp, r, 0, p, 0, limits::kGrhBytes, grh);
+        }
+        if (st == VAPI_SUCCESS) st = scatter(dev, qp, r, limits::kGrhBytes, p, 0, p.payload_len);
+    }
+    wc.status = st;
+    if (st == VAPI_SUCCESS) {
+        wc.byte_len = limits::kGrhBytes + p.payload_len;
+        wc.imm_data_valid = op::has_imm(p.opcode);
+        wc.imm_data = p.imm;
+        wc.remote_node_addr.slid = p.slid;
+        wc.remote_node_addr.sl = p.sl;
+        wc.remote_node_addr.qp_ety.qp = p.src_qp;
+        wc.remote_node_addr.ee_dlid.dst_path_bits = pt ? uint8_t(p.dlid & ((1u << pt->lmc) - 1)) : 0;
+        wc.grh_flag = p.grh;
+    }
+    complete_recv(dev, qp, wc, p.solicited, events);
+    // A receive that cannot be placed is a local error of the receive queue.
+    if (st != VAPI_SUCCESS) enter_error(dev, qp, events);
+}
+
+// Sends (and the receive side of RDMA write with immediate) of a connected QP.
+void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &out,
+                          PendingEvents &events, bool &stop) {
+    const bool rc = transport_bits(qp) == op::kRc;
+    stop = false;
+    if (op::is_first(p.opcode)) {
+        if (qp.rq.empty()) {
+            if (rc) {
+                // Receiver not ready: the requester waits at least our minimum RNR timer.
+                if (Outbox::Entry *e = reply(dev, qp, port, p, out, op::kAck))
+                    e->pkt.syndrome = uint8_t(aeth::kRnrNak | (qp.attr.min_rnr_timer & 31));
+            } else {
+                qp.message_failed = true;
+                qp.expected_psn = psn_add(p.psn, 1);
+            }
+            stop = true;
+            return;
+        }
+        qp.in_message = true;
+        qp.recv_taken = true;
+        qp.message_bytes = 0;
+        qp.message_failed = false;
+    }
+    if (!qp.in_message || qp.rq.empty()) {
+        stop = true;
+        return;
+    }
+    const RecvEntry &r = qp.rq.front();
+    if (qp.forced_recv.armed && op::is_last(p.opcode)) {
+        VAPI_wc_desc_t wc = recv_wc(qp, r, qp.forced_recv.status);
+        wc.vendor_err_syndrome = qp.forced_recv.syndrome;
+        wc.byte_len = uint32_t(qp.message_bytes + p.payload_len);
+        qp.forced_recv = {};
+        qp.in_message = false;
+        complete_recv(dev, qp, wc, p.solicited, events);
+        if (wc.status != VAPI_SUCCESS) {
+            if (rc) nak(dev, qp, port, p, out, aeth::kNakRemoteOp);
+            enter_error(dev, qp, events);
+            stop = true;
+        }
+        return;
+    }
+    VAPI_wc_status_t st = VAPI_SUCCESS;
+    if (op::is_send(p.opcode)) st = scatter(dev, qp, r, qp.message_bytes, p, 0, p.payload_len);
+    if (st != VAPI_SUCCESS) {
+        VAPI_wc_desc_t wc = recv_wc(qp, r, st);
+        qp.in_message = false;
+        complete_recv(dev, qp, wc, false, events);
+        if (st == VAPI_LOC_LEN_ERR) {
+            // The message is longer than the receive request: an invalid request.
+            refuse(dev, qp, port, p, out, aeth::kNakInvalidRequest, VAPI_LOCAL_WQ_INV_REQUEST_ERROR, events);
+        } else {
+            // Our own receive buffer is not writable: the operation fails here.
+            refuse(dev, qp, port, p, out, aeth::kNakRemoteOp, VAPI_LOCAL_WQ_CATASTROPHIC_ERROR, events);
+        }
+        stop = true;
+        return;
+    }
+    if (op::is_send(p.opcode)) qp.message_bytes += p.payload_len;
+    if (op::is_last(p.opcode)) {
+        VAPI_wc_desc_t wc = recv_wc(qp, r, VAPI_SUCCESS);
+        wc.opcode = op::is_send(p.opcode) ? VAPI_CQE_RQ_SEND_DATA : VAPI_CQE_RQ_RDMA_WITH_IMM;
+        wc.byte_len = uint32_t(qp.message_bytes);
+        wc.imm_data_valid = op::has_imm(p.opcode);
+        wc.imm_data = p.imm;
+        wc.remote_node_addr.slid = p.slid;
+        wc.remote_node_addr.sl = p.sl;
+        wc.remote_node_addr.qp_ety.qp = qp.attr.dest_qp_num;
+        qp.in_message = false;
+        qp.recv_taken = false;
+        complete_recv(dev, qp, wc, p.solicited, events);
+    }
+}
+
+// Counts a read or atomic against the responder's limit; false when over it.
+bool take_responder_resource(Device &dev, Qp &qp) {
+    if (qp.reads_round != dev.round) {
+        qp.reads_round = dev.round;
+        qp.reads_in_progress = 0;
+    }
+    if (qp.reads_in_progress >= qp.attr.qp_ous_rd_atom) return false;
+    ++qp.reads_in_progress;
+    return true;
+}
+
+void respond_read(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &out, PendingEvents &events,
+                  bool duplicate) {
+    if (!(qp.attr.remote_atomic_flags & VAPI_EN_REM_READ)) {
+        refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
+        return;
+    }
+    if (!duplicate && !take_responder_resource(dev, qp)) {
+        refuse(dev, qp, port, p, out, aeth::kNakInvalidRequest, VAPI_LOCAL_WQ_INV_REQUEST_ERROR, events);
+        return;
+    }
+    const uint32_t mtu = mtu_bytes(qp.attr.path_mtu);
+    const uint32_t segments = segments_for(p.dma_len, mtu);
+    if (!out.has_room(1, 1)) return;  // no room this round: the requester will retransmit
+    const uint32_t first_span = out.span_count;
+    VAPI_ret_t rc = dev.walk(p.rkey, true, qp.init.pd_hndl, p.va, p.dma_len, VAPI_EN_REMOTE_READ,
+                             [&](uint8_t *ptr, size_t n) {
+                                 if (out.span_count >= Outbox::kSpans) return false;
+                                 out.spans[out.span_count++] = {ptr, n};
+                                 return true;
+                             });
+    if (rc == VAPI_EAGAIN) {
+        out.span_count = first_span;
+        return;
+    }
+    if (rc != VAPI_OK) {
+        out.span_count = first_span;
+        refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
+        return;
+    }
+    Outbox::Entry *e = reply(dev, qp, port, p, out, op::kReadResponseOnly, false);
+    e->train = Outbox::Train::ReadResponse;
+    e->mtu = mtu;
+    e->segments = segments;
+    e->length = p.dma_len;
+    e->pkt.spans = &out.spans[first_span];
+    e->pkt.span_count = out.span_count - first_span;
+    e->pkt.payload_len = p.dma_len;
+    e->pkt.syndrome = aeth::kAck;
+    if (Port *pt = dev.port(port))
+        for (uint32_t i = 0; i < segments; ++i) pt->count_xmit(train_segment(*e, i).wire_bytes());
+    if (!duplicate) qp.expected_psn = psn_add(p.psn, segments);
+}
+
+void respond_atomic(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &out, PendingEvents &events,
+                    bool duplicate) {
+    if (duplicate) {
+        // Answer again with the value the operation found the first time.
+        for (const Qp::AtomicReplay &r : qp.atomic_replay)
+            if (r.valid && r.psn == p.psn)
+                if (Outbox::Entry *e = reply(dev, qp, port, p, out, op::kAtomicAck)) e->pkt.atomic_orig = r.orig;
+        return;
+    }
+    if (!(qp.attr.remote_atomic_flags & VAPI_EN_REM_ATOMIC_OP)) {
+        refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
+        return;
+    }
+    if (p.va % limits::kAtomicBytes != 0 || !take_responder_resource(dev, qp)) {
+        refuse(dev, qp, port, p, out, aeth::kNakInvalidRequest, VAPI_LOCAL_WQ_INV_REQUEST_ERROR, events);
+        return;
+    }
+    uint8_t *target = nullptr;
+    VAPI_ret_t rc = dev.walk(p.rkey, true, qp.init.pd_hndl, p.va, limits::kAtomicBytes, VAPI_EN_REMOTE_ATOM,
+                             [&](uint8_t *ptr, size_t n) {
+                                 if (n != limits::kAtomicBytes) return false;
+                                 target = ptr;
+                                 return true;
+                             });
+    if (rc != VAPI_OK || !target) {
+        refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
+        return;
+    }
+    // Atomic against every other access through this adapter, whichever device it comes from.
+    std::atomic_ref<uint64_t> word(*reinterpret_cast<uint64_t *>(target));
+    uint64_t orig;
+    if (op::operation(p.opcode) == op::kCompareSwap) {
+        orig = p.compare;
+        word.compare_exchange_strong(orig, p.swap_add);
+    } else {
+        orig = word.fetch_add(p.swap_add);
+    }
+    qp.atomic_replay[qp.atomic_replay_next++ % qp.atomic_replay.size()] = {p.psn, orig, true};
+    if (Outbox::Entry *e = reply(dev, qp, port, p, out, op::kAtomicAck)) e->pkt.atomic_orig = orig;
+    qp.expected_psn = psn_add(p.psn, 1);
+}
+
+void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &out, PendingEvents &events) {
+    const bool rc = transport_bits(qp) == op::kRc;
+    const uint8_t o = op::operation(p.opcode);
+    const int32_t d = psn_diff(p.psn, qp.expected_psn);
+    if (rc) {
+        if (d < 0) {
+            // A duplicate: the requester retransmitted what we already executed.
+            if (o == op::kReadRequest)
+                respond_read(dev, port, qp, p, out, events, true);
+            else if (op::is_atomic(p.opcode))
+                respond_atomic(dev, port, qp, p, out, events, true);
+            else if (p.ack_req)
+                ack(dev, qp, port, p, out, psn_add(qp.expected_psn, kPsnMask));  // expected - 1
+            return;
+        }
+        if (d > 0) {
+            // A packet went missing: ask once for a retransmission from the expected PSN.
+            if (!qp.nak_sent) {
+                qp.nak_sent = true;
+                if (Outbox::Entry *e = reply(dev, qp, port, p, out, op::kAck)) {
+                    e->pkt.psn = qp.expected_psn;
+                    e->pkt.syndrome = aeth::kNakPsnSeq;
+                }
+            }
+            return;
+        }
+        qp.nak_sent = false;
+    } else if (d != 0) {
+        // Unreliable: a gap loses the message in progress; a new message starts afresh.
+        qp.in_message = false;
+        if (!op::is_first(p.opcode)) {
+            qp.message_failed = true;
+            qp.expected_psn = psn_add(p.psn, 1);
+            return;
+        }
+        qp.expected_psn = p.psn;
+    }
+    if (!rc && qp.message_failed && !op::is_first(p.opcode)) {
+        qp.expected_psn = psn_add(p.psn, 1);
+        return;
+    }
+    if (o == op::kReadRequest) {
+        respond_read(dev, port, qp, p, out, events, false);
+        return;
+    }
+    if (op::is_atomic(p.opcode)) {
+        respond_atomic(dev, port, qp, p, out, events, false);
+        return;
+    }
+    if (op::is_write(p.opcode)) {
+        if (op::is_first(p.opcode)) {
+            if (!(qp.attr.remote_atomic_flags & VAPI_EN_REM_WRITE)) {
+                if (rc)
+                    refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
+                else
+                    qp.message_failed = true, qp.expected_psn = psn_add(p.psn, 1);
+                return;
+            }
+            VAPI_ret_t rc_key = dev.walk(p.rkey, true, qp.init.pd_hndl, p.va, p.dma_len, VAPI_EN_REMOTE_WRITE,
+                                         [](uint8_t *, size_t) { return true; });
+            if (rc_key != VAPI_OK) {
+                if (rc)
+                    refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
+                else
+                    qp.message_failed = true, qp.expected_psn = psn_add(p.psn, 1);
+                return;
+            }
+            qp.write_va = p.va;
+            qp.write_rkey = p.rkey;
+            qp.write_first_psn = p.psn;
+            qp.message_bytes = 0;
+            qp.message_failed = false;
+        }
+        // Data straight from the sender's buffer into the target region; where it goes follows
+        // from its PSN, so a retransmitted packet lands where it did the first time.
+        const uint64_t offset = uint64_t(psn_diff(p.psn, qp.write_first_psn)) * mtu_bytes(qp.attr.path_mtu);
+        uint64_t from = 0;
+        VAPI_ret_t wr = dev.walk(qp.write_rkey, true, qp.init.pd_hndl, qp.write_va + offset, p.payload_len,
+                                 VAPI_EN_REMOTE_WRITE, [&](uint8_t *dst, size_t n) {
+                                     p.read_payload(from, dst, n);
+                                     from += n;
+                                     return true;
+                                 });
+        if (wr != VAPI_OK) {
+            if (rc)
+                refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
+            return;
+        }
+        qp.message_bytes = offset + p.payload_len;
+        if (op::has_imm(p.opcode)) {
+            // The immediate data needs a receive request: without one, RNR (the data stays written;
+            // the retransmission writes it again).
+            if (qp.rq.empty()) {
+                if (rc) {
+                    if (Outbox::Entry *e = reply(dev, qp, port, p, out, op::kAck))
+                        e->pkt.syndrome = uint8_t(aeth::kRnrNak | (qp.attr.min_rnr_timer & 31));
+                } else {
+                    qp.expected_psn = psn_add(p.psn, 1);
+                }
+                return;
+            }
+            const RecvEntry &r = qp.rq.front();
+            VAPI_wc_desc_t wc = recv_wc(qp, r, VAPI_SUCCESS);
+            wc.opcode = VAPI_CQE_RQ_RDMA_WITH_IMM;
+            wc.byte_len = uint32_t(qp.message_bytes);
+            wc.imm_data_valid = TRUE;
+            wc.imm_data = p.imm;
+            wc.remote_node_addr.slid = p.slid;
+            wc.remote_node_addr.sl = p.sl;
+            wc.remote_node_addr.qp_ety.qp = qp.attr.dest_qp_num;
+            if (qp.forced_recv.armed) {
+                wc.status = qp.forced_recv.status;
+                wc.vendor_err_syndrome = qp.forced_recv.syndrome;
+                qp.forced_recv = {};
+            }
+            complete_recv(dev, qp, wc, p.solicited, events);
+            if (wc.status != VAPI_SUCCESS) {
+                if (rc) nak(dev, qp, port, p, out, aeth::kNakRemoteOp);
+                enter_error(dev, qp, events);
+                return;
+            }
+        }
+    } else {
+        bool stop = false;
+        receive_message_data(dev, port, qp, p, out, events, stop);
+        if (stop) return;
+    }
+    qp.expected_psn = psn_add(p.psn, 1);
+    if (op::is_last(p.opcode)) ++qp.msn;
+    if (rc && p.ack_req) ack(dev, qp, port, p, out, p.psn);
+}
+
+}  // namespace
+
+void new_round(Device &dev) {
+    ++dev.round;
+}
+
+void respond(Device &dev, IB_port_t port, const Packet &p, Outbox &out, PendingEvents &events) {
+    Port *pt = dev.port(port);
+    if (pt) pt->count_rcv(p.wire_bytes());
+    Qp *qp = find_qp_by_num(dev, p.dest_qp, port);
+    if (!qp || qp->destroyed || !receives(qp->state())) return;
+    if (transport_bits(*qp) != op::transport(p.opcode)) return;
+    if (qp->state() == QpState::Rtr && !qp->comm_established) {
+        // The first packet of the connection while we are not yet sending ourselves.
+        qp->comm_established = true;
+        qp_event(*qp, VAPI_QP_COMM_ESTABLISHED, events);
+    }
+    if (op::transport(p.opcode) == op::kUd) {
+        respond_ud(dev, port, *qp, p, events);
+        return;
+    }
+    respond_connected(dev, port, *qp, p, out, events);
+}
+
+void respond_multicast(Device &dev, IB_port_t port, const Packet &p, Outbox &out, PendingEvents &events) {
+    (void)out;
+    Port *pt = dev.port(port);
+    if (pt) pt->count_rcv(p.wire_bytes());
+    static thread_local std::vector<VAPI_qp_hndl_t> members;
+    mcast_members_by_lid(dev, p.dlid, members);
+    for (VAPI_qp_hndl_t h : members) {
+        Qp *qp = find_qp(dev, h);
+        if (!qp || qp->destroyed || !receives(qp->state())) continue;
+        if (qp->qp_num == p.src_qp && pt && (p.slid & ~((1u << pt->lmc) - 1)) == pt->lid) continue;
+        Packet copy = p;
+        copy.dest_qp = qp->qp_num;
+        respond_ud(dev, port, *qp, copy, events);
+    }
+}
+
+}  // namespace marlix::softhca

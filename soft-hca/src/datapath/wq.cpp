@@ -1,0 +1,79 @@
+#include "datapath/wq.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+namespace marlix::softhca {
+
+namespace {
+uint32_t pow2_at_least(uint32_t n) {
+    uint32_t p = 1;
+    while (p < n) p <<= 1;
+    return p;
+}
+
+void copy_payload(SendEntry &to, const SendEntry &from, uint32_t sg_stride, uint32_t inline_stride) {
+    std::copy_n(from.sg, std::min(from.sg_count, sg_stride), to.sg);
+    if (from.inline_data && to.inline_data)
+        std::memcpy(to.inline_data, from.inline_data, std::min(from.inline_len, inline_stride));
+}
+void copy_payload(RecvEntry &to, const RecvEntry &from, uint32_t sg_stride, uint32_t) {
+    std::copy_n(from.sg, std::min(from.sg_count, sg_stride), to.sg);
+}
+void set_areas(SendEntry &e, VAPI_sg_lst_entry_t *sg, uint8_t *inl) {
+    e.sg = sg;
+    e.inline_data = inl;
+}
+void set_areas(RecvEntry &e, VAPI_sg_lst_entry_t *sg, uint8_t *) {
+    e.sg = sg;
+}
+}  // namespace
+
+template <class Entry>
+void WorkRing<Entry>::bind(uint32_t slot) {
+    set_areas(slots_[slot], sg_area_.data() + size_t(slot) * sg_stride_,
+              inline_stride_ ? inline_area_.data() + size_t(slot) * inline_stride_ : nullptr);
+}
+
+template <class Entry>
+bool WorkRing<Entry>::resize(uint32_t depth, uint32_t sg_stride, uint32_t inline_stride) {
+    const uint32_t n = pow2_at_least(std::max<uint32_t>(depth, 1));
+    if (n < count()) return false;
+    std::vector<Entry> slots(n);
+    std::vector<VAPI_sg_lst_entry_t> sg(size_t(n) * std::max<uint32_t>(sg_stride, 1));
+    std::vector<uint8_t> inl(size_t(n) * inline_stride);
+    WorkRing<Entry> fresh;
+    fresh.slots_.swap(slots);
+    fresh.sg_area_.swap(sg);
+    fresh.inline_area_.swap(inl);
+    fresh.depth_ = depth;
+    fresh.mask_ = n - 1;
+    fresh.sg_stride_ = std::max<uint32_t>(sg_stride, 1);
+    fresh.inline_stride_ = inline_stride;
+    for (uint32_t i = 0; i < n; ++i) fresh.bind(i);
+    // Entries keep their positions, so PSN bookkeeping that refers to them stays valid.
+    fresh.head_ = head_;
+    fresh.tail_ = head_;
+    for (uint64_t p = head_; p != tail_; ++p) {
+        Entry &to = fresh.at(p);
+        VAPI_sg_lst_entry_t *sgp = to.sg;
+        Entry saved = at(p);
+        to = saved;
+        set_areas(to, sgp, fresh.inline_stride_ ? fresh.inline_area_.data() + size_t(p & fresh.mask_) * fresh.inline_stride_ : nullptr);
+        copy_payload(to, saved, fresh.sg_stride_, fresh.inline_stride_);
+        ++fresh.tail_;
+    }
+    slots_.swap(fresh.slots_);
+    sg_area_.swap(fresh.sg_area_);
+    inline_area_.swap(fresh.inline_area_);
+    depth_ = fresh.depth_;
+    mask_ = fresh.mask_;
+    sg_stride_ = fresh.sg_stride_;
+    inline_stride_ = fresh.inline_stride_;
+    return true;
+}
+
+template class WorkRing<SendEntry>;
+template class WorkRing<RecvEntry>;
+
+}  // namespace marlix::softhca

@@ -1,0 +1,92 @@
+// Work queues: power-of-two rings of fixed-stride entries, sized when the QP is created (and
+// again only when a modify changes the depth). A post writes the next free entry, the data path
+// consumes from the front; neither allocates.
+//
+// A send entry holds the descriptor, its gather list (in the ring's gather area, stride = the
+// QP's gather capacity) and, for inline sends, the data (in the ring's inline area, stride = the
+// QP's inline capacity). The requester's progress on the entry lives beside it.
+#pragma once
+
+#include <vapi_types.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace marlix::softhca {
+
+// Where a send entry stands.
+enum class SendPhase : uint8_t {
+    Queued,    // posted, not yet (re)transmitted
+    Sent,      // every packet sent; waiting for the acknowledgement or response
+    Done,      // completed (success or error), waiting to be retired in order
+};
+
+struct SendEntry {
+    VAPI_sr_desc_t desc{};  // sg_lst_p is not used: the gather list is `sg`
+    uint32_t sg_count = 0;
+    uint32_t inline_len = 0;  // inline sends: bytes in the inline area
+    bool is_inline = false;
+    bool has_pkey_ix = false;  // GSI sends on an explicit P_Key index
+    VAPI_pkey_ix_t pkey_ix = 0;
+    // Requester state.
+    SendPhase phase = SendPhase::Queued;
+    uint32_t first_psn = 0;  // RC/UC: PSN of the first packet
+    uint32_t last_psn = 0;   // RC/UC: PSN of the last packet (reads: of the last response)
+    uint64_t length = 0;     // message length
+    uint32_t read_received = 0;  // RDMA read: bytes of response data placed so far
+    VAPI_wc_status_t status = VAPI_SUCCESS;  // outcome once Done
+    uint32_t syndrome = 0;
+    VAPI_sg_lst_entry_t *sg = nullptr;  // into the ring's gather area
+    uint8_t *inline_data = nullptr;     // into the ring's inline area
+};
+
+struct RecvEntry {
+    VAPI_rr_desc_t desc{};
+    uint32_t sg_count = 0;
+    VAPI_sg_lst_entry_t *sg = nullptr;
+};
+
+// A ring of `depth` entries (a power of two), with `sg_stride` gather entries and `inline_stride`
+// inline bytes per entry. Positions only grow; the slot is position & mask.
+template <class Entry>
+class WorkRing {
+  public:
+    WorkRing() = default;
+    WorkRing(const WorkRing &) = delete;
+    WorkRing &operator=(const WorkRing &) = delete;
+
+    // Sizes the ring; keeps the entries between head and tail in order. False if they do not fit.
+    bool resize(uint32_t depth, uint32_t sg_stride, uint32_t inline_stride);
+
+    uint32_t depth() const { return depth_; }
+    uint32_t count() const { return uint32_t(tail_ - head_); }
+    bool empty() const { return head_ == tail_; }
+    bool full() const { return count() >= depth_; }
+    uint32_t free_slots() const { return depth_ - count(); }
+    uint64_t head() const { return head_; }
+    uint64_t tail() const { return tail_; }
+
+    Entry &at(uint64_t pos) { return slots_[pos & mask_]; }
+    const Entry &at(uint64_t pos) const { return slots_[pos & mask_]; }
+    Entry &front() { return at(head_); }
+    // The entry a post fills next; commit with push().
+    Entry &next_free() { return at(tail_); }
+    void push() { ++tail_; }
+    void pop() { ++head_; }
+    void clear() { head_ = tail_ = 0; }
+    uint32_t sg_stride() const { return sg_stride_; }
+    uint32_t inline_stride() const { return inline_stride_; }
+
+  private:
+    void bind(uint32_t slot);
+    std::vector<Entry> slots_;
+    std::vector<VAPI_sg_lst_entry_t> sg_area_;
+    std::vector<uint8_t> inline_area_;
+    uint32_t depth_ = 0, mask_ = 0, sg_stride_ = 0, inline_stride_ = 0;
+    uint64_t head_ = 0, tail_ = 0;
+};
+
+using SendRing = WorkRing<SendEntry>;
+using RecvRing = WorkRing<RecvEntry>;
+
+}  // namespace marlix::softhca

@@ -1,0 +1,79 @@
+// Completion queues of the software HCA: a fixed-size ring of completion entries per CQ, the
+// arming state for completion events and the CQ's completion handler. The data path pushes
+// completions with CompletionQueue::complete() under the device lock and fires the returned
+// event after releasing it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "device/device.hpp"
+
+namespace marlix::softhca {
+
+// A completion event to deliver once the device lock is released.
+struct CompletionEvent {
+    VAPI_completion_event_handler_t handler = nullptr;
+    VAPI_hca_hndl_t hca = 0;
+    VAPI_cq_hndl_t cq = 0;
+    void *private_data = nullptr;
+    void fire() const {
+        if (handler) handler(hca, cq, private_data);
+    }
+};
+
+class CompletionQueue : public Object {
+  public:
+    // The size a CQ really gets for a request: the adapter's rings hold a power of two entries
+    // and keep one free, so the usable size is the next power of two minus one that is at least
+    // the request (a request of 0 gets the smallest ring, 1 entry).
+    static uint64_t actual_size(uint32_t requested);
+
+    explicit CompletionQueue(uint32_t size) : slots_(size) {}
+
+    uint32_t size() const { return static_cast<uint32_t>(slots_.size()); }
+    uint32_t count() const { return count_; }
+    bool overrun() const { return overrun_; }
+
+    // Appends a completion. A full ring drops it and marks the CQ overrun (a CQ error).
+    bool push(const VAPI_wc_desc_t &wc);
+    // Takes the oldest completion; false when empty.
+    bool pop(VAPI_wc_desc_t *wc);
+    // Copies the i-th oldest completion without taking it (i < count()).
+    const VAPI_wc_desc_t &peek(uint32_t i) const { return slots_[(head_ + i) % slots_.size()]; }
+    // Changes the ring size keeping every queued completion in order; false when they do not fit.
+    bool resize(uint32_t new_size);
+
+    // Arming: the next completion (or next solicited one) raises one event, then the CQ is
+    // disarmed until armed again. Arming for "next" covers a pending "solicited" request.
+    void arm(VAPI_cq_notif_type_t type);
+    VAPI_cq_notif_type_t armed() const { return armed_; }
+
+    // Pushes a completion and says whether it raised an event (the handler may be null when no
+    // handler is set; the event is then consumed with nobody to tell, as on the adapter).
+    std::optional<CompletionEvent> complete(const VAPI_wc_desc_t &wc, bool solicited);
+
+    // Completion handler registered with EVAPI_set_comp_eventh.
+    struct Handler {
+        VAPI_completion_event_handler_t fn = nullptr;
+        void *private_data = nullptr;
+        EVAPI_compl_handler_hndl_t hndl = 0;
+    };
+    std::optional<Handler> handler;
+
+    // Identity, filled by the owner so that events name the CQ.
+    VAPI_hca_hndl_t hca = 0;
+    VAPI_cq_hndl_t hndl = 0;
+    // QPs whose send or receive queue completes here (destroy is refused while non-zero).
+    uint32_t qp_users = 0;
+
+  private:
+    std::vector<VAPI_wc_desc_t> slots_;
+    uint32_t head_ = 0;
+    uint32_t count_ = 0;
+    bool overrun_ = false;
+    VAPI_cq_notif_type_t armed_ = VAPI_NOTIF_NONE;
+};
+
+}  // namespace marlix::softhca

@@ -1,0 +1,358 @@
+// The software HCA's device model: a device, its ports, its protection domains, memory regions
+// and keys, its queue records, and the registry of devices that boot() fills.
+//
+// Where things live
+// -----------------
+//   host_interface.hpp  what the device needs from its host: interrupts, physical memory, clock
+//   device/             the device model: this file (device, ports, registry, Call), limits.hpp
+//                       (every fixed size and bound), memory (keys and translation), cq.hpp (the
+//                       completion ring and its events), qp.hpp (the QP record), the pure QP state
+//                       machine, fault injection and call counting
+//   verbs/              the thin extern "C" VAPI/EVAPI entry points, one file per subject
+//   datapath/           work queues, packets, and the requester, responder and completer
+//   engine/             what runs the data path: a threaded engine and a stepped one
+//   fabric/             the switch, the cables and the subnet manager
+//
+// How a verb is written
+// ---------------------
+//     VAPI_ret_t VAPI_create_cq(VAPI_hca_hndl_t hca, ...) {
+//         Call call(Verb::VAPI_create_cq, hca); // counts the call, applies injected faults,
+//         if (call.failed()) return call.status(); // finds the open device and locks its mutex
+//         Device &dev = call.dev();
+//         ...                                   // dev.mu is held until `call` goes away
+//     }
+// Calls that name a device instead of a handle use Call(verb, std::string device_name, ByName{}).
+// Never call a user callback (completion or async handler) while holding the device mutex: use
+// call.unlock() first, or Device::raise_async_event() / dispatch_event(), which run the callback
+// outside every lock.
+//
+// Registering objects (CQs, QPs, AHs, multicast state)
+// ----------------------------------------------------
+// The device keeps one table per kind: `cqs`, `qps`, `ahs` map a handle to a std::unique_ptr<Object>;
+// a kind's implementation derives its record from Object and casts back with static_cast. Handles
+// come from the kind's HandlePool (`cq_handles`, `qp_handles`, `ah_handles`): small integers handed
+// out lowest-first and reused after release; tests may force the next value with inject_next().
+// `mcast` is a single slot for the multicast groups' state. VAPI_close_hca() destroys what is left,
+// in the order qps, ahs, mcast, cqs, then FMRs, MRs and PDs, simply by destroying the records: a
+// record's destructor must not touch the device.
+//
+// Use counts
+// ----------
+// Pd::users counts everything created in the PD (QPs, AHs, MRs, FMRs); VAPI_dealloc_pd refuses with
+// VAPI_EBUSY while it is non-zero. A QP or AH implementation increments it on create and decrements
+// it on destroy (find the PD with Device::find_pd). Pd::num_avs counts the PD's address handles and
+// must stay <= Pd::max_num_avs (VAPI_EOL when full). A CQ's own record carries the count of QPs
+// using it; VAPI_destroy_cq refuses with VAPI_EBUSY while it is non-zero.
+//
+// Memory
+// ------
+// translate() checks an lkey/rkey, the PD, the bounds and the access rights of a range and returns
+// the host memory it covers. Virtual regions address the process's memory directly; physical
+// regions and FMR maps address physical memory, which the emulated kernel maps at __va(phys).
+//
+// Locking
+// -------
+// Locks are taken in this order and never the other way round:
+//   1. the registry's boot mutex (boot, halt, the implicit first boot);
+//   2. the engine slot's mutex (engine start and stop, step, run_until_idle);
+//   3. the fabric's mutex (subnet manager sweeps, cable and port changes);
+//   4. Device::mu, of one device at a time: verbs (through Call), the engine's requester and
+//      timer phase, and the responder/completer for a packet arriving at the device. The data path
+//      never holds two device mutexes: packets travel between devices with no device lock held;
+//   5. leaf locks, under which nothing else is taken: the LID table, the wire (link faults and
+//      delayed packets), the fault table and call counts, the registry's device list and event
+//      dispatcher, the threaded engine's sleep mutex.
+// Never call a user callback (completion or async handler) with a device mutex held: collect the
+// events in a PendingEvents and deliver them after unlocking.
+//
+#pragma once
+
+#include <evapi.h>
+
+#include "device/verbs.hpp"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <unordered_map>
+#include <string>
+#include <vector>
+
+namespace marlix::softhca {
+
+struct Options;
+
+// Base of every record a device keeps on behalf of a verb implementation.
+struct Object {
+    virtual ~Object() = default;
+};
+
+// Small integer handles, lowest free value first; released values are reused.
+class HandlePool {
+  public:
+    explicit HandlePool(uint64_t first = 1) : first_(first) {}
+    uint64_t allocate();
+    void release(uint64_t handle) { used_.erase(handle); }
+    bool in_use(uint64_t handle) const { return used_.count(handle) != 0; }
+    // The next allocate() returns exactly `value` (if it is free), then the pool continues lowest-first.
+    void inject_next(uint64_t value) { injected_ = value; }
+    size_t size() const { return used_.size(); }
+    void clear() {
+        used_.clear();
+        injected_.reset();
+    }
+
+  private:
+    uint64_t first_;
+    std::set<uint64_t> used_;
+    std::optional<uint64_t> injected_;
+};
+
+struct Port {
+    IB_port_t num = 0;
+    uint64_t guid = 0;
+    // Link and subnet state (the fabric and the subnet manager drive these).
+    bool cabled = false;    // a cable connects the port to the switch
+    bool disabled = false;  // administratively down
+    IB_port_state_t state = PORT_DOWN;
+    IB_port_phys_state_t phys_state = PORT_PHYS_POLLING;
+    IB_lid_t lid = 0;
+    uint8_t lmc = 0;
+    IB_lid_t sm_lid = 0;
+    IB_sl_t sm_sl = 0;
+    IB_port_cap_mask_t capability_mask = 0;
+    uint32_t bad_pkey_counter = 0;
+    uint32_t qkey_viol_counter = 0;
+    std::vector<VAPI_pkey_t> pkeys;  // 64 entries, 0xFFFF at index 0
+    uint64_t gid_prefix = 0xfe80000000000000ull;
+    // Port counters (PerfMgt PortCounters).
+    uint32_t xmit_data = 0, rcv_data = 0, xmit_pkts = 0, rcv_pkts = 0;  // data counters in 4-byte words
+    uint8_t link_downed = 0;
+    uint16_t symbol_errors = 0, rcv_errors = 0, xmit_discards = 0;
+
+    bool active() const { return state == PORT_ACTIVE; }
+    // GID table entry i: the subnet prefix and the port GUID at index 0, others zero.
+    void gid(unsigned index, IB_gid_t out) const;
+    // Counts one packet of `bytes` in the port counters (saturating, as the hardware does).
+    void count_xmit(uint64_t bytes);
+    void count_rcv(uint64_t bytes);
+};
+
+struct Pd : Object {
+    uint32_t max_num_avs = 0;
+    uint32_t num_avs = 0;  // address handles in this PD
+    uint32_t users = 0;    // QPs, AHs, MRs and FMRs in this PD
+};
+
+// One contiguous piece of host memory a range of a region maps to.
+// The host memory a physical address names.
+uint8_t *phys_ptr(uint64_t phys);
+
+struct HostSpan {
+    uint8_t *ptr;
+    size_t len;
+};
+
+// A memory region, or the current map of a fast memory region: what an lkey/rkey names.
+struct Region {
+    VAPI_mrw_type_t type = VAPI_MR;
+    VAPI_pd_hndl_t pd = 0;
+    VAPI_mrw_acl_t acl = 0;
+    VAPI_virt_addr_t start = 0;  // first IOVA (virtual address for VAPI_MR)
+    VAPI_size_t size = 0;
+    VAPI_lkey_t lkey = 0;
+    VAPI_rkey_t rkey = 0;
+    bool physical = false;
+    std::vector<VAPI_phy_buf_t> bufs;  // physical: the buffers the IOVA range runs through
+    VAPI_phy_addr_t offset = 0;        // physical: where in bufs the IOVA start lies
+};
+
+struct Mr : Object {
+    Region region;
+};
+
+struct Fmr : Object {
+    EVAPI_fmr_t props{};
+    bool mapped = false;
+    uint32_t maps_since_unmap = 0;
+    uint32_t key_index = 0;  // the fixed part of its keys
+    uint8_t key_gen = 0;     // changes on every map
+    Region region;           // valid while mapped
+};
+
+class Device {
+  public:
+    Device(int index, int ports);
+    ~Device();
+
+    std::mutex mu;
+
+    // Identity and capabilities (fixed at boot).
+    const int index;
+    const std::string name;      // "InfiniHost<index>"
+    const VAPI_hca_hndl_t hndl;  // the handle VAPI_open_hca returns
+    uint64_t node_guid = 0;
+    VAPI_hca_vendor_t vendor{};
+    VAPI_hca_cap_t cap{};
+    std::vector<Port> ports;  // ports[0] is port 1
+
+    // Open state.
+    bool open = false;
+    int borrowed = 0;  // EVAPI_get_hca_hndl handles not yet released
+
+    // Asynchronous event handler (VAPI_set_async_event_handler).
+    VAPI_async_event_handler_t async_handler = nullptr;
+    void *async_private = nullptr;
+
+    // Protection domains, memory regions, fast memory regions.
+    HandlePool pd_handles{1}, mr_handles{1}, fmr_handles{1};
+    std::map<VAPI_pd_hndl_t, std::unique_ptr<Pd>> pds;
+    std::map<VAPI_mr_hndl_t, std::unique_ptr<Mr>> mrs;
+    std::map<EVAPI_fmr_hndl_t, std::unique_ptr<Fmr>> fmrs;
+
+    // Objects of the queue, address-handle and multicast verbs (see the top of this file).
+    HandlePool cq_handles{1}, qp_handles{1}, ah_handles{1};
+    std::map<VAPI_cq_hndl_t, std::unique_ptr<Object>> cqs;
+    std::map<VAPI_qp_hndl_t, std::unique_ptr<Object>> qps;
+    std::map<VAPI_ud_av_hndl_t, std::unique_ptr<Object>> ahs;
+    std::unique_ptr<Object> mcast;
+
+    // Data path (guarded by mu): the QPs whose requester has something to do, the UD/UC QPs
+    // whose sent requests complete once their packets are delivered, and destroyed QPs kept until
+    // the engine's next round on this device (a packet of the round before may still point into
+    // their rings).
+    std::unordered_map<uint32_t, struct Qp *> qp_by_number;  // packets name QPs by number
+    std::vector<struct Qp *> active_qps;
+    std::vector<struct Qp *> sent_unreliable;
+    std::vector<std::unique_ptr<Object>> retired;
+    uint64_t round = 0;  // engine rounds run on this device
+    // Calls of each verb addressed to this device (fault injection counts them).
+    std::array<std::atomic<uint64_t>, kVerbCount> call_counts{};
+    // Set when the device fails (injected local catastrophic error): no more work is done.
+    bool failed = false;
+
+    Port *port(IB_port_t num) { return num >= 1 && num <= ports.size() ? &ports[num - 1] : nullptr; }
+    Pd *find_pd(VAPI_pd_hndl_t pd);
+
+    // Key management: every region and FMR map gets an lkey/rkey pair from the key table.
+    uint32_t allocate_key_index();
+    void release_key_index(uint32_t index);
+    void set_keys(Region &region, uint32_t index, uint8_t gen);
+    void add_keys(const Region &region);  // makes the region's keys resolvable
+    void remove_keys(const Region &region);
+
+    // Checks a range against a key (remote: rkey, otherwise lkey), its PD (0: any PD) and the access
+    // rights `need` (VAPI_EN_* bits; a local read needs none) and returns the host memory it covers.
+    // Statuses: VAPI_EINVAL_L_KEY / VAPI_EINVAL_R_KEY (unknown key), VAPI_EINVAL_PD_HNDL (other PD),
+    // VAPI_EINVAL_LEN (range outside the region), VAPI_EPERM (missing right).
+    VAPI_ret_t translate(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr, uint64_t len,
+                         VAPI_mrw_acl_t need, std::vector<HostSpan> &out) const;
+    // The same, handing each piece of host memory to `emit(uint8_t *ptr, size_t len)`, which
+    // returns false to stop (the result is then VAPI_EAGAIN). Allocates nothing.
+    template <class Emit>
+    VAPI_ret_t walk(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr, uint64_t len,
+                    VAPI_mrw_acl_t need, Emit &&emit) const;
+    const Region *find_lkey(VAPI_lkey_t lkey) const;
+    const Region *find_rkey(VAPI_rkey_t rkey) const;
+
+    // Releases every resource (close).
+    void release_all();
+
+    // Delivers an asynchronous event to the device's handler, outside the device mutex (which the
+    // caller must not hold), through dispatch_event(). Nothing happens without a handler.
+    void raise_async_event(const VAPI_event_record_t &record);
+
+  private:
+    uint32_t next_key_index_ = 1;
+    std::set<uint32_t> free_key_indexes_;
+    // Indexed by the key's table index (key >> 8); the whole key must match.
+    std::vector<const Region *> lkeys_, rkeys_;
+};
+
+// Looking up a key and walking a range is on the data path: O(1) look-up, no allocation.
+template <class Emit>
+VAPI_ret_t Device::walk(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr, uint64_t len,
+                        VAPI_mrw_acl_t need, Emit &&emit) const {
+    const Region *r = remote ? find_rkey(key) : find_lkey(key);
+    if (!r) return remote ? VAPI_EINVAL_R_KEY : VAPI_EINVAL_L_KEY;
+    if (pd != 0 && r->pd != pd) return VAPI_EINVAL_PD_HNDL;
+    if ((r->acl & need) != need) return VAPI_EPERM;
+    if (addr < r->start || len > r->size || addr - r->start > r->size - len) return VAPI_EINVAL_LEN;
+    if (len == 0) return VAPI_OK;
+    if (!r->physical)
+        return emit(reinterpret_cast<uint8_t *>(uintptr_t(addr)), size_t(len)) ? VAPI_OK : VAPI_EAGAIN;
+    // Walk the buffers: the region's IOVA start lies `offset` bytes into the first buffer.
+    uint64_t skip = (addr - r->start) + r->offset;
+    for (const VAPI_phy_buf_t &b : r->bufs) {
+        if (len == 0) break;
+        if (skip >= b.size) {
+            skip -= b.size;
+            continue;
+        }
+        uint64_t n = std::min<uint64_t>(b.size - skip, len);
+        if (!emit(phys_ptr(b.start + skip), size_t(n))) return VAPI_EAGAIN;
+        len -= n;
+        skip = 0;
+    }
+    return len == 0 ? VAPI_OK : VAPI_EINVAL_LEN;
+}
+
+// The devices of the running system; created by boot(), destroyed by halt(). A verb called before
+// boot() boots the default system first.
+std::vector<Device *> devices();
+// The device with handle `hca` (its index), from a table read without a lock: devices live from
+// boot() to halt() and are not replaced in between.
+Device *device_by_handle(VAPI_hca_hndl_t hca);
+// Calls fn(Device &) for every device, without copying the list.
+size_t device_count();
+Device *device_at(size_t index);
+Device *device_by_name(const std::string &name);
+// The device and port a LID is assigned to (active ports only); null if none.
+Device *device_by_lid(IB_lid_t lid, IB_port_t *port_out);
+void ensure_booted();
+
+// Runs a callback the way the hardware's interrupt would: through the installed dispatcher if
+// there is one, otherwise as a hardirq of the emulated kernel (queued on its interrupt thread when
+// the kernel is booted, run at once in hardirq context when it is not). Never called with a
+// device mutex held.
+void dispatch_event(std::function<void()> fn);
+void set_event_dispatcher(std::function<void(std::function<void()>)> dispatcher);
+
+// Every verb starts with a Call: count the call, check injected faults, find and lock the device.
+struct ByName {};
+class Call {
+  public:
+    Call(Verb verb, VAPI_hca_hndl_t hca);
+    // A call addressed to a device by name; the device need not be open (dev() may be null if the
+    // name is unknown) and is not locked.
+    Call(Verb verb, const std::string &device_name, ByName);
+    bool failed() const { return status_ != VAPI_OK; }
+    VAPI_ret_t status() const { return status_; }
+    Device &dev() { return *dev_; }
+    Device *dev_ptr() { return dev_; }
+    void unlock() {
+        if (lock_.owns_lock()) lock_.unlock();
+    }
+    void relock() {
+        if (!lock_.owns_lock()) lock_.lock();
+    }
+
+  private:
+    VAPI_ret_t status_ = VAPI_OK;
+    Device *dev_ = nullptr;
+    std::unique_lock<std::mutex> lock_;
+};
+
+// Fault injection and call counting. Counts the call (per device, atomically; calls not tied to a
+// device in a small table) and returns the injected status, or VAPI_OK at once when no fault is
+// armed. `dev` may be null; `device_name` names the device the call addresses.
+VAPI_ret_t check_faults(Verb verb, Device *dev, const std::string &device_name);
+
+}  // namespace marlix::softhca

@@ -1,0 +1,161 @@
+// Queue pairs of the software HCA: the QP record the device keeps per VAPI QP handle, with its
+// attributes, its IB state, its work queues and the state of its requester and responder.
+// Posting writes work requests into the rings; the data path consumes them from the front.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "device/cq.hpp"
+#include "device/device.hpp"
+#include "datapath/wq.hpp"
+#include "device/qp_state_machine.hpp"
+
+namespace marlix::softhca {
+
+using Mgid = std::array<uint8_t, 16>;
+
+struct Qp : Object {
+    VAPI_qp_hndl_t hndl = 0;
+    VAPI_qp_num_t qp_num = 0;
+    VAPI_special_qp_t special = VAPI_REGULAR_QP;
+    IB_port_t special_port = 0;  // special QPs: the port they serve
+    qpsm::QpKind kind = qpsm::QpKind::Regular;
+    VAPI_qp_init_attr_t init{};  // as created, with the capabilities actually granted
+    VAPI_qp_attr_t attr{};       // current attributes (attr.qp_state is the IB state)
+    SendRing sq;  // [head, next_send) sent, [next_send, tail) queued
+    RecvRing rq;
+
+    // ---- Requester -----------------------------------------------------------------------
+    uint64_t next_send = 0;    // position in sq of the next request to (re)transmit
+    uint64_t sent_high = 0;    // positions below this were sent at least once
+    uint32_t next_psn = 0;     // PSN of the next packet to send
+    uint32_t rd_atom_outstanding = 0;  // RDMA reads and atomics sent and not yet answered
+    uint8_t retries_left = 0;          // transport retries left for the oldest request
+    uint8_t rnr_retries_left = 0;      // RNR retries left (7 in rnr_retry means for ever)
+    uint64_t retransmit_at = 0;        // when the oldest unanswered request times out (ns; 0: none)
+    uint64_t rnr_wait_until = 0;       // RNR NAK: nothing is sent before this (ns)
+    bool sqd_event_due = false;        // SQD entered with notification asked; raise when drained
+    // ---- Responder -----------------------------------------------------------------------
+    uint32_t expected_psn = 0;        // RC/UC: the PSN the next request must carry
+    uint32_t msn = 0;                 // messages completed as responder
+    bool in_message = false;          // a multi-packet send or write is in progress
+    bool recv_taken = false;          // ... and has taken the receive request at rq.head()
+    uint64_t write_va = 0;            // RDMA write in progress: where the next packet goes
+    uint32_t write_rkey = 0;
+    uint32_t write_first_psn = 0;
+    uint64_t message_bytes = 0;       // bytes of the message in progress so far
+    bool message_failed = false;      // UC: the message in progress is being dropped
+    bool nak_sent = false;            // RC: a sequence NAK went out; quiet until the PSN comes
+    uint32_t reads_in_progress = 0;   // responder resources used in this round (reads, atomics)
+    uint64_t reads_round = 0;
+    bool comm_established = false;    // the first packet in RTR raised the event
+    // The last atomic operations answered, to answer a duplicate with the same original value.
+    struct AtomicReplay {
+        uint32_t psn = 0;
+        uint64_t orig = 0;
+        bool valid = false;
+    };
+    std::array<AtomicReplay, 4> atomic_replay{};
+    uint32_t atomic_replay_next = 0;
+    // ---- Controls for tests -----------------------------------------------------------------
+    struct Forced {
+        bool armed = false;
+        VAPI_wc_status_t status = VAPI_SUCCESS;
+        uint32_t syndrome = 0;
+    };
+    Forced forced_send, forced_recv;
+    bool on_active_list = false;  // queued on the device's list of QPs with requester work
+    bool on_sent_list = false;    // on the device's list of UD/UC QPs with sent requests
+    bool destroyed = false;       // destroyed; the record waits in Device::retired
+    std::set<std::pair<Mgid, IB_lid_t>> mcast_groups;  // groups this QP is attached to
+    std::optional<uint32_t> reported_state;             // what VAPI_query_qp says instead (tests)
+
+    VAPI_ts_type_t transport() const { return init.ts_type; }
+    qpsm::QpState state() const { return static_cast<qpsm::QpState>(attr.qp_state); }
+    const VAPI_qp_cap_t &cap() const { return init.cap; }
+};
+
+// The value a caller stored in an enumeration field, read without assuming it is one of the
+// enumerators: C callers may put anything there, and it is checked before use.
+template <class E>
+uint32_t raw_value(const E &e) {
+    static_assert(sizeof(E) == sizeof(uint32_t));
+    uint32_t v;
+    std::memcpy(&v, &e, sizeof v);
+    return v;
+}
+
+// Looks up a QP / CQ record of the device (null when the handle is unknown).
+Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp);
+CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq);
+// The QP a packet arriving on `port` for QP number `qp_num` is meant for: QP0 and QP1 are the
+// special QPs of that port, other numbers name the same QP on every port. Null when none.
+Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port);
+// The key of Device::qp_by_number for a QP number arriving on a port.
+uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port);
+
+// A few values kept inline, more spilling to the heap: event lists are short (one completion
+// event per armed CQ), so collecting them costs no allocation.
+template <class T, size_t N>
+class SmallList {
+  public:
+    void push_back(const T &v) {
+        if (n_ < N)
+            inline_[n_] = v;
+        else
+            more_.push_back(v);
+        ++n_;
+    }
+    size_t size() const { return n_; }
+    bool empty() const { return n_ == 0; }
+    const T &operator[](size_t i) const { return i < N ? inline_[i] : more_[i - N]; }
+    void clear() {
+        n_ = 0;
+        more_.clear();
+    }
+
+  private:
+    T inline_[N]{};
+    size_t n_ = 0;
+    std::vector<T> more_;
+};
+
+// Completions and asynchronous events to deliver once the device lock is released.
+struct PendingEvents {
+    SmallList<CompletionEvent, 8> completions;
+    SmallList<VAPI_event_record_t, 4> async;
+    bool empty() const { return completions.empty() && async.empty(); }
+    // Raises everything as the adapter's interrupt; the caller holds no device lock.
+    void deliver(Device &dev);
+};
+
+// Pushes a completion into a CQ, collecting the event it raises and a CQ error on overrun.
+void push_completion(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicited, PendingEvents &events);
+
+// Completes every queued work request of the QP with a flush error (entering ERR, or posting in
+// it), receive queue and send queue alike.
+void flush_qp(Device &dev, Qp &qp, PendingEvents &events);
+void flush_send_queue(Device &dev, Qp &qp, PendingEvents &events);
+void flush_recv_queue(Device &dev, Qp &qp, PendingEvents &events);
+
+// Removes a QP from every multicast group it is attached to (QP destroy).
+void detach_qp_from_all_groups(Device &dev, Qp &qp);
+// The QPs attached to a multicast group (empty when the group does not exist), in handle order.
+std::vector<VAPI_qp_hndl_t> mcast_group_members(Device &dev, const IB_gid_t mgid);
+// The members of the groups with LID `mlid` (handles), into `out` (cleared first); no allocation
+// once `out` has grown to the group's size.
+void mcast_members_by_lid(Device &dev, IB_lid_t mlid, std::vector<VAPI_qp_hndl_t> &out);
+
+// The address vector of an address handle and the PD it belongs to; null when unknown.
+const VAPI_ud_av_t *find_ah_av(Device &dev, VAPI_ud_av_hndl_t ah, VAPI_pd_hndl_t *pd = nullptr);
+
+// The CQE opcode a send work request completes with.
+VAPI_cqe_opcode_t send_cqe_opcode(VAPI_wr_opcode_t opcode);
+
+}  // namespace marlix::softhca

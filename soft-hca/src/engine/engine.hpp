@@ -1,0 +1,39 @@
+// What runs the devices' work. Both engines run the same round (round.cpp); they differ only in
+// who calls it and when: the threaded engine on a host thread of its own whenever there is work,
+// the stepped engine only when a test or script steps it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "marlix/softhca.hpp"
+
+namespace marlix::softhca {
+
+class Engine {
+  public:
+    virtual ~Engine() = default;
+    virtual EngineKind kind() const = 0;
+    // New work was posted (or a state change may have unblocked some). Cheap, lock-free when
+    // the engine is already awake; never blocks.
+    virtual void kick() = 0;
+    virtual size_t step() = 0;
+    virtual size_t run_until_idle(size_t max_rounds) = 0;
+};
+
+// One round over every device: timers, requesters, the wire, responders, completers, delayed
+// packets. Returns the amount of work done (0: idle). `timers_pending` (optional) says whether a
+// retransmission, an RNR wait or a delayed packet is still to come. Called by one thread at a time.
+size_t run_round(uint64_t now, bool *timers_pending = nullptr);
+
+std::unique_ptr<Engine> make_threaded_engine();
+std::unique_ptr<Engine> make_stepped_engine();
+
+// The running system's engine (started by boot(), stopped by halt()).
+void engine_start(EngineKind kind);
+void engine_stop();
+// Kicks the running engine, if any.
+void engine_kick();
+
+}  // namespace marlix::softhca

@@ -1,0 +1,93 @@
+// The threaded engine: one host thread runs rounds while there is work and sleeps when there is
+// none, until a post (or a clock change) kicks it. While a data-path timer is armed it also wakes
+// every millisecond to look at the clock.
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "engine/engine.hpp"
+#include "host_interface.hpp"
+
+namespace marlix::softhca {
+
+namespace {
+
+class ThreadedEngine : public Engine {
+  public:
+    ThreadedEngine() : worker_([this] { loop(); }) {}
+    ~ThreadedEngine() override {
+        {
+            std::lock_guard lk(mu_);
+            stop_ = true;
+        }
+        cv_.notify_all();
+        worker_.join();
+    }
+    EngineKind kind() const override { return EngineKind::Threaded; }
+
+    void kick() override {
+        // Posting threads pay one atomic exchange when the engine is awake.
+        if (kicked_.exchange(true)) return;
+        if (sleeping_.load()) {
+            std::lock_guard lk(mu_);
+            cv_.notify_one();
+        }
+    }
+
+    size_t step() override { return 0; }
+
+    size_t run_until_idle(size_t) override {
+        // Wait for a round that found nothing to do and began after everything posted so far.
+        kicked_.store(true);
+        const uint64_t after = started_.load();
+        std::unique_lock lk(mu_);
+        cv_.notify_one();
+        idle_cv_.wait(lk, [&] { return last_idle_start_ > after || stop_; });
+        return 0;
+    }
+
+  private:
+    void loop() {
+        for (;;) {
+            kicked_.store(false);
+            const uint64_t start = started_.fetch_add(1) + 1;
+            bool timers = false;
+            size_t work = run_round(host::now_ns(), &timers);
+            if (work > 0) continue;
+            std::unique_lock lk(mu_);
+            last_idle_start_ = start;
+            idle_cv_.notify_all();
+            if (stop_) return;
+            if (kicked_.load()) continue;
+            sleeping_.store(true);
+            if (!kicked_.load()) {
+                // While a timer is armed, look again soon: the clock moves without telling us
+                // (the real clock by itself, the virtual one when the kernel's time is advanced).
+                if (timers)
+                    cv_.wait_for(lk, std::chrono::milliseconds(1), [&] { return stop_ || kicked_.load(); });
+                else
+                    cv_.wait(lk, [&] { return stop_ || kicked_.load(); });
+            }
+            sleeping_.store(false);
+            if (stop_) return;
+        }
+    }
+
+    std::mutex mu_;
+    std::condition_variable cv_, idle_cv_;
+    std::atomic<bool> kicked_{true};
+    std::atomic<bool> sleeping_{false};
+    bool stop_ = false;
+    std::atomic<uint64_t> started_{0};
+    uint64_t last_idle_start_ = 0;
+    std::thread worker_;
+};
+
+}  // namespace
+
+std::unique_ptr<Engine> make_threaded_engine() {
+    return std::make_unique<ThreadedEngine>();
+}
+
+}  // namespace marlix::softhca

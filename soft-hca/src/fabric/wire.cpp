@@ -1,0 +1,209 @@
+#include "fabric/wire.hpp"
+
+#include <atomic>
+#include <deque>
+#include <map>
+#include <mutex>
+
+#include "device/limits.hpp"
+#include "marlix/softhca.hpp"
+
+namespace marlix::softhca {
+
+namespace {
+
+struct LinkState {
+    LinkFaults faults;
+    uint64_t dropped = 0;
+};
+
+struct Delayed {
+    uint64_t due;
+    Packet pkt;
+};
+
+struct Wire {
+    std::mutex mu;  // a leaf lock: taken with no device lock, or under one for nothing else
+    std::map<std::pair<int, int>, LinkState> links;  // (device index, port)
+    std::atomic<bool> any_fault{false};               // fast path: no lock when no link is faulty
+    std::deque<Delayed> delayed;                       // in order of arrival (equal delays keep order)
+    std::atomic<size_t> delayed_count{0};
+};
+
+Wire &wire() {
+    static Wire w;
+    return w;
+}
+
+enum class Fate { Pass, Drop, Delay };
+
+// What the link of (dev, port) does to the next packet; `delay` is added to its travel time.
+Fate link_fate(int dev_index, int port, uint64_t &delay_ns) {
+    Wire &w = wire();
+    if (!w.any_fault.load(std::memory_order_acquire)) return Fate::Pass;
+    std::lock_guard lk(w.mu);
+    auto it = w.links.find({dev_index, port});
+    if (it == w.links.end()) return Fate::Pass;
+    LinkState &l = it->second;
+    if (l.faults.drop_next > 0) {
+        --l.faults.drop_next;
+        ++l.dropped;
+        return Fate::Drop;
+    }
+    if (l.faults.drop_all) {
+        ++l.dropped;
+        return Fate::Drop;
+    }
+    if (l.faults.delay_ms) {
+        delay_ns += uint64_t(l.faults.delay_ms) * 1000000ull;
+        return Fate::Delay;
+    }
+    return Fate::Pass;
+}
+
+void arrive(const Packet &p, uint64_t now, Outbox &replies, bool delayed_already);
+
+void hold(const Packet &p, uint64_t due) {
+    Wire &w = wire();
+    Delayed d{due, p};
+    d.pkt.own_payload();
+    std::lock_guard lk(w.mu);
+    w.delayed.push_back(std::move(d));
+    w.delayed_count.fetch_add(1);
+}
+
+void send_packet(Device *from, IB_port_t port, const Packet &p, uint64_t now, Outbox &replies) {
+    // A port sends only while it is up: its LID is then in the subnet's table.
+    IB_port_t lid_port = 0;
+    if (!from || device_by_lid(p.slid, &lid_port) != from || lid_port != port) return;
+    uint64_t delay = 0;
+    Fate fate = link_fate(from->index, port, delay);
+    if (fate == Fate::Drop) return;
+    if (fate == Fate::Delay) {
+        hold(p, now + delay);
+        return;
+    }
+    arrive(p, now, replies, false);
+}
+
+void deliver_to(Device &dev, IB_port_t port, const Packet &p, uint64_t now, Outbox &replies, bool multicast,
+                bool delayed_already) {
+    // The receiving port's link: a packet is delayed once on its way, at most.
+    uint64_t delay = 0;
+    Fate fate = link_fate(dev.index, port, delay);
+    if (fate == Fate::Drop) return;
+    if (fate == Fate::Delay && !delayed_already) {
+        hold(p, now + delay);
+        return;
+    }
+    PendingEvents events;
+    {
+        std::lock_guard lk(dev.mu);
+        if (!dev.open || dev.failed) return;
+        if (multicast)
+            respond_multicast(dev, port, p, replies, events);
+        else if (op::is_response(p.opcode))
+            complete(dev, port, p, now, events);
+        else
+            respond(dev, port, p, replies, events);
+    }
+    events.deliver(dev);
+}
+
+void arrive(const Packet &p, uint64_t now, Outbox &replies, bool delayed_already) {
+    if (p.dlid >= limits::kFirstMulticastLid && p.dlid != 0xffff) {
+        // The switch forwards a multicast packet to every active port; each device hands it to
+        // the QPs attached to the group.
+        for (Device *d : devices()) {
+            for (IB_port_t port = 1; port <= d->ports.size(); ++port) {
+                IB_port_t lp = 0;
+                bool up = false;
+                {
+                    std::lock_guard lk(d->mu);
+                    const Port *pt = d->port(port);
+                    up = pt && pt->active();
+                    lp = port;
+                }
+                if (up) deliver_to(*d, lp, p, now, replies, true, delayed_already);
+            }
+        }
+        return;
+    }
+    IB_port_t port = 0;
+    Device *dest = device_by_lid(p.dlid, &port);
+    if (!dest) return;  // nobody has that LID: the switch drops it
+    deliver_to(*dest, port, p, now, replies, false, delayed_already);
+}
+
+}  // namespace
+
+void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies) {
+    if (e.train == Outbox::Train::None) {
+        send_packet(e.from, e.port, e.pkt, now, replies);
+        return;
+    }
+    for (uint32_t i = 0; i < e.segments; ++i) send_packet(e.from, e.port, train_segment(e, i), now, replies);
+}
+
+size_t deliver_delayed(uint64_t now, Outbox &replies) {
+    Wire &w = wire();
+    if (w.delayed_count.load() == 0) return 0;
+    size_t n = 0;
+    for (;;) {
+        Packet p;
+        {
+            std::lock_guard lk(w.mu);
+            auto it = w.delayed.begin();
+            while (it != w.delayed.end() && it->due > now) ++it;
+            if (it == w.delayed.end()) break;
+            p = std::move(it->pkt);
+            w.delayed.erase(it);
+            w.delayed_count.fetch_sub(1);
+        }
+        arrive(p, now, replies, true);
+        ++n;
+    }
+    return n;
+}
+
+uint64_t next_delayed() {
+    Wire &w = wire();
+    if (w.delayed_count.load() == 0) return 0;
+    std::lock_guard lk(w.mu);
+    uint64_t t = 0;
+    for (const Delayed &d : w.delayed)
+        if (t == 0 || d.due < t) t = d.due;
+    return t;
+}
+
+void wire_reset() {
+    Wire &w = wire();
+    std::lock_guard lk(w.mu);
+    w.links.clear();
+    w.delayed.clear();
+    w.delayed_count = 0;
+    w.any_fault = false;
+}
+
+bool set_link_faults(const std::string &device, int port, const LinkFaults &faults) {
+    Device *d = device_by_name(device);
+    if (!d || port < 1 || port > int(d->ports.size())) return false;
+    Wire &w = wire();
+    std::lock_guard lk(w.mu);
+    w.links[{d->index, port}].faults = faults;
+    bool any = false;
+    for (auto &[k, l] : w.links) any = any || l.faults.drop_next || l.faults.drop_all || l.faults.delay_ms;
+    w.any_fault = any;
+    return true;
+}
+
+uint64_t link_dropped_packets(const std::string &device, int port) {
+    Device *d = device_by_name(device);
+    if (!d) return 0;
+    Wire &w = wire();
+    std::lock_guard lk(w.mu);
+    auto it = w.links.find({d->index, port});
+    return it == w.links.end() ? 0 : it->second.dropped;
+}
+
+}  // namespace marlix::softhca

@@ -1,0 +1,20 @@
+// The wire: carries packets from a port to the port (or, for a multicast LID, the ports) its
+// destination LID names, through the switch, applying the links' loss and delay. Delivery runs
+// the receiving device's responder or completer under that device's lock; nothing else is held.
+#pragma once
+
+#include "datapath/datapath.hpp"
+
+namespace marlix::softhca {
+
+// Sends one Outbox entry (cut into packets when it is a train). Replies the responders produce
+// go to `replies`.
+void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies);
+// Delivers the delayed packets that are due. Returns how many.
+size_t deliver_delayed(uint64_t now, Outbox &replies);
+// When the next delayed packet is due (0: none waiting).
+uint64_t next_delayed();
+// Forgets every link fault and delayed packet (boot, halt).
+void wire_reset();
+
+}  // namespace marlix::softhca

@@ -1,0 +1,145 @@
+// Completion queue verbs: create, query, resize, destroy, completion handlers, arming, peeking
+// and polling.
+#include <atomic>
+
+#include "device/cq.hpp"
+#include "device/qp.hpp"
+
+namespace marlix::softhca {
+
+namespace {
+
+// Completion handler handles are unique across devices and never reused, so a stale handle
+// cannot clear the handler of a CQ that was created later.
+std::atomic<EVAPI_compl_handler_hndl_t> g_next_handler_hndl{1};
+
+}  // namespace
+
+}  // namespace marlix::softhca
+
+using namespace marlix::softhca;
+
+extern "C" {
+
+VAPI_ret_t VAPI_create_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cqe_num_t cqe_num, VAPI_cq_hndl_t *cq_hndl_p,
+                          VAPI_cqe_num_t *num_of_entries_p) {
+    Call call(Verb::VAPI_create_cq, hca_hndl);
+    if (call.failed()) return call.status();
+    Device &dev = call.dev();
+    if (!cq_hndl_p || !num_of_entries_p) return VAPI_EINVAL_PARAM;
+    if (cqe_num > dev.cap.max_num_ent_cq) return VAPI_E2BIG_CQ_NUM;
+    if (dev.cqs.size() >= dev.cap.max_num_cq) return VAPI_EOL;
+    uint64_t size = CompletionQueue::actual_size(cqe_num);
+    if (size > dev.cap.max_num_ent_cq) size = dev.cap.max_num_ent_cq;
+    auto cq = std::make_unique<CompletionQueue>(static_cast<uint32_t>(size));
+    cq->hca = dev.hndl;
+    cq->hndl = dev.cq_handles.allocate();
+    *cq_hndl_p = cq->hndl;
+    *num_of_entries_p = cq->size();
+    dev.cqs[cq->hndl] = std::move(cq);
+    return VAPI_OK;
+}
+
+VAPI_ret_t VAPI_query_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t *num_of_entries_p) {
+    Call call(Verb::VAPI_query_cq, hca_hndl);
+    if (call.failed()) return call.status();
+    CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
+    if (!cq) return VAPI_EINVAL_CQ_HNDL;
+    if (!num_of_entries_p) return VAPI_EINVAL_PARAM;
+    *num_of_entries_p = cq->size();
+    return VAPI_OK;
+}
+
+VAPI_ret_t VAPI_resize_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num,
+                          VAPI_cqe_num_t *num_of_entries_p) {
+    Call call(Verb::VAPI_resize_cq, hca_hndl);
+    if (call.failed()) return call.status();
+    Device &dev = call.dev();
+    CompletionQueue *cq = find_cq(dev, cq_hndl);
+    if (!cq) return VAPI_EINVAL_CQ_HNDL;
+    if (!num_of_entries_p) return VAPI_EINVAL_PARAM;
+    if (cqe_num > dev.cap.max_num_ent_cq) return VAPI_E2BIG_CQ_NUM;
+    uint64_t size = CompletionQueue::actual_size(cqe_num);
+    if (size > dev.cap.max_num_ent_cq) size = dev.cap.max_num_ent_cq;
+    // Shrinking below the completions still queued would lose them: refused.
+    if (!cq->resize(static_cast<uint32_t>(size))) return VAPI_E2BIG_CQ_NUM;
+    *num_of_entries_p = cq->size();
+    return VAPI_OK;
+}
+
+VAPI_ret_t VAPI_destroy_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl) {
+    Call call(Verb::VAPI_destroy_cq, hca_hndl);
+    if (call.failed()) return call.status();
+    Device &dev = call.dev();
+    CompletionQueue *cq = find_cq(dev, cq_hndl);
+    if (!cq) return VAPI_EINVAL_CQ_HNDL;
+    if (cq->qp_users != 0) return VAPI_EBUSY;
+    dev.cqs.erase(cq_hndl);
+    dev.cq_handles.release(cq_hndl);
+    return VAPI_OK;
+}
+
+VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_wc_desc_t *comp_desc_p) {
+    Call call(Verb::VAPI_poll_cq, hca_hndl);
+    if (call.failed()) return call.status();
+    CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
+    if (!cq) return VAPI_EINVAL_CQ_HNDL;
+    if (!comp_desc_p) return VAPI_EINVAL_PARAM;
+    return cq->pop(comp_desc_p) ? VAPI_OK : VAPI_CQ_EMPTY;
+}
+
+VAPI_ret_t VAPI_req_comp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
+                               VAPI_cq_notif_type_t notif_type) {
+    Call call(Verb::VAPI_req_comp_notif, hca_hndl);
+    if (call.failed()) return call.status();
+    CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
+    if (!cq) return VAPI_EINVAL_CQ_HNDL;
+    const uint32_t type = raw_value(notif_type);
+    if (type != VAPI_SOLIC_COMP && type != VAPI_NEXT_COMP) return VAPI_EINVAL_NOTIF_TYPE;
+    cq->arm(notif_type);
+    return VAPI_OK;
+}
+
+VAPI_ret_t EVAPI_peek_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num) {
+    Call call(Verb::EVAPI_peek_cq, hca_hndl);
+    if (call.failed()) return call.status();
+    CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
+    if (!cq) return VAPI_EINVAL_CQ_HNDL;
+    // "Not yet" is the empty-CQ status rather than a failure: peeking never changes the CQ.
+    return cq->count() >= cqe_num ? VAPI_OK : VAPI_CQ_EMPTY;
+}
+
+VAPI_ret_t EVAPI_set_comp_eventh(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
+                                 VAPI_completion_event_handler_t completion_handler, void *private_data,
+                                 EVAPI_compl_handler_hndl_t *completion_handler_hndl_p) {
+    Call call(Verb::EVAPI_set_comp_eventh, hca_hndl);
+    if (call.failed()) return call.status();
+    CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
+    if (!cq) return VAPI_EINVAL_CQ_HNDL;
+    if (!completion_handler || !completion_handler_hndl_p) return VAPI_EINVAL_PARAM;
+    // One handler per CQ: a second one must clear the first.
+    if (cq->handler) return VAPI_EBUSY;
+    CompletionQueue::Handler h;
+    h.fn = completion_handler;
+    h.private_data = private_data;
+    h.hndl = g_next_handler_hndl.fetch_add(1);
+    cq->handler = h;
+    *completion_handler_hndl_p = h.hndl;
+    return VAPI_OK;
+}
+
+VAPI_ret_t EVAPI_clear_comp_eventh(VAPI_hca_hndl_t hca_hndl,
+                                   EVAPI_compl_handler_hndl_t completion_handler_hndl) {
+    Call call(Verb::EVAPI_clear_comp_eventh, hca_hndl);
+    if (call.failed()) return call.status();
+    for (auto &[hndl, obj] : call.dev().cqs) {
+        auto *cq = static_cast<CompletionQueue *>(obj.get());
+        if (cq->handler && cq->handler->hndl == completion_handler_hndl) {
+            cq->handler.reset();
+            return VAPI_OK;
+        }
+    }
+    return VAPI_EINVAL_COMPL_HNDL;
+}
+
+}  // extern "C"

@@ -1,0 +1,231 @@
+// Posting work requests: validation against the QP's state, transport and capabilities, and
+// queueing on the QP for the data path. A list post is all or nothing: every request is checked
+// before the first one is queued.
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include "datapath/datapath.hpp"
+#include "device/qp.hpp"
+#include "engine/engine.hpp"
+
+namespace marlix::softhca {
+
+namespace {
+
+using qpsm::QpKind;
+using qpsm::QpState;
+
+bool opcode_allowed(const Qp &qp, uint32_t op) {
+    if (qp.kind != QpKind::Regular || qp.transport() == VAPI_TS_UD)
+        return op == VAPI_SEND || op == VAPI_SEND_WITH_IMM;
+    switch (op) {
+        case VAPI_SEND:
+        case VAPI_SEND_WITH_IMM:
+        case VAPI_RDMA_WRITE:
+        case VAPI_RDMA_WRITE_WITH_IMM:
+            return true;
+        case VAPI_RDMA_READ:
+        case VAPI_ATOMIC_CMP_AND_SWP:
+        case VAPI_ATOMIC_FETCH_AND_ADD:
+            return qp.transport() == VAPI_TS_RC;
+        default:
+            return false;
+    }
+}
+
+bool valid_comp_type(uint32_t t) {
+    return t == VAPI_SIGNALED || t == VAPI_UNSIGNALED;
+}
+
+// The send queue takes work in RTS and SQD (where it waits); in SQE and ERR it takes it only to
+// complete it at once with a flush error. Before RTS there is nothing to send with.
+bool send_queue_open(QpState s) {
+    return s == QpState::Rts || s == QpState::Sqd || s == QpState::Sqe || s == QpState::Err;
+}
+
+VAPI_ret_t check_send(Device &dev, const Qp &qp, const VAPI_sr_desc_t *d, bool is_inline, size_t pending) {
+    if (!d) return VAPI_EINVAL_PARAM;
+    // Raw QPs carry no traffic on this adapter.
+    if (qp.kind == QpKind::Raw) return VAPI_ENOSYS;
+    if (!send_queue_open(qp.state())) return VAPI_EINVAL_QP_STATE;
+    const uint32_t opcode = raw_value(d->opcode);
+    if (!opcode_allowed(qp, opcode)) return VAPI_EINVAL_OP;
+    if (!valid_comp_type(raw_value(d->comp_type))) return VAPI_EINVAL_PARAM;
+    if (d->sg_lst_len > 0 && !d->sg_lst_p) return VAPI_EINVAL_PARAM;
+    if (is_inline) {
+        // Inline data cannot carry what a read or an atomic returns.
+        if (opcode != VAPI_SEND && opcode != VAPI_SEND_WITH_IMM && opcode != VAPI_RDMA_WRITE &&
+            opcode != VAPI_RDMA_WRITE_WITH_IMM)
+            return VAPI_EINVAL_OP;
+        if (d->sg_lst_len > dev.cap.max_num_sg_ent) return VAPI_E2BIG_SG_NUM;
+        uint64_t total = 0;
+        for (uint32_t i = 0; i < d->sg_lst_len; ++i) {
+            if (d->sg_lst_p[i].len > 0 && d->sg_lst_p[i].addr == 0) return VAPI_EINVAL_VA;
+            total += d->sg_lst_p[i].len;
+        }
+        if (total > qp.cap().max_inline_data_sq) return VAPI_E2BIG_INLINE;
+    } else if (d->sg_lst_len > qp.cap().max_sg_size_sq) {
+        return VAPI_E2BIG_SG_NUM;
+    }
+    if (qp.kind != QpKind::Regular || qp.transport() == VAPI_TS_UD) {
+        if (!find_ah_av(dev, d->remote_ah)) return VAPI_EINVAL_AV_HNDL;
+    }
+    if (qp.sq.count() + pending >= qp.cap().max_oust_wr_sq) return VAPI_E2BIG_WR_NUM;
+    return VAPI_OK;
+}
+
+// Writes a send request into the next free entry of the ring.
+void write_send(Qp &qp, const VAPI_sr_desc_t &d, bool is_inline, const std::optional<VAPI_pkey_ix_t> &pkey_ix) {
+    SendEntry &w = qp.sq.next_free();
+    w.desc = d;
+    w.desc.sg_lst_p = nullptr;
+    w.is_inline = is_inline;
+    w.has_pkey_ix = pkey_ix.has_value();
+    w.pkey_ix = pkey_ix.value_or(0);
+    w.phase = SendPhase::Queued;
+    w.status = VAPI_SUCCESS;
+    w.syndrome = 0;
+    w.length = 0;
+    w.inline_len = 0;
+    if (is_inline) {
+        // The data is taken now: the caller may reuse its buffers as soon as the post returns.
+        w.sg_count = 0;
+        for (uint32_t i = 0; i < d.sg_lst_len; ++i) {
+            const VAPI_sg_lst_entry_t &e = d.sg_lst_p[i];
+            std::memcpy(w.inline_data + w.inline_len, reinterpret_cast<const void *>(uintptr_t(e.addr)), e.len);
+            w.inline_len += e.len;
+        }
+    } else {
+        w.sg_count = d.sg_lst_len;
+        std::copy_n(d.sg_lst_p, d.sg_lst_len, w.sg);
+    }
+    qp.sq.push();
+}
+
+VAPI_ret_t check_recv(const Qp &qp, const VAPI_rr_desc_t *d, size_t pending) {
+    if (!d) return VAPI_EINVAL_PARAM;
+    // The receive queue takes work from INIT on (in ERR only to flush it at once).
+    if (qp.state() == QpState::Reset) return VAPI_EINVAL_QP_STATE;
+    if (!valid_comp_type(raw_value(d->comp_type))) return VAPI_EINVAL_PARAM;
+    if (d->sg_lst_len > 0 && !d->sg_lst_p) return VAPI_EINVAL_PARAM;
+    if (d->sg_lst_len > qp.cap().max_sg_size_rq) return VAPI_E2BIG_SG_NUM;
+    if (qp.rq.count() + pending >= qp.cap().max_oust_wr_rq) return VAPI_E2BIG_WR_NUM;
+    return VAPI_OK;
+}
+
+void write_recv(Qp &qp, const VAPI_rr_desc_t &d) {
+    RecvEntry &w = qp.rq.next_free();
+    w.desc = d;
+    w.desc.sg_lst_p = nullptr;
+    w.sg_count = d.sg_lst_len;
+    std::copy_n(d.sg_lst_p, d.sg_lst_len, w.sg);
+    qp.rq.push();
+}
+
+struct SendPost {
+    bool is_inline = false;
+    bool gsi_only = false;
+    std::optional<VAPI_pkey_ix_t> pkey_ix;
+};
+
+VAPI_ret_t post_sends(Call &call, VAPI_qp_hndl_t qp_hndl, const VAPI_sr_desc_t *descs, uint32_t n,
+                      const SendPost &how) {
+    Device &dev = call.dev();
+    Qp *qp = find_qp(dev, qp_hndl);
+    if (!qp) return VAPI_EINVAL_QP_HNDL;
+    if (how.gsi_only && qp->special != VAPI_GSI_QP) return VAPI_EINVAL_QP_HNDL;
+    if (how.pkey_ix && *how.pkey_ix >= dev.cap.max_pkeys) return VAPI_EINVAL_PKEY_IX;
+    if (n > 0 && !descs) return VAPI_EINVAL_PARAM;
+    for (uint32_t i = 0; i < n; ++i)
+        if (VAPI_ret_t rc = check_send(dev, *qp, &descs[i], how.is_inline, i); rc != VAPI_OK) return rc;
+    for (uint32_t i = 0; i < n; ++i) write_send(*qp, descs[i], how.is_inline, how.pkey_ix);
+    if (qp->state() == QpState::Sqe || qp->state() == QpState::Err) {
+        PendingEvents events;
+        flush_send_queue(dev, *qp, events);
+        call.unlock();
+        events.deliver(dev);
+        return VAPI_OK;
+    }
+    // The doorbell: the requester takes it from here, on the engine.
+    activate(dev, *qp);
+    call.unlock();
+    engine_kick();
+    return VAPI_OK;
+}
+
+VAPI_ret_t post_recvs(Call &call, VAPI_qp_hndl_t qp_hndl, const VAPI_rr_desc_t *descs, uint32_t n) {
+    Device &dev = call.dev();
+    Qp *qp = find_qp(dev, qp_hndl);
+    if (!qp) return VAPI_EINVAL_QP_HNDL;
+    if (n > 0 && !descs) return VAPI_EINVAL_PARAM;
+    for (uint32_t i = 0; i < n; ++i)
+        if (VAPI_ret_t rc = check_recv(*qp, &descs[i], i); rc != VAPI_OK) return rc;
+    for (uint32_t i = 0; i < n; ++i) write_recv(*qp, descs[i]);
+    if (qp->state() == QpState::Err) {
+        PendingEvents events;
+        flush_recv_queue(dev, *qp, events);
+        call.unlock();
+        events.deliver(dev);
+    }
+    return VAPI_OK;
+}
+
+}  // namespace
+
+}  // namespace marlix::softhca
+
+using namespace marlix::softhca;
+
+extern "C" {
+
+VAPI_ret_t VAPI_post_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, const VAPI_sr_desc_t *sr_desc_p) {
+    Call call(Verb::VAPI_post_sr, hca_hndl);
+    if (call.failed()) return call.status();
+    if (!sr_desc_p) return VAPI_EINVAL_PARAM;
+    return post_sends(call, qp_hndl, sr_desc_p, 1, SendPost{});
+}
+
+VAPI_ret_t EVAPI_post_inline_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl,
+                                const VAPI_sr_desc_t *sr_desc_p) {
+    Call call(Verb::EVAPI_post_inline_sr, hca_hndl);
+    if (call.failed()) return call.status();
+    if (!sr_desc_p) return VAPI_EINVAL_PARAM;
+    SendPost how;
+    how.is_inline = true;
+    return post_sends(call, qp_hndl, sr_desc_p, 1, how);
+}
+
+VAPI_ret_t EVAPI_post_sr_list(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, u_int32_t num_of_requests,
+                              const VAPI_sr_desc_t *sr_desc_array) {
+    Call call(Verb::EVAPI_post_sr_list, hca_hndl);
+    if (call.failed()) return call.status();
+    return post_sends(call, qp_hndl, sr_desc_array, num_of_requests, SendPost{});
+}
+
+VAPI_ret_t EVAPI_post_gsi_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl,
+                             const VAPI_sr_desc_t *sr_desc_p, VAPI_pkey_ix_t pkey_index) {
+    Call call(Verb::EVAPI_post_gsi_sr, hca_hndl);
+    if (call.failed()) return call.status();
+    if (!sr_desc_p) return VAPI_EINVAL_PARAM;
+    SendPost how;
+    how.gsi_only = true;
+    how.pkey_ix = pkey_index;
+    return post_sends(call, qp_hndl, sr_desc_p, 1, how);
+}
+
+VAPI_ret_t VAPI_post_rr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, const VAPI_rr_desc_t *rr_desc_p) {
+    Call call(Verb::VAPI_post_rr, hca_hndl);
+    if (call.failed()) return call.status();
+    if (!rr_desc_p) return VAPI_EINVAL_PARAM;
+    return post_recvs(call, qp_hndl, rr_desc_p, 1);
+}
+
+VAPI_ret_t EVAPI_post_rr_list(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, u_int32_t num_of_requests,
+                              const VAPI_rr_desc_t *rr_desc_array) {
+    Call call(Verb::EVAPI_post_rr_list, hca_hndl);
+    if (call.failed()) return call.status();
+    return post_recvs(call, qp_hndl, rr_desc_array, num_of_requests);
+}
+
+}  // extern "C"
