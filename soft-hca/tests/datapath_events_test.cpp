@@ -91,6 +91,24 @@ TEST_F(DataPathEvents, SolicitedArmingWaitsForASolicitedMessage) {
     EXPECT_EQ(seen.calls.load(), 1);
 }
 
+TEST_F(DataPathEvents, CountArmingWaitsForThatManyCompletions) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Seen seen;
+    EVAPI_compl_handler_hndl_t h = 0;
+    ASSERT_EQ(EVAPI_set_comp_eventh(s0.hca, s0.cq, on_completion, &seen, &h), VAPI_OK);
+    EXPECT_EQ(EVAPI_req_ncomp_notif(s0.hca, s0.cq, 0), VAPI_E2BIG_CQ_NUM);
+    ASSERT_EQ(EVAPI_req_ncomp_notif(s0.hca, s0.cq, 3), VAPI_OK);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    for (int i = 0; i < 2; ++i)
+        ASSERT_EQ(post_send(a, i, VAPI_RDMA_WRITE, {src.sg(0, 8)}, dst.addr(), dst.rkey), VAPI_OK);
+    settle();
+    EXPECT_EQ(seen.calls.load(), 0);
+    ASSERT_EQ(post_send(a, 2, VAPI_RDMA_WRITE, {src.sg(0, 8)}, dst.addr(), dst.rkey), VAPI_OK);
+    settle();
+    EXPECT_EQ(seen.calls.load(), 1);
+    EXPECT_EQ(poll(s0).size(), 3u);
+}
+
 TEST_F(DataPathEvents, FirstPacketInRtrEstablishesTheConnection) {
     Qp a = create(s0, VAPI_TS_RC), b = create(s1, VAPI_TS_RC);
     connect_one(a, b, VAPI_TS_RC, Conn{});

@@ -23,6 +23,7 @@ namespace marlix::softhca {
     X(EVAPI_post_rr_list) \
     X(EVAPI_post_sr_list) \
     X(EVAPI_process_local_mad) \
+    X(EVAPI_req_ncomp_notif) \
     X(EVAPI_release_hca_hndl) \
     X(EVAPI_set_comp_eventh) \
     X(EVAPI_unmap_fmr) \

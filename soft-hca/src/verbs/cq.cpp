@@ -109,6 +109,16 @@ VAPI_ret_t EVAPI_peek_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_
     return cq->count() >= cqe_num ? VAPI_OK : VAPI_CQ_EMPTY;
 }
 
+VAPI_ret_t EVAPI_req_ncomp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num) {
+    Call call(Verb::EVAPI_req_ncomp_notif, hca_hndl);
+    if (call.failed()) return call.status();
+    CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
+    if (!cq) return VAPI_EINVAL_CQ_HNDL;
+    if (cqe_num == 0 || cqe_num > cq->size()) return VAPI_E2BIG_CQ_NUM;
+    cq->arm_count(cqe_num);
+    return VAPI_OK;
+}
+
 VAPI_ret_t EVAPI_set_comp_eventh(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
                                  VAPI_completion_event_handler_t completion_handler, void *private_data,
                                  EVAPI_compl_handler_hndl_t *completion_handler_hndl_p) {
