@@ -99,4 +99,3 @@ inline std::vector<std::string_view> split(std::string_view data, char separator
 }
 
 }  // namespace fuzz_host
-

@@ -86,21 +86,21 @@ void write_seeds(const char *dir) {
                                                                 {"modify.params.init.phy_port_num", 1},
                                                                 {"modify.params.init.q_key", 0x11111111},
                                                                 {"modify.params.init.access_control", 7}};
-    const std::vector<std::pair<std::string, uint64_t>> rtr = {{"modify.params.rtr.remote_add_vec.dlid", 2},
-                                                               {"modify.params.rtr.remote_add_vec.pmtu", 4},
-                                                               {"modify.params.rtr.destanation_qp", 0x50},
-                                                               {"modify.params.rtr.receive_psn", 0},
-                                                               {"modify.params.rtr.responder_rdma_r_atom_num", 4},
-                                                               {"modify.params.rtr.opt_min_rnr_nak_timer", 1}};
-    const std::vector<std::pair<std::string, uint64_t>> rts = {{"modify.params.rts.local_ack_timeout", 14},
-                                                               {"modify.params.rts.retry_num", 7},
-                                                               {"modify.params.rts.rnr_num", 7},
-                                                               {"modify.params.rts.send_psn", 0},
-                                                               {"modify.params.rts.dest_out_rdma_r_atom_num", 4}};
+    const std::vector<std::pair<std::string, uint64_t>> rtr = {
+        {"modify.params.rtr.remote_add_vec.dlid", 2},       {"modify.params.rtr.remote_add_vec.pmtu", 4},
+        {"modify.params.rtr.destanation_qp", 0x50},         {"modify.params.rtr.receive_psn", 0},
+        {"modify.params.rtr.responder_rdma_r_atom_num", 4}, {"modify.params.rtr.opt_min_rnr_nak_timer", 1}};
+    const std::vector<std::pair<std::string, uint64_t>> rts = {
+        {"modify.params.rts.local_ack_timeout", 14},
+        {"modify.params.rts.retry_num", 7},
+        {"modify.params.rts.rnr_num", 7},
+        {"modify.params.rts.send_psn", 0},
+        {"modify.params.rts.dest_out_rdma_r_atom_num", 4}};
     const char *names[] = {"rc", "uc", "ud"};
     for (int t = 0; t < 3; t++) {
-        std::vector<std::vector<uint8_t>> steps = {request("init", init), request("rtr", rtr), request("rts", rts),
-                                                   request("sqd", {}), request("err", {}), request("reset", {})};
+        std::vector<std::vector<uint8_t>> steps = {request("init", init), request("rtr", rtr),
+                                                   request("rts", rts),   request("sqd", {}),
+                                                   request("err", {}),    request("reset", {})};
         std::vector<uint8_t> all = {static_cast<uint8_t>(t)};
         for (size_t n = 0; n < steps.size(); n++) {
             all.insert(all.end(), steps[n].begin(), steps[n].end());

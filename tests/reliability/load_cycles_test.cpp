@@ -17,6 +17,7 @@
 #include "marlix/softhca.hpp"
 #include "marlix/stack.hpp"
 #include "ulp_verbs.h"
+#include "ulp_verbs_queues.h"
 #include "unload_check.hpp"
 
 namespace reliability {
@@ -63,13 +64,32 @@ TEST_F(LoadCycles, EveryCycleUnloadsClean) {
         const ulp_funcs_t *funcs = ulp_find_provider("mlx");
         ASSERT_NE(nullptr, funcs) << "cycle " << i;
         // Cycles alternate between no HCA, one HCA and both, so that opens and closes happen
-        // between loads in every combination.
+        // between loads in every combination; with both open, the first also gets a PD, a CQ and
+        // a QP that only its close releases.
         int opened = i % 3;
         void *h[2] = {nullptr, nullptr};
         for (int d = 0; d < opened; d++) {
-            ASSERT_EQ(0, ulp_hca_open(funcs, kDevices[d], nullptr, &h[d])) << "cycle " << i << " " << kDevices[d];
+            ASSERT_EQ(0, ulp_hca_open(funcs, kDevices[d], nullptr, &h[d]))
+                << "cycle " << i << " " << kDevices[d];
             ASSERT_NE(nullptr, h[d]);
             EXPECT_TRUE(hca::is_open(kDevices[d]));
+        }
+        if (opened == 2) {
+            // Leave a PD, a CQ and a QP on the first HCA for its close to tear down.
+            uint32_t pd = 0, actual = 0;
+            void *cq = nullptr, *qp = nullptr;
+            ASSERT_EQ(0, ulp_pd_allocate(funcs, h[0], &pd)) << "cycle " << i;
+            ASSERT_EQ(0, ulp_cq_create(funcs, h[0], 16, nullptr, nullptr, &cq, &actual)) << "cycle " << i;
+            std::vector<unsigned char> req(ulp_sizeof_qp_attr(), 0), out(ulp_sizeof_qp_attr(), 0);
+            ulp_qp_attr_set(req.data(), "create.qp_type", static_cast<uint64_t>(ulp_qp_type_value("rc")));
+            ulp_qp_attr_set(req.data(), "create.cq_send_h", reinterpret_cast<uint64_t>(cq));
+            ulp_qp_attr_set(req.data(), "create.cq_receive_h", reinterpret_cast<uint64_t>(cq));
+            ulp_qp_attr_set(req.data(), "create.send_max_outstand_wr", 4);
+            ulp_qp_attr_set(req.data(), "create.receive_max_outstand_wr", 4);
+            ulp_qp_attr_set(req.data(), "create.max_scatgat_per_send_wr", 1);
+            ulp_qp_attr_set(req.data(), "create.max_scatgat_per_receive_wr", 1);
+            ulp_qp_attr_set(req.data(), "create.pd_h", pd);
+            ASSERT_EQ(0, ulp_qp_create(funcs, h[0], req.data(), nullptr, &qp, out.data())) << "cycle " << i;
         }
         if (opened > 0) {
             // An open HCA holds the module: it cannot go before its HCAs are closed.
@@ -102,8 +122,8 @@ int marker_line(const std::string &marker) {
 
 std::string object_line(const void *ptr, size_t size) {
     char buf[96];
-    std::snprintf(buf, sizeof buf, "unreferenced object 0x%016lx (size %zu):", reinterpret_cast<unsigned long>(ptr),
-                  size);
+    std::snprintf(buf, sizeof buf,
+                  "unreferenced object 0x%016lx (size %zu):", reinterpret_cast<unsigned long>(ptr), size);
     return buf;
 }
 
@@ -125,9 +145,12 @@ TEST_F(LeakReport, NamesEveryLeakedObjectAndWhereItWasAllocated) {
                                    std::to_string(marker_line("marker: leak on request")) + ")";
     std::vector<std::string> expected = {
         "kmemleak: 3 new suspected memory leaks",
-        object_line(mine[0].ptr, 48), forgotten,
-        object_line(mine[1].ptr, 48), forgotten,
-        object_line(mine[2].ptr, 96), on_request,
+        object_line(mine[0].ptr, 48),
+        forgotten,
+        object_line(mine[1].ptr, 48),
+        forgotten,
+        object_line(mine[2].ptr, 96),
+        on_request,
     };
     // The unload's report, then the three objects, which stay live (nobody can free them now).
     ASSERT_EQ(expected.size() + 3, problems.size()) << ::testing::PrintToString(problems);

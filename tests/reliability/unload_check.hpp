@@ -25,8 +25,8 @@ inline std::vector<std::string> unload_problems(const std::string &module, const
             problems.push_back(line.text);
     for (const auto &a : k::live_allocations(nullptr, true))
         if (a.file.find(source_part) != std::string::npos)
-            problems.push_back("live: " + std::to_string(a.size) + " bytes from " + a.func + " (" + a.file + ":" +
-                               std::to_string(a.line) + ")");
+            problems.push_back("live: " + std::to_string(a.size) + " bytes from " + a.func + " (" + a.file +
+                               ":" + std::to_string(a.line) + ")");
     return problems;
 }
 
