@@ -8,6 +8,9 @@
 //   flag bit 2   read the statistics page (the control file) after every write
 //   flag bit 3   read the link file after every write
 //   flag bits 4-6  trace level of the adaptor and of the stack (0..7, above 5 means 5)
+//   flag bit 7   with InfiniHost0 open, create two CQs on it first (targets for pollcq, comaddcq
+//                and comremcq, by record address, VAPI handle or list position) and destroy them
+//                after
 //
 // The module is loaded once for the whole run: libFuzzer keeps the coverage counters of every
 // instrumented object it has seen, so an instrumented module must never be unmapped. Each input
@@ -20,6 +23,7 @@
 #include <cstdint>
 
 #include "fuzz_host.hpp"
+#include "ulp_verbs_queues.h"
 
 using namespace fuzz_host;
 
@@ -64,6 +68,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!funcs) finding("provider mlx not registered");
     void *hca0 = (flags & 1) ? open_hca(funcs, "InfiniHost0") : nullptr;
     void *hca1 = (flags & 2) ? open_hca(funcs, "InfiniHost1") : nullptr;
+    void *cqs[2] = {nullptr, nullptr};
+    if (hca0 && (flags & 0x80)) {
+        for (void *&cq : cqs) {
+            uint32_t actual = 0;
+            if (ulp_cq_create(funcs, hca0, 16, nullptr, nullptr, &cq, &actual) != 0)
+                finding("CQ create failed");
+        }
+    }
 
     for (std::string_view piece : split(text, '\x1e')) {
         write_control(piece);
@@ -73,6 +85,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (k::log_lines().size() > 2000) k::log_clear();
     }
 
+    for (void *cq : cqs)
+        if (cq && ulp_cq_destroy(funcs, hca0, cq) != 0) finding("CQ destroy failed");
     if (hca1) close_hca(funcs, hca1);
     if (hca0) close_hca(funcs, hca0);
     check_kernel_reports();
