@@ -8,6 +8,16 @@ if(MARLIX_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${MARLIX_CCACHE})
 endif()
 
+# clang links modules against the shared sanitizer runtime (-shared-libsan, the fuzz preset), as
+# a module is a shared object linked with --no-undefined; programs then need to find it at run
+# time, where clang keeps it.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_MODULE_LINKER_FLAGS MATCHES "-shared-libsan")
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libclang_rt.asan-x86_64.so
+    OUTPUT_VARIABLE _marlix_asan_rt OUTPUT_STRIP_TRAILING_WHITESPACE)
+  get_filename_component(_marlix_asan_rt_dir "${_marlix_asan_rt}" DIRECTORY)
+  list(APPEND CMAKE_BUILD_RPATH "${_marlix_asan_rt_dir}")
+endif()
+
 set(MARLIX_WARNINGS -Wall -Wextra)
 set(MARLIX_MODULE_STUB ${CMAKE_CURRENT_LIST_DIR}/../host/kernel/src/module_stub.c)
 
@@ -35,7 +45,10 @@ function(marlix_add_module file_name)
     LIBRARY_OUTPUT_DIRECTORY ${MARLIX_MODULE_DIR})
   target_compile_definitions(${target} PRIVATE MODULE KBUILD_MODNAME="${modname}")
   target_compile_options(${target} PRIVATE ${MARLIX_WARNINGS}
-    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-gnu-unique>)
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>
+    # GCC marks some template statics STB_GNU_UNIQUE, which pins a module in memory after dlclose;
+    # clang never emits them and has no such option.
+    $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-gnu-unique>)
   target_include_directories(${target} PRIVATE ${M_INCLUDES})
   if(M_HEADERS)
     target_link_libraries(${target} PRIVATE ${M_HEADERS})

@@ -1,0 +1,101 @@
+// The machine a fuzz target runs on: the emulated kernel (virtual clock), the host stack and the
+// software HCA with two devices, booted once per process, with the module loaded once through insmod
+// as an operator would (never unloaded: libFuzzer keeps reading the coverage counters of every
+// instrumented object it has seen). Only the module's proc files, its provider table and
+// its exported symbols are used.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "marlix/kernel.hpp"
+#include "marlix/softhca.hpp"
+#include "marlix/stack.hpp"
+#include "ulp_verbs.h"
+
+namespace fuzz_host {
+
+namespace k = marlix::kernel;
+namespace st = marlix::stack;
+namespace hca = marlix::softhca;
+
+inline constexpr const char *kControl = "/proc/marlix/adaptor-mlx/control";
+inline constexpr const char *kLink = "/proc/marlix/adaptor-mlx/link";
+inline constexpr const char *kAdaptorKey = "marlix/modules/adaptor-mlx/";
+
+// A finding: print what was wrong and abort, so that libFuzzer saves the input.
+[[noreturn]] inline void finding(const std::string &what) {
+    std::fprintf(stderr, "FINDING: %s\n", what.c_str());
+    for (const auto &line : k::log_lines()) std::fprintf(stderr, "  log: %s\n", line.text.c_str());
+    std::abort();
+}
+
+// Allocations still live that were made by the module's own sources.
+inline std::vector<k::Allocation> module_allocations() {
+    std::vector<k::Allocation> out;
+    for (const auto &a : k::live_allocations(nullptr, true))
+        if (a.file.find("adaptor-tavor") != std::string::npos) out.push_back(a);
+    return out;
+}
+
+inline void boot_machine() {
+    k::BootOptions options;
+    options.clock = k::ClockMode::Virtual;
+    k::boot(options);
+    st::boot();
+    hca::Options hca_options;
+    hca_options.device_count = 2;
+    hca::boot(hca_options);
+}
+
+inline void load_module() {
+    int rc = k::insmod("adaptor-mlx");
+    if (rc != 0) finding("insmod adaptor-mlx failed: " + std::to_string(rc));
+}
+
+// The kernel reported no leak, no lock misuse and no sleeping call in atomic context.
+inline void check_kernel_reports() {
+    for (const auto &line : k::log_lines())
+        // The kernel's own reports start their line; the module only echoes words after a prefix.
+        if (line.text.rfind("kmemleak", 0) == 0 || line.text.rfind("BUG:", 0) == 0)
+            finding("kernel report at unload: " + line.text);
+    if (k::spinlock_bug_count() != 0) finding("spinlock misuse reported");
+    if (k::sleeping_in_atomic_count() != 0) finding("sleeping call in atomic context reported");
+}
+
+// Sets the adaptor's and the stack's trace levels (0..5).
+inline void set_trace_level(int level) {
+    st::set_logger_level(level);
+    st::set_long(kAdaptorKey, "debug-level", level);
+}
+
+inline void write_control(std::string_view text) {
+    long n = k::write_file(kControl, text);
+    if (n != static_cast<long>(text.size()))
+        finding("control write of " + std::to_string(text.size()) + " bytes returned " + std::to_string(n));
+}
+
+inline void read_file(const char *path) {
+    std::string out;
+    int rc = k::read_file(path, out);
+    if (rc < 0) finding(std::string("read of ") + path + " failed: " + std::to_string(rc));
+}
+
+// Splits `data` at every `separator` byte.
+inline std::vector<std::string_view> split(std::string_view data, char separator) {
+    std::vector<std::string_view> out;
+    size_t start = 0;
+    for (size_t i = 0; i <= data.size(); i++) {
+        if (i == data.size() || data[i] == separator) {
+            out.push_back(data.substr(start, i - start));
+            start = i + 1;
+        }
+    }
+    return out;
+}
+
+}  // namespace fuzz_host
