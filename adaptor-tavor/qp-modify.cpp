@@ -87,6 +87,21 @@ static const VAPI_qp_attr_mask_t mask_ox_to_mlx_trans[OX_QP_AT_BIT_COUNT] = {
         }                                                                                      \
     } while (0)
 
+/* The same for an enumeration the caller fills in: the value travels raw, so a value that is
+ * none of the enumerators is passed on (and traced) without being loaded as the enumeration. */
+#define OX_QP_TAKE_ENUM(flag, vapi_field, caller_field)                                        \
+    do {                                                                                       \
+        if (mask & (flag)) {                                                                   \
+            const u32 raw_value = ox_mlx_raw_enum(&(caller_field));                            \
+            AD_TAVOR_DEBUG("bitmask: " #flag);                                                 \
+            ox_mlx_store_raw_enum(&attr.vapi_field, raw_value);                                \
+            vapi_mask |= mask_ox_to_mlx_trans[OX_QP_AT_NUM(flag)];                             \
+            AD_TAVOR_FUNC("bitmask: %d(%d), value: %d(%d)", OX_QP_AT_NUM(flag),                \
+                          (int)mask_ox_to_mlx_trans[OX_QP_AT_NUM(flag)], (int)raw_value,       \
+                          (int)raw_value);                                                     \
+        }                                                                                      \
+    } while (0)
+
 /* Remote access rights from the generic bits, each VAPI flag traced. */
 #define OX_QP_TAKE_ACCESS(access)                                                                \
     do {                                                                                         \
@@ -183,15 +198,15 @@ ox_return_t oxi_mlx_qp_modify(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h, ox_
                 AD_TAVOR_DEBUG("bitmask: OX_QP_AT_ADD_VEC");
                 ox_mlx_add_vec_to_vapi(&rtr->remote_add_vec, &attr.av);
                 attr.av.port = OX_QP_RTR_PATH_PORT;
-                attr.path_mtu = (IB_mtu_t)rtr->remote_add_vec.pmtu;
+                ox_mlx_store_raw_enum(&attr.path_mtu, ox_mlx_raw_enum(&rtr->remote_add_vec.pmtu));
                 vapi_mask |= mask_ox_to_mlx_trans[OX_QP_AT_NUM(OX_QP_AT_ADD_VEC)];
                 AD_TAVOR_DEBUG("qp_attr_mlx.av.dlid: %d", (int)attr.av.dlid);
                 AD_TAVOR_DEBUG("qp_attr_mlx.av.static_rate: %d", (int)attr.av.static_rate);
                 AD_TAVOR_DEBUG("qp_attr_mlx.av.sl: %d", (int)attr.av.sl);
                 AD_TAVOR_DEBUG("qp_attr_mlx.av.src_path_bits: %d", (int)attr.av.src_path_bits);
                 AD_TAVOR_DEBUG("qp_attr_mlx.av.port: %d", (int)attr.av.port);
-                AD_TAVOR_DEBUG("qp_attr_mlx.path_mtu: %d (ox: %d)", (int)attr.path_mtu,
-                               (int)rtr->remote_add_vec.pmtu);
+                AD_TAVOR_DEBUG("qp_attr_mlx.path_mtu: %d (ox: %d)", (int)ox_mlx_raw_enum(&attr.path_mtu),
+                               (int)ox_mlx_raw_enum(&rtr->remote_add_vec.pmtu));
                 AD_TAVOR_FUNC("bitmask: %d(%d)", OX_QP_AT_NUM(OX_QP_AT_ADD_VEC),
                               (int)mask_ox_to_mlx_trans[OX_QP_AT_NUM(OX_QP_AT_ADD_VEC)]);
                 /* The requester's timers travel in the address vector, and only with it. */
@@ -233,8 +248,7 @@ ox_return_t oxi_mlx_qp_modify(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h, ox_
                 OX_QP_TAKE(OX_QP_AT_Q_KEY, qkey, rts->opt_q_key);
                 OX_QP_TAKE(OX_QP_AT_MIN_RNR_NAK_T, min_rnr_timer,
                            (IB_rnr_nak_timer_code_t)rts->opt_min_rnr_nak_timer);
-                OX_QP_TAKE(OX_QP_AT_PATH_MIG_STATE, path_mig_state,
-                           (VAPI_mig_state_t)rts->opt_path_migrate_state);
+                OX_QP_TAKE_ENUM(OX_QP_AT_PATH_MIG_STATE, path_mig_state, rts->opt_path_migrate_state);
                 OX_QP_TAKE(OX_QP_AT_R_MAX_OUT_WR, cap.max_oust_wr_rq, rts->opt_receive_max_outstand_wr);
                 OX_QP_TAKE(OX_QP_AT_S_MAX_OUT_WR, cap.max_oust_wr_sq, rts->opt_send_max_outstand_wr);
                 OX_QP_TAKE_ACCESS(rts->opt_access_control);

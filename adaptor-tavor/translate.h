@@ -70,6 +70,12 @@ static inline u32 ox_mlx_raw_enum(const void *field) {
     return value;
 }
 
+/* Stores a raw 32-bit value into an enumeration field without ever loading it as the
+ * enumeration: a caller's out-of-range value passes on unchanged for VAPI to judge. */
+static inline void ox_mlx_store_raw_enum(void *field, u32 value) {
+    memcpy(field, &value, sizeof(value));
+}
+
 /* ---- QP paths and access (translate-qp.cpp) ----------------------------------------------------- */
 
 /* Generic address vector -> VAPI address vector. The port is not written: each transition
