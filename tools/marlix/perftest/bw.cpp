@@ -16,6 +16,9 @@ constexpr uint64_t kIdMask = (uint64_t(1) << kIdShift) - 1;
 constexpr size_t kDurationSamples = size_t(1) << 20;
 // How long the tail of an unacknowledged transport (UC, UD) may take to arrive at the server.
 constexpr uint64_t kDrainNs = 2'000'000'000;
+// No completion for this long while requests are outstanding: the test fails rather than hang (a
+// lost packet waits for a retransmission timer, which does not run while the clock stands still).
+constexpr uint64_t kStallNs = 5'000'000'000;
 
 struct Sample {
     uint64_t t_ns;
@@ -153,6 +156,8 @@ RunOutcome run_bandwidth(Session &s, const TestKind &test, const Options &o, uin
         return true;
     };
 
+    uint64_t last_progress = t_begin;
+    uint32_t idle_passes = 0;
     while (!finished()) {
         bool progress = false;
         for (size_t q = 0; q < Q; ++q) {
@@ -210,6 +215,16 @@ RunOutcome run_bandwidth(Session &s, const TestKind &test, const Options &o, uin
             }
         }
         if (stop_requested() && !stopping) stopping = outcome.interrupted = true;
+        if (progress) {
+            idle_passes = 0;
+        } else if ((++idle_passes & 1023) == 0) {
+            const uint64_t now = now_ns();
+            if (idle_passes == 1024) last_progress = now;
+            if (now - last_progress > kStallNs) {
+                fail("No completion for 5 seconds: the test gives up");
+                return outcome;
+            }
+        }
         if (duration && (++pass & 63) == 0) {
             const uint64_t now = now_ns();
             if (now >= deadline) stopping = true;
