@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, when they are missing.
 set -euo pipefail
-packages=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev libbenchmark-dev libreadline-dev clang-format)
+packages=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev libbenchmark-dev libreadline-dev clang-format
+          nlohmann-json3-dev gnuplot-nox jq)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
