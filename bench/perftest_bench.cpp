@@ -2,10 +2,13 @@
 // - the module's log line when its level is off (trace level 0): the goal is at most 1 ns;
 // - 8-byte RC send post + poll on the threaded engine, straight on VAPI and through the tools'
 //   endpoint interface (the tools' own cost over VAPI);
-// - memcpy at the sizes of the performance table, the floor of a copying device.
+// - memcpy at the sizes of the performance table, the floor of a copying device, and a cache line
+//   bounced between two threads, the floor of a latency.
 #include <benchmark/benchmark.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -123,6 +126,35 @@ void BM_VapiSendPostPoll(benchmark::State &state) {
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_VapiSendPostPoll)->UseRealTime();
+
+// Half a round trip of one cache line between two threads: the floor of any latency between two
+// agents of this machine (the engine's thread and the test's).
+void BM_CacheLinePingPong(benchmark::State &state) {
+    alignas(64) std::atomic<uint64_t> line{0};
+    std::atomic<bool> done{false};
+    std::thread peer([&] {
+        uint64_t seen = 0;
+        while (!done.load(std::memory_order_relaxed)) {
+            uint64_t v = line.load(std::memory_order_acquire);
+            if (v != seen && (v & 1)) {
+                line.store(v + 1, std::memory_order_release);
+                seen = v + 1;
+            }
+        }
+    });
+    uint64_t v = 0;
+    for (auto _ : state) {
+        line.store(++v, std::memory_order_release);
+        while (line.load(std::memory_order_acquire) != v + 1) {
+        }
+        ++v;
+    }
+    done = true;
+    peer.join();
+    state.counters["half_round_trip_ns"] =
+        benchmark::Counter(double(state.iterations()) * 2, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_CacheLinePingPong)->UseRealTime();
 
 void BM_Memcpy(benchmark::State &state) {
     const size_t n = size_t(state.range(0));
