@@ -5,6 +5,7 @@
 
 #include "adaptor-tavor.h"
 #include "completion-events.h"
+#include "tracking-lookup.h"
 
 void ox_mlx_cq_completion_event_handler(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
                                         void *private_data) {
@@ -34,4 +35,36 @@ void ox_mlx_cq_completion_event_handler(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t
                    (long)cq_hndl);
     AD_TAVOR_ERROR("ERROR - didn't call application callback");
     ox_mlx_count_error();
+}
+
+ox_return_t ox_mlx_get_user_cq_h(ox_opened_hca_t *opened_hca_p, ox_cq_h_t cq_h, ox_opened_cq_t **user_cq_h) {
+    const u64 vapi_cq_h = (u64)(unsigned long)cq_h;
+    ox_opened_cq_t *last_seen = 0;
+    ox_opened_cq_t *opened_cq_p;
+    unsigned long flags;
+    ox_return_t ret;
+
+    if (ox_mlx_handle_has_slot(vapi_cq_h)) {
+        AD_TAVOR_DEBUG("Working with: hca_context->opened_cq_array[%lu]", (unsigned long)vapi_cq_h);
+        opened_cq_p = ox_mlx_cq_slot(opened_hca_p, vapi_cq_h);
+        AD_TAVOR_DEBUG("opened_cq_p: %p", (void *)opened_cq_p);
+        /* An empty slot is an answer too. */
+        *user_cq_h = opened_cq_p;
+        return ox_return_ok;
+    }
+
+    OX_MLX_LOCK(flags);
+    opened_cq_p = ox_mlx_cq_in_list(opened_hca_p, vapi_cq_h, &last_seen);
+    if (opened_cq_p) {
+        AD_TAVOR_DEBUG("Find cq_h:%p, user cq h: %p", cq_h, (void *)opened_cq_p);
+        *user_cq_h = opened_cq_p;
+        ret = ox_return_ok;
+    } else {
+        /* The handle of the last record examined (none on an empty list: 0), then the one sought. */
+        AD_TAVOR_ERROR("ERROR - didn't find opened_cq_p->cq_h == cq_h %p:%p",
+                       last_seen ? last_seen->cq_h : (void *)0, cq_h);
+        ret = ox_return_err;
+    }
+    OX_MLX_UNLOCK(flags);
+    return ret;
 }

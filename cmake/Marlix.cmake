@@ -15,14 +15,18 @@ function(marlix_warnings target)
   target_compile_options(${target} PRIVATE ${MARLIX_WARNINGS})
 endfunction()
 
-# marlix_add_module(<file-name> SOURCES ... [LIBS ...])
+# marlix_add_module(<file-name> SOURCES ... [LIBS ...] [INCLUDES ...] [HEADERS <target>])
 #
 # Builds <file-name>.ko, a shared object the emulated kernel loads with insmod. The module's
 # name in the kernel is the file name with '-' turned into '_', as Linux does (KBUILD_MODNAME).
 # Module code is kernel code: no exceptions, no RTTI, no unique symbols that would keep a
 # module's data alive after it is unloaded.
+#
+# HEADERS names the one target whose include paths the module's sources see (besides INCLUDES);
+# the kernel and the LIBS are then linked for their symbols only, so the host-side headers those
+# libraries publish are not reachable from module code.
 function(marlix_add_module file_name)
-  cmake_parse_arguments(M "" "" "SOURCES;LIBS;INCLUDES" ${ARGN})
+  cmake_parse_arguments(M "" "HEADERS" "SOURCES;LIBS;INCLUDES" ${ARGN})
   string(REPLACE "-" "_" modname ${file_name})
   set(target module_${modname})
   add_library(${target} MODULE ${M_SOURCES} ${MARLIX_MODULE_STUB})
@@ -33,7 +37,15 @@ function(marlix_add_module file_name)
   target_compile_options(${target} PRIVATE ${MARLIX_WARNINGS}
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-gnu-unique>)
   target_include_directories(${target} PRIVATE ${M_INCLUDES})
-  target_link_libraries(${target} PRIVATE marlix_kernel ${M_LIBS})
+  if(M_HEADERS)
+    target_link_libraries(${target} PRIVATE ${M_HEADERS})
+    foreach(lib marlix_kernel ${M_LIBS})
+      target_link_libraries(${target} PRIVATE $<TARGET_FILE:${lib}>)
+      add_dependencies(${target} ${lib})
+    endforeach()
+  else()
+    target_link_libraries(${target} PRIVATE marlix_kernel ${M_LIBS})
+  endif()
   # -Bsymbolic: a module's references to its own globals bind inside the module, never to a
   # same-named symbol of the host process (the C library has an init_module, for one).
   target_link_options(${target} PRIVATE -Wl,--no-undefined -Wl,-Bsymbolic)

@@ -26,6 +26,8 @@ VAPI_ret_t EVAPI_clear_comp_eventh(VAPI_hca_hndl_t hca_hndl,
                                    EVAPI_compl_handler_hndl_t completion_handler_hndl);
 /* VAPI_OK when the CQ holds at least cqe_num completions, VAPI_CQ_EMPTY otherwise. */
 VAPI_ret_t EVAPI_peek_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num);
+/* One completion event once the CQ holds at least cqe_num completions (cqe_num >= 1). */
+VAPI_ret_t EVAPI_req_ncomp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num);
 
 /* ---- Fast memory regions ---- */
 VAPI_ret_t EVAPI_alloc_fmr(VAPI_hca_hndl_t hca_hndl, const EVAPI_fmr_t *fmr_props_p,

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,6 +14,8 @@
 #include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 #include "marlix/stack.hpp"
+#include "module_layout.hpp"
+#include "ulp_verbs.h"
 
 namespace adaptor_test {
 
@@ -88,6 +91,7 @@ class AdaptorFixture : public ::testing::Test {
         hca::Options hca_options;
         hca_options.device_count = devices;
         hca::boot(hca_options);
+        hca::reset_call_counts();
     }
 
     static void set_debug_level(long level) {
@@ -143,6 +147,37 @@ class AdaptorFixture : public ::testing::Test {
         return n;
     }
 
+    // The module's statistics record, error ring and accounting table.
+    RecordView stats() { return RecordView("tavor_stats", exported<void>("g_stat")); }
+    RecordView ring_entry(int i) {
+        return RecordView("vapi_err_st", exported<void>("g_last_vapi_err_array")).element(i);
+    }
+    RecordView alloc_row(int index) {
+        return RecordView("alloc_mem_t", sym<void>("g_alloc_mem_array")).element(index);
+    }
+    long long alloc_num(const char *index_name) { return alloc_row(mem_ix(index_name))["alloc_num"]; }
+
+    // The provider "mlx" as the verbs core hands it to an upper layer.
+    static const ulp_funcs_t *provider() { return ulp_find_provider("mlx"); }
+    // A table of the module's exported entry points, slot by slot.
+    static const ulp_funcs_t *exported_table() {
+        return static_cast<const ulp_funcs_t *>(
+            adp_table_of_exported_symbols([](const char *name) { return k::lookup_symbol(name); }));
+    }
+
+    // Opens an HCA through the provider table, as an upper layer does; returns the record.
+    void *open_hca(const char *name = "InfiniHost0", void *context = nullptr) {
+        const ulp_funcs_t *funcs = provider();
+        EXPECT_NE(nullptr, funcs);
+        if (!funcs) return nullptr;
+        void *hca = nullptr;
+        EXPECT_EQ(0, ulp_hca_open(funcs, name, context, &hca)) << name;
+        EXPECT_NE(nullptr, hca);
+        return hca;
+    }
+    void close_hca(void *hca) { EXPECT_EQ(0, ulp_hca_close(provider(), hca)); }
+    RecordView hca_record(void *hca) { return RecordView("ox_opened_hca_t", hca); }
+
     void unload() {
         if (module_handle_) dlclose(module_handle_);
         module_handle_ = nullptr;
@@ -152,6 +187,39 @@ class AdaptorFixture : public ::testing::Test {
   private:
     void *module_handle_ = nullptr;
 };
+
+// A pointer as the kernel's %p prints it: sixteen zero-padded lower-case hex digits.
+inline std::string kptr(const void *p) {
+    char buf[32];
+    std::snprintf(buf, sizeof(buf), "%016lx", reinterpret_cast<unsigned long>(p));
+    return buf;
+}
+
+inline std::string ad_func(const std::string &func, const std::string &message) {
+    return ad_line("FUNC   ", func, message);
+}
+
+// Whether a line is the DEBUG trace of taking or releasing the adaptor lock.
+inline bool is_lock_trace(const std::string &line) {
+    return line.find("ADAPTOR_LOCK cpu[") != std::string::npos ||
+           line.find("ADAPTOR_UNLOCK cpu[") != std::string::npos;
+}
+
+// `lines` without the lock traces.
+inline std::vector<std::string> without_lock_trace(const std::vector<std::string> &lines) {
+    std::vector<std::string> out;
+    for (const auto &l : lines)
+        if (!is_lock_trace(l)) out.push_back(l);
+    return out;
+}
+
+// The lines of one level ("ERROR  ", "DEBUG  ", ...).
+inline std::vector<std::string> at_level(const std::vector<std::string> &lines, const char *level) {
+    std::vector<std::string> out;
+    for (const auto &l : lines)
+        if (l.rfind(std::string(level) + " : AD_TAVOR : ", 0) == 0) out.push_back(l);
+    return out;
+}
 
 // Lines of `all` equal to `line`.
 inline size_t count_of(const std::vector<std::string> &all, const std::string &line) {

@@ -3,7 +3,6 @@
 #include <iterator>
 
 #include "adaptor_fixture.hpp"
-#include "module_mirror.hpp"
 #include "slot-names.h"
 
 namespace adaptor_test {
@@ -191,15 +190,15 @@ TEST_F(LoadUnload, GeneratorArrayFailureStillLoads) {
         contains(lines, ad_error("ox_mlx_prepare_generator", "Fail to allocate memory: g_com_cq_array")));
     EXPECT_TRUE(contains(
         lines, ad_error("ox_mlx_prepare_generator", "the completion generator work mode can be 1 only !!!")));
-    auto *stats = exported<TavorStats>("g_stat");
-    EXPECT_EQ(1u, stats->mem_alloc_error_num);
-    EXPECT_EQ(1u, stats->last_mem_alloc_error_num);
-    EXPECT_EQ(1u, stats->error_num);
-    EXPECT_EQ(1u, stats->last_error_num);
-    EXPECT_EQ(0u, stats->VAPI_error_num);
+    auto s = stats();
+    EXPECT_EQ(1, s["mem_alloc_error_num"]);
+    EXPECT_EQ(1, s["last_mem_alloc_error_num"]);
+    EXPECT_EQ(1, s["error_num"]);
+    EXPECT_EQ(1, s["last_error_num"]);
+    EXPECT_EQ(0, s["VAPI_error_num"]);
     EXPECT_EQ(1, *sym<int32_t>("g_com_work_mode"));
     EXPECT_EQ(nullptr, *sym<void *>("g_com_cq_array"));
-    EXPECT_EQ(0u, sym<AllocMem>("g_alloc_mem_array")[mem_g_com_cq_array_ix].alloc_num);
+    EXPECT_EQ(0, alloc_num("mem_g_com_cq_array_ix"));
     unload();
     EXPECT_EQ(0u, module_allocations());
 }
@@ -217,8 +216,9 @@ TEST_F(LoadUnload, GeneratorIsPreparedNotArmed) {
 
 TEST_F(LoadUnload, GeneratorTickWithoutHcaStops) {
     load_ok();
-    auto tick = reinterpret_cast<timer_fn>(sym<void>("ox_com_timer_generator"));
-    ASSERT_NE(nullptr, tick);
+    const void *tick_fn = sym<void>("ox_com_timer_generator");
+    ASSERT_NE(nullptr, tick_fn);
+    auto tick = [&](unsigned long data) { adp_call_timer(tick_fn, data); };
     k::log_clear();
     k::run_in_softirq([&] { tick(1); });
     EXPECT_EQ((std::vector<std::string>{"ERROR - the HCA is not open"}), log());

@@ -2,7 +2,6 @@
 #include <regex>
 
 #include "adaptor_fixture.hpp"
-#include "module_mirror.hpp"
 
 namespace adaptor_test {
 namespace {
@@ -17,17 +16,21 @@ class VersionRecord : public AdaptorFixture {
     void SetUp() override {
         AdaptorFixture::SetUp();
         load_ok();
-        init_ = reinterpret_cast<version_init_fn>(sym<void>("module_version_init"));
-        exit_ = reinterpret_cast<version_exit_fn>(sym<void>("module_version_exit"));
-        ASSERT_TRUE(init_ && exit_);
+        init_fn_ = sym<void>("module_version_init");
+        exit_fn_ = sym<void>("module_version_exit");
+        ASSERT_TRUE(init_fn_ && exit_fn_);
     }
     void restore(const char *name) {
         exit_(const_cast<char *>(name));
         ASSERT_EQ(0, init_(const_cast<char *>("adaptor-mlx"), const_cast<char *>("1.0.0"),
                            const_cast<char *>("$Name: REL_TAG_V1_0_20060112 $")));
     }
-    version_init_fn init_ = nullptr;
-    version_exit_fn exit_ = nullptr;
+    int init_(char *name, char *version, char *tag) {
+        return adp_call_version_init(init_fn_, name, version, tag);
+    }
+    void exit_(char *name) { adp_call_version_exit(exit_fn_, name); }
+    const void *init_fn_ = nullptr;
+    const void *exit_fn_ = nullptr;
 };
 
 const std::string kBuildTail =

@@ -2,6 +2,7 @@
 #include <string_view>
 
 #include "console.hpp"
+#include "ulp_session.hpp"
 #include "marlix/kernel.hpp"
 #include "marlix/stack.hpp"
 
@@ -13,6 +14,7 @@
 namespace marlix::console {
 
 Host::Host(Console &console) {
+    ulp::reset_session();
     kernel::BootOptions options;
     options.clock = console.options().real_time ? kernel::ClockMode::Real : kernel::ClockMode::Virtual;
     options.console = [&console](std::string_view line) { console.kernel_console_line(line); };
@@ -24,6 +26,8 @@ Host::Host(Console &console) {
 }
 
 Host::~Host() {
+    // The upper layer's objects belong to this host; its buffers go back while the kernel runs.
+    ulp::reset_session();
     // Modules go first: their exit routines still use the stack and the HCA.
     kernel::halt(true);
 #ifdef MARLIX_CONSOLE_HAVE_SOFTHCA

@@ -90,7 +90,7 @@ void flush_send_queue(Device &dev, Qp &qp, PendingEvents &events) {
         }
         retire_sends(dev, qp, events);
     }
-    qp.next_send = qp.sq.head();
+    qp.next_send = qp.sent_high = qp.sq.head();
     qp.rd_atom_outstanding = 0;
     qp.retransmit_at = 0;
     qp.rnr_wait_until = 0;

@@ -6,7 +6,7 @@
 namespace marlix::softhca {
 
 uint32_t Packet::wire_bytes() const {
-    uint32_t n = 8 + 12 + 4 + 2;  // LRH, BTH, ICRC, VCRC
+    uint32_t n = 8 + 12 + 4;  // LRH, BTH, ICRC
     if (grh) n += 40;
     const uint8_t o = op::operation(opcode);
     if (op::transport(opcode) == op::kUd) n += 8;  // DETH
@@ -48,8 +48,9 @@ void Packet::own_payload() {
         payload_offset = 0;
         return;
     }
-    owned = std::shared_ptr<uint8_t[]>(new uint8_t[payload_len]);
-    read_payload(0, owned.get(), payload_len);
+    std::shared_ptr<uint8_t[]> copy(new uint8_t[payload_len]);
+    read_payload(0, copy.get(), payload_len);
+    owned = std::move(copy);
     spans = nullptr;
     span_count = 0;
     payload_offset = 0;

@@ -139,9 +139,9 @@ struct Packet {
     // Copies `len` payload bytes starting `from` bytes into the payload, to `dst`.
     void read_payload(uint64_t from, uint8_t *dst, size_t len) const;
 
-    // Bytes on the wire between the delimiters, as the port counters count them: LRH 8, GRH 40,
-    // BTH 12, DETH 8, RETH 16, AtomicETH 28, AETH 4, AtomicAckETH 8, ImmDt 4, payload padded to 4,
-    // ICRC 4, VCRC 2.
+    // Bytes of the packet as the port data counters count them (from the LRH to the ICRC, the
+    // VCRC excluded): LRH 8, GRH 40, BTH 12, DETH 8, RETH 16, AtomicETH 28, AETH 4, AtomicAckETH 8,
+    // ImmDt 4, payload padded to 4 bytes, ICRC 4.
     uint32_t wire_bytes() const;
 };
 

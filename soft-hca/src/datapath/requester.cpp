@@ -1,5 +1,7 @@
 // The requester: turns the send requests queued on a QP into packets, in order, within what the
 // QP may have outstanding, and keeps the PSNs and timers of a reliable connection.
+#include <algorithm>
+
 #include "datapath/datapath.hpp"
 #include "device/limits.hpp"
 
@@ -98,11 +100,14 @@ void fail_request(Device &dev, Qp &qp, SendEntry &w, VAPI_wc_status_t status, ui
 size_t run_qp(Device &dev, Qp &qp, uint64_t now, Outbox &out, PendingEvents &events, bool &more) {
     more = false;
     const QpState state = qp.state();
-    if (state != QpState::Rts) return 0;  // SQD, SQE, ERR and the rest send nothing new
+    // SQD sends nothing new but still retransmits what it had sent; SQE, ERR and the states
+    // before RTS send nothing.
+    if (state != QpState::Rts && state != QpState::Sqd) return 0;
     if (qp.rnr_wait_until > now) return 0;
+    const uint64_t limit = state == QpState::Rts ? qp.sq.tail() : std::max(qp.sent_high, qp.next_send);
     const uint8_t ts = transport_bits(qp);
     size_t handled = 0;
-    while (qp.next_send < qp.sq.tail()) {
+    while (qp.next_send < limit) {
         SendEntry &w = qp.sq.at(qp.next_send);
         const uint32_t opcode = w.desc.opcode;
         if (qp.forced_send.armed) {
@@ -254,6 +259,7 @@ size_t run_qp(Device &dev, Qp &qp, uint64_t now, Outbox &out, PendingEvents &eve
         ++out.count;
         count_xmit(src, e);
         ++qp.next_send;
+        qp.sent_high = std::max(qp.sent_high, qp.next_send);
         ++handled;
         if (ts == op::kRc) {
             if (is_read_or_atomic(opcode)) ++qp.rd_atom_outstanding;

@@ -83,7 +83,8 @@ void complete_recv(Device &dev, Qp &qp, VAPI_wc_desc_t wc, bool solicited, Pendi
 }
 
 // Replies of a reliable connection go back to where the request came from.
-Outbox::Entry *reply(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, uint8_t opcode) {
+Outbox::Entry *reply(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, uint8_t opcode,
+                     bool count = true) {
     if (!out.has_room(1, 1)) return nullptr;  // lost; the requester will retransmit
     Outbox::Entry &e = out.entries[out.count++];
     e = Outbox::Entry{};
@@ -99,7 +100,8 @@ Outbox::Entry *reply(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Out
     p.src_qp = qp.qp_num;
     p.psn = req.psn;
     p.msn = qp.msn;
-    if (Port *pt = dev.port(port)) pt->count_xmit(p.wire_bytes());
+    if (count)
+        if (Port *pt = dev.port(port)) pt->count_xmit(p.wire_bytes());
     return &e;
 }
 
@@ -299,7 +301,7 @@ void respond_read(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &
         refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
         return;
     }
-    Outbox::Entry *e = reply(dev, qp, port, p, out, op::kReadResponseOnly);
+    Outbox::Entry *e = reply(dev, qp, port, p, out, op::kReadResponseOnly, false);
     e->train = Outbox::Train::ReadResponse;
     e->mtu = mtu;
     e->segments = segments;
@@ -309,7 +311,7 @@ void respond_read(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &
     e->pkt.payload_len = p.dma_len;
     e->pkt.syndrome = aeth::kAck;
     if (Port *pt = dev.port(port))
-        for (uint32_t i = 1; i < segments; ++i) pt->count_xmit(train_segment(*e, i).wire_bytes());
+        for (uint32_t i = 0; i < segments; ++i) pt->count_xmit(train_segment(*e, i).wire_bytes());
     if (!duplicate) qp.expected_psn = psn_add(p.psn, segments);
 }
 

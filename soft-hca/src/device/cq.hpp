@@ -49,6 +49,8 @@ class CompletionQueue : public Object {
     // disarmed until armed again. Arming for "next" covers a pending "solicited" request.
     void arm(VAPI_cq_notif_type_t type);
     VAPI_cq_notif_type_t armed() const { return armed_; }
+    // Arming for a number of completions: one event once the CQ holds at least `n`.
+    void arm_count(uint32_t n) { armed_count_ = n; }
 
     // Pushes a completion and says whether it raised an event (the handler may be null when no
     // handler is set; the event is then consumed with nobody to tell, as on the adapter).
@@ -74,6 +76,7 @@ class CompletionQueue : public Object {
     uint32_t count_ = 0;
     bool overrun_ = false;
     VAPI_cq_notif_type_t armed_ = VAPI_NOTIF_NONE;
+    uint32_t armed_count_ = 0;
 };
 
 }  // namespace marlix::softhca

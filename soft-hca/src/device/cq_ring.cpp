@@ -45,8 +45,10 @@ std::optional<CompletionEvent> CompletionQueue::complete(const VAPI_wc_desc_t &w
     push(wc);
     bool due =
         armed_ == VAPI_NEXT_COMP || (armed_ == VAPI_SOLIC_COMP && (solicited || wc.status != VAPI_SUCCESS));
+    if (armed_count_ != 0 && count_ >= armed_count_) due = true;
     if (!due) return std::nullopt;
     armed_ = VAPI_NOTIF_NONE;
+    armed_count_ = 0;
     CompletionEvent ev;
     ev.hca = hca;
     ev.cq = hndl;

@@ -2,6 +2,8 @@
 // that boot() fills, and the Call that starts every verb.
 #include "device/device.hpp"
 
+#include <array>
+#include <atomic>
 #include <cstring>
 
 #include "device/limits.hpp"
@@ -18,10 +20,16 @@ namespace marlix::softhca {
 
 namespace {
 
+constexpr size_t kMaxDevices = 64;
+
 struct System {
     std::mutex boot_mu;  // serialises boot, halt and the first verb's implicit boot
     std::mutex mu;
     bool booted = false;
+    // Read by every verb without a lock: the device of handle h is table[h].
+    std::atomic<bool> up{false};
+    std::array<std::atomic<Device *>, kMaxDevices> table{};
+    std::atomic<size_t> count{0};
     Options options;
     std::vector<std::unique_ptr<Device>> devices;
     std::function<void(std::function<void()>)> dispatcher;
@@ -213,6 +221,7 @@ VAPI_ret_t Device::translate(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_
 void Device::release_all() {
     active_qps.clear();
     sent_unreliable.clear();
+    qp_by_number.clear();
     retired.clear();
     failed = false;
     qps.clear();
@@ -250,16 +259,26 @@ void Device::raise_async_event(const VAPI_event_record_t &record) {
 
 // ---- Registry ------------------------------------------------------------------------------------------
 
+static void publish(System &s) {
+    s.count.store(0, std::memory_order_release);
+    for (size_t i = 0; i < kMaxDevices; ++i)
+        s.table[i].store(i < s.devices.size() ? s.devices[i].get() : nullptr, std::memory_order_release);
+    s.count.store(std::min(s.devices.size(), kMaxDevices), std::memory_order_release);
+}
+
 static void boot_locked(const Options &options) {
     System &s = sys();
     engine_stop();  // a reboot: the old engine must not run over the devices being replaced
     {
         std::lock_guard lk(s.mu);
+        s.up = false;
         s.devices.clear();
         s.options = options;
         for (int i = 0; i < options.device_count; ++i)
             s.devices.push_back(std::make_unique<Device>(i, options.ports));
+        publish(s);
         s.booted = true;
+        s.up = true;
     }
     wire_reset();
     fabric_boot(options);
@@ -278,13 +297,14 @@ void halt() {
     wire_reset();
     fabric_halt();
     std::lock_guard lk(s.mu);
+    s.up = false;
     s.devices.clear();
+    publish(s);
     s.booted = false;
 }
 
 bool booted() {
-    std::lock_guard lk(sys().mu);
-    return sys().booted;
+    return sys().up.load(std::memory_order_acquire);
 }
 
 // A verb used before anyone booted the system finds the default system rather than nothing.
@@ -294,11 +314,18 @@ void ensure_booted() {
     if (!booted()) boot_locked(Options{});
 }
 
-std::vector<Device *> devices() {
+size_t device_count() {
     ensure_booted();
-    std::lock_guard lk(sys().mu);
+    return sys().count.load(std::memory_order_acquire);
+}
+
+Device *device_at(size_t index) {
+    return index < kMaxDevices ? sys().table[index].load(std::memory_order_acquire) : nullptr;
+}
+
+std::vector<Device *> devices() {
     std::vector<Device *> out;
-    for (auto &d : sys().devices) out.push_back(d.get());
+    for (size_t i = 0, n = device_count(); i < n; ++i) out.push_back(device_at(i));
     return out;
 }
 
@@ -309,14 +336,12 @@ std::vector<std::string> device_names() {
 }
 
 Device *device_by_handle(VAPI_hca_hndl_t hca) {
-    for (Device *d : devices())
-        if (d->hndl == hca) return d;
-    return nullptr;
+    return hca < device_count() ? device_at(size_t(hca)) : nullptr;
 }
 
 Device *device_by_name(const std::string &name) {
-    for (Device *d : devices())
-        if (d->name == name) return d;
+    for (size_t i = 0, n = device_count(); i < n; ++i)
+        if (Device *d = device_at(i); d && d->name == name) return d;
     return nullptr;
 }
 
@@ -339,9 +364,10 @@ void dispatch_event(std::function<void()> fn) {
 
 // ---- Call ----------------------------------------------------------------------------------------------
 
-Call::Call(const char *call, VAPI_hca_hndl_t hca) {
+Call::Call(Verb verb, VAPI_hca_hndl_t hca) {
     dev_ = device_by_handle(hca);
-    status_ = faults().check(call, dev_ ? dev_->name : std::string("?"));
+    static const std::string unknown("?");
+    status_ = check_faults(verb, dev_, dev_ ? dev_->name : unknown);
     if (status_ != VAPI_OK) return;
     if (!dev_) {
         status_ = VAPI_EINVAL_HCA_HNDL;
@@ -354,9 +380,9 @@ Call::Call(const char *call, VAPI_hca_hndl_t hca) {
     }
 }
 
-Call::Call(const char *call, const std::string &device_name, ByName) {
+Call::Call(Verb verb, const std::string &device_name, ByName) {
     dev_ = device_by_name(device_name);
-    status_ = faults().check(call, device_name);
+    status_ = check_faults(verb, nullptr, device_name);
 }
 
 // ---- Inspection -------------------------------------------------------------------------------------

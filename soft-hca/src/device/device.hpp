@@ -16,12 +16,12 @@
 // How a verb is written
 // ---------------------
 //     VAPI_ret_t VAPI_create_cq(VAPI_hca_hndl_t hca, ...) {
-//         Call call("VAPI_create_cq", hca);     // counts the call, applies injected faults,
+//         Call call(Verb::VAPI_create_cq, hca); // counts the call, applies injected faults,
 //         if (call.failed()) return call.status(); // finds the open device and locks its mutex
 //         Device &dev = call.dev();
 //         ...                                   // dev.mu is held until `call` goes away
 //     }
-// Calls that name a device instead of a handle use Call(name, std::string device_name, ByName{}).
+// Calls that name a device instead of a handle use Call(verb, std::string device_name, ByName{}).
 // Never call a user callback (completion or async handler) while holding the device mutex: use
 // call.unlock() first, or Device::raise_async_event() / dispatch_event(), which run the callback
 // outside every lock.
@@ -52,13 +52,28 @@
 //
 // Locking
 // -------
-// One mutex per device (Device::mu). Never hold two device mutexes at once: to reach a peer
-// device (the fabric), finish with the own device's state, unlock, then lock the peer.
+// Locks are taken in this order and never the other way round:
+//   1. the registry's boot mutex (boot, halt, the implicit first boot);
+//   2. the engine slot's mutex (engine start and stop, step, run_until_idle);
+//   3. the fabric's mutex (subnet manager sweeps, cable and port changes);
+//   4. Device::mu, of one device at a time: verbs (through Call), the engine's requester and
+//      timer phase, and the responder/completer for a packet arriving at the device. The data path
+//      never holds two device mutexes: packets travel between devices with no device lock held;
+//   5. leaf locks, under which nothing else is taken: the LID table, the wire (link faults and
+//      delayed packets), the fault table and call counts, the registry's device list and event
+//      dispatcher, the threaded engine's sleep mutex.
+// Never call a user callback (completion or async handler) with a device mutex held: collect the
+// events in a PendingEvents and deliver them after unlocking.
+//
 #pragma once
 
 #include <evapi.h>
 
+#include "device/verbs.hpp"
+
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -66,6 +81,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
@@ -212,10 +228,13 @@ class Device {
     // whose sent requests complete once their packets are delivered, and destroyed QPs kept until
     // the engine's next round on this device (a packet of the round before may still point into
     // their rings).
+    std::unordered_map<uint32_t, struct Qp *> qp_by_number;  // packets name QPs by number
     std::vector<struct Qp *> active_qps;
     std::vector<struct Qp *> sent_unreliable;
     std::vector<std::unique_ptr<Object>> retired;
     uint64_t round = 0;  // engine rounds run on this device
+    // Calls of each verb addressed to this device (fault injection counts them).
+    std::array<std::atomic<uint64_t>, kVerbCount> call_counts{};
     // Set when the device fails (injected local catastrophic error): no more work is done.
     bool failed = false;
 
@@ -288,7 +307,12 @@ VAPI_ret_t Device::walk(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_
 // The devices of the running system; created by boot(), destroyed by halt(). A verb called before
 // boot() boots the default system first.
 std::vector<Device *> devices();
+// The device with handle `hca` (its index), from a table read without a lock: devices live from
+// boot() to halt() and are not replaced in between.
 Device *device_by_handle(VAPI_hca_hndl_t hca);
+// Calls fn(Device &) for every device, without copying the list.
+size_t device_count();
+Device *device_at(size_t index);
 Device *device_by_name(const std::string &name);
 // The device and port a LID is assigned to (active ports only); null if none.
 Device *device_by_lid(IB_lid_t lid, IB_port_t *port_out);
@@ -305,10 +329,10 @@ void set_event_dispatcher(std::function<void(std::function<void()>)> dispatcher)
 struct ByName {};
 class Call {
   public:
-    Call(const char *call, VAPI_hca_hndl_t hca);
+    Call(Verb verb, VAPI_hca_hndl_t hca);
     // A call addressed to a device by name; the device need not be open (dev() may be null if the
     // name is unknown) and is not locked.
-    Call(const char *call, const std::string &device_name, ByName);
+    Call(Verb verb, const std::string &device_name, ByName);
     bool failed() const { return status_ != VAPI_OK; }
     VAPI_ret_t status() const { return status_; }
     Device &dev() { return *dev_; }
@@ -326,12 +350,9 @@ class Call {
     std::unique_lock<std::mutex> lock_;
 };
 
-// Fault injection and call counting.
-class Faults {
-  public:
-    // Counts the call and returns the injected status, or VAPI_OK.
-    VAPI_ret_t check(const char *call, const std::string &device);
-};
-Faults &faults();
+// Fault injection and call counting. Counts the call (per device, atomically; calls not tied to a
+// device in a small table) and returns the injected status, or VAPI_OK at once when no fault is
+// armed. `dev` may be null; `device_name` names the device the call addresses.
+VAPI_ret_t check_faults(Verb verb, Device *dev, const std::string &device_name);
 
 }  // namespace marlix::softhca

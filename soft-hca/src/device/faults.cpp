@@ -1,5 +1,6 @@
 // Fault injection and call counting. Every verb passes its name and the device it addresses
 // through Faults::check() before doing anything else.
+#include <atomic>
 #include <map>
 #include <mutex>
 
@@ -22,9 +23,11 @@ struct Rule {
 struct State {
     std::mutex mu;
     std::vector<Rule> rules;
+    std::atomic<size_t> armed{0};  // rules.size(), read without the lock by every call
     int next_id = 1;
     unsigned long injected = 0;
-    std::map<std::pair<std::string, std::string>, unsigned long> counts;  // (call, device)
+    // Calls that reach no device (unknown handle, a name that is no device, "*").
+    std::map<std::pair<Verb, std::string>, unsigned long> other_counts;
 };
 
 State &st() {
@@ -38,10 +41,36 @@ bool matches(const std::string &pattern, const std::string &value) {
 
 }  // namespace
 
-VAPI_ret_t Faults::check(const char *call, const std::string &device) {
+const char *verb_name(Verb verb) {
+    static constexpr const char *kNames[] = {
+#define MARLIX_SOFTHCA_VERB_NAME(name) #name,
+        MARLIX_SOFTHCA_VERBS(MARLIX_SOFTHCA_VERB_NAME)
+#undef MARLIX_SOFTHCA_VERB_NAME
+    };
+    return size_t(verb) < kVerbCount ? kNames[size_t(verb)] : "?";
+}
+
+std::optional<Verb> verb_by_name(std::string_view name) {
+    for (size_t i = 0; i < kVerbCount; ++i)
+        if (name == verb_name(Verb(i))) return Verb(i);
+    return std::nullopt;
+}
+
+VAPI_ret_t check_faults(Verb verb, Device *dev, const std::string &device_name) {
     State &s = st();
+    // A call to a device by name counts on that device, like a call by handle.
+    if (!dev) dev = device_by_name(device_name);
+    if (dev) {
+        dev->call_counts[size_t(verb)].fetch_add(1, std::memory_order_relaxed);
+    } else {
+        std::lock_guard lk(s.mu);
+        ++s.other_counts[{verb, device_name}];
+    }
+    // The common case: nothing armed, nothing to compare.
+    if (s.armed.load(std::memory_order_acquire) == 0) return VAPI_OK;
+    const char *call = verb_name(verb);
+    const std::string &device = dev ? dev->name : device_name;
     std::lock_guard lk(s.mu);
-    ++s.counts[{call, device}];
     for (auto it = s.rules.begin(); it != s.rules.end(); ++it) {
         if (!matches(it->call, call) || !matches(it->device, device)) continue;
         VAPI_ret_t status = it->status;
@@ -51,21 +80,18 @@ VAPI_ret_t Faults::check(const char *call, const std::string &device) {
                 return status;
             case FaultMode::Once:
                 s.rules.erase(it);
+                s.armed = s.rules.size();
                 ++s.injected;
                 return status;
             case FaultMode::Nth:
                 if (--it->remaining > 0) continue;
                 s.rules.erase(it);
+                s.armed = s.rules.size();
                 ++s.injected;
                 return status;
         }
     }
     return VAPI_OK;
-}
-
-Faults &faults() {
-    static Faults f;
-    return f;
 }
 
 int inject_fault(const std::string &call, const std::string &device, VAPI_ret_t status, FaultMode mode,
@@ -74,6 +100,7 @@ int inject_fault(const std::string &call, const std::string &device, VAPI_ret_t 
     std::lock_guard lk(s.mu);
     int id = s.next_id++;
     s.rules.push_back({id, call, device, status, mode, mode == FaultMode::Nth ? (nth ? nth : 1) : 1});
+    s.armed = s.rules.size();
     return id;
 }
 
@@ -81,12 +108,14 @@ void clear_fault(int id) {
     State &s = st();
     std::lock_guard lk(s.mu);
     std::erase_if(s.rules, [id](const Rule &r) { return r.id == id; });
+    s.armed = s.rules.size();
 }
 
 void clear_faults() {
     State &s = st();
     std::lock_guard lk(s.mu);
     s.rules.clear();
+    s.armed = 0;
 }
 
 unsigned long injected_fault_count() {
@@ -95,17 +124,26 @@ unsigned long injected_fault_count() {
 }
 
 unsigned long call_count(const std::string &call, const std::string &device) {
+    std::optional<Verb> verb = verb_by_name(call);
+    if (!verb) return 0;
+    unsigned long n = 0;
+    for (size_t i = 0, count = device_count(); i < count; ++i) {
+        Device *d = device_at(i);
+        if (d && matches(device, d->name)) n += d->call_counts[size_t(*verb)].load(std::memory_order_relaxed);
+    }
     State &s = st();
     std::lock_guard lk(s.mu);
-    unsigned long n = 0;
-    for (auto &[key, count] : s.counts)
-        if (key.first == call && matches(device, key.second)) n += count;
+    for (auto &[key, c] : s.other_counts)
+        if (key.first == *verb && matches(device, key.second)) n += c;
     return n;
 }
 
 void reset_call_counts() {
+    for (size_t i = 0, count = device_count(); i < count; ++i)
+        if (Device *d = device_at(i))
+            for (auto &c : d->call_counts) c.store(0, std::memory_order_relaxed);
     std::lock_guard lk(st().mu);
-    st().counts.clear();
+    st().other_counts.clear();
     st().injected = 0;
 }
 

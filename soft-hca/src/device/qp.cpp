@@ -10,14 +10,14 @@ Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp) {
     return it == dev.qps.end() ? nullptr : static_cast<Qp *>(it->second.get());
 }
 
+uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port) {
+    // QP0 and QP1 exist once per port; every other number once per device.
+    return qp_num <= 1 ? (qp_num | uint32_t(port) << 24) : qp_num;
+}
+
 Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port) {
-    for (auto &[h, obj] : dev.qps) {
-        Qp *qp = static_cast<Qp *>(obj.get());
-        if (qp->qp_num != qp_num) continue;
-        if ((qp->kind == QpKind::Smi || qp->kind == QpKind::Gsi) && qp->special_port != port) continue;
-        return qp;
-    }
-    return nullptr;
+    auto it = dev.qp_by_number.find(qp_number_key(qp_num, port));
+    return it == dev.qp_by_number.end() ? nullptr : it->second;
 }
 
 VAPI_cqe_opcode_t send_cqe_opcode(VAPI_wr_opcode_t opcode) {

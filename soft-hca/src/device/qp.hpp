@@ -33,6 +33,7 @@ struct Qp : Object {
 
     // ---- Requester -----------------------------------------------------------------------
     uint64_t next_send = 0;    // position in sq of the next request to (re)transmit
+    uint64_t sent_high = 0;    // positions below this were sent at least once
     uint32_t next_psn = 0;     // PSN of the next packet to send
     uint32_t rd_atom_outstanding = 0;  // RDMA reads and atomics sent and not yet answered
     uint8_t retries_left = 0;          // transport retries left for the oldest request
@@ -96,6 +97,8 @@ CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq);
 // The QP a packet arriving on `port` for QP number `qp_num` is meant for: QP0 and QP1 are the
 // special QPs of that port, other numbers name the same QP on every port. Null when none.
 Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port);
+// The key of Device::qp_by_number for a QP number arriving on a port.
+uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port);
 
 // A few values kept inline, more spilling to the heap: event lists are short (one completion
 // event per armed CQ), so collecting them costs no allocation.

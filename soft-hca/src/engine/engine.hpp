@@ -23,8 +23,9 @@ class Engine {
 };
 
 // One round over every device: timers, requesters, the wire, responders, completers, delayed
-// packets. Returns the amount of work done (0: idle). Called by one thread at a time.
-size_t run_round(uint64_t now);
+// packets. Returns the amount of work done (0: idle). `timers_pending` (optional) says whether a
+// retransmission, an RNR wait or a delayed packet is still to come. Called by one thread at a time.
+size_t run_round(uint64_t now, bool *timers_pending = nullptr);
 
 std::unique_ptr<Engine> make_threaded_engine();
 std::unique_ptr<Engine> make_stepped_engine();

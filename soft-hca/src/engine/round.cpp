@@ -22,10 +22,13 @@ Scratch &scratch() {
 
 }  // namespace
 
-size_t run_round(uint64_t now) {
+size_t run_round(uint64_t now, bool *timers_pending) {
     Scratch &s = scratch();
     size_t work = 0;
-    for (Device *d : devices()) {
+    bool timers = false;
+    for (size_t di = 0, dn = device_count(); di < dn; ++di) {
+        Device *d = device_at(di);
+        if (!d) continue;
         Outbox &out = s.out;
         out.clear();
         PendingEvents events;
@@ -38,6 +41,7 @@ size_t run_round(uint64_t now) {
             work += run_timers(*d, now, events);
             work += run_requesters(*d, now, out, events);
             for (uint32_t i = 0; i < out.count; ++i) out.entries[i].from = d;
+            if (timers_pending && !timers) timers = next_timer(*d) != 0;
         }
         events.deliver(*d);
         if (out.count == 0) continue;
@@ -58,6 +62,7 @@ size_t run_round(uint64_t now) {
     Outbox &dummy = s.out;
     dummy.clear();
     for (uint32_t i = 0; i < s.replies.count; ++i) transmit(s.replies.entries[i], now, dummy);
+    if (timers_pending) *timers_pending = timers || next_delayed() != 0;
     return work;
 }
 

@@ -1,6 +1,6 @@
 // The threaded engine: one host thread runs rounds while there is work and sleeps when there is
-// none, until a post (or a clock change) kicks it. With a real clock it also wakes every
-// millisecond while a data-path timer is armed.
+// none, until a post (or a clock change) kicks it. While a data-path timer is armed it also wakes
+// every millisecond to look at the clock.
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
@@ -8,7 +8,6 @@
 
 #include "engine/engine.hpp"
 #include "host_interface.hpp"
-#include "marlix/kernel.hpp"
 
 namespace marlix::softhca {
 
@@ -53,7 +52,8 @@ class ThreadedEngine : public Engine {
         for (;;) {
             kicked_.store(false);
             const uint64_t start = started_.fetch_add(1) + 1;
-            size_t work = run_round(host::now_ns());
+            bool timers = false;
+            size_t work = run_round(host::now_ns(), &timers);
             if (work > 0) continue;
             std::unique_lock lk(mu_);
             last_idle_start_ = start;
@@ -62,8 +62,9 @@ class ThreadedEngine : public Engine {
             if (kicked_.load()) continue;
             sleeping_.store(true);
             if (!kicked_.load()) {
-                // With the real clock, timers fall due by themselves: look again soon.
-                if (kernel::clock_mode() == kernel::ClockMode::Real)
+                // While a timer is armed, look again soon: the clock moves without telling us
+                // (the real clock by itself, the virtual one when the kernel's time is advanced).
+                if (timers)
                     cv_.wait_for(lk, std::chrono::milliseconds(1), [&] { return stop_ || kicked_.load(); });
                 else
                     cv_.wait(lk, [&] { return stop_ || kicked_.load(); });

@@ -61,7 +61,16 @@ Fate link_fate(int dev_index, int port, uint64_t &delay_ns) {
     return Fate::Pass;
 }
 
-void arrive(const Packet &p, uint64_t now, Outbox &replies);
+void arrive(const Packet &p, uint64_t now, Outbox &replies, bool delayed_already);
+
+void hold(const Packet &p, uint64_t due) {
+    Wire &w = wire();
+    Delayed d{due, p};
+    d.pkt.own_payload();
+    std::lock_guard lk(w.mu);
+    w.delayed.push_back(std::move(d));
+    w.delayed_count.fetch_add(1);
+}
 
 void send_packet(Device *from, IB_port_t port, const Packet &p, uint64_t now, Outbox &replies) {
     // A port sends only while it is up: its LID is then in the subnet's table.
@@ -71,20 +80,22 @@ void send_packet(Device *from, IB_port_t port, const Packet &p, uint64_t now, Ou
     Fate fate = link_fate(from->index, port, delay);
     if (fate == Fate::Drop) return;
     if (fate == Fate::Delay) {
-        Wire &w = wire();
-        Delayed d{now + delay, p};
-        d.pkt.own_payload();
-        std::lock_guard lk(w.mu);
-        w.delayed.push_back(std::move(d));
-        w.delayed_count.fetch_add(1);
+        hold(p, now + delay);
         return;
     }
-    arrive(p, now, replies);
+    arrive(p, now, replies, false);
 }
 
-void deliver_to(Device &dev, IB_port_t port, const Packet &p, uint64_t now, Outbox &replies, bool multicast) {
+void deliver_to(Device &dev, IB_port_t port, const Packet &p, uint64_t now, Outbox &replies, bool multicast,
+                bool delayed_already) {
+    // The receiving port's link: a packet is delayed once on its way, at most.
     uint64_t delay = 0;
-    if (link_fate(dev.index, port, delay) == Fate::Drop) return;
+    Fate fate = link_fate(dev.index, port, delay);
+    if (fate == Fate::Drop) return;
+    if (fate == Fate::Delay && !delayed_already) {
+        hold(p, now + delay);
+        return;
+    }
     PendingEvents events;
     {
         std::lock_guard lk(dev.mu);
@@ -99,7 +110,7 @@ void deliver_to(Device &dev, IB_port_t port, const Packet &p, uint64_t now, Outb
     events.deliver(dev);
 }
 
-void arrive(const Packet &p, uint64_t now, Outbox &replies) {
+void arrive(const Packet &p, uint64_t now, Outbox &replies, bool delayed_already) {
     if (p.dlid >= limits::kFirstMulticastLid && p.dlid != 0xffff) {
         // The switch forwards a multicast packet to every active port; each device hands it to
         // the QPs attached to the group.
@@ -113,7 +124,7 @@ void arrive(const Packet &p, uint64_t now, Outbox &replies) {
                     up = pt && pt->active();
                     lp = port;
                 }
-                if (up) deliver_to(*d, lp, p, now, replies, true);
+                if (up) deliver_to(*d, lp, p, now, replies, true, delayed_already);
             }
         }
         return;
@@ -121,7 +132,7 @@ void arrive(const Packet &p, uint64_t now, Outbox &replies) {
     IB_port_t port = 0;
     Device *dest = device_by_lid(p.dlid, &port);
     if (!dest) return;  // nobody has that LID: the switch drops it
-    deliver_to(*dest, port, p, now, replies, false);
+    deliver_to(*dest, port, p, now, replies, false, delayed_already);
 }
 
 }  // namespace
@@ -149,7 +160,7 @@ size_t deliver_delayed(uint64_t now, Outbox &replies) {
             w.delayed.erase(it);
             w.delayed_count.fetch_sub(1);
         }
-        arrive(p, now, replies);
+        arrive(p, now, replies, true);
         ++n;
     }
     return n;

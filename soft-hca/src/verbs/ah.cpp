@@ -49,7 +49,7 @@ extern "C" {
 
 VAPI_ret_t VAPI_create_addr_hndl(VAPI_hca_hndl_t hca_hndl, VAPI_pd_hndl_t pd_hndl, const VAPI_ud_av_t *av_p,
                                  VAPI_ud_av_hndl_t *av_hndl_p) {
-    Call call("VAPI_create_addr_hndl", hca_hndl);
+    Call call(Verb::VAPI_create_addr_hndl, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     Pd *pd = dev.find_pd(pd_hndl);
@@ -70,7 +70,7 @@ VAPI_ret_t VAPI_create_addr_hndl(VAPI_hca_hndl_t hca_hndl, VAPI_pd_hndl_t pd_hnd
 
 VAPI_ret_t VAPI_modify_addr_hndl(VAPI_hca_hndl_t hca_hndl, VAPI_ud_av_hndl_t av_hndl,
                                  const VAPI_ud_av_t *av_p) {
-    Call call("VAPI_modify_addr_hndl", hca_hndl);
+    Call call(Verb::VAPI_modify_addr_hndl, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     Ah *ah = find_ah(dev, av_hndl);
@@ -81,7 +81,7 @@ VAPI_ret_t VAPI_modify_addr_hndl(VAPI_hca_hndl_t hca_hndl, VAPI_ud_av_hndl_t av_
 }
 
 VAPI_ret_t VAPI_query_addr_hndl(VAPI_hca_hndl_t hca_hndl, VAPI_ud_av_hndl_t av_hndl, VAPI_ud_av_t *av_p) {
-    Call call("VAPI_query_addr_hndl", hca_hndl);
+    Call call(Verb::VAPI_query_addr_hndl, hca_hndl);
     if (call.failed()) return call.status();
     Ah *ah = find_ah(call.dev(), av_hndl);
     if (!ah) return VAPI_EINVAL_AV_HNDL;
@@ -91,7 +91,7 @@ VAPI_ret_t VAPI_query_addr_hndl(VAPI_hca_hndl_t hca_hndl, VAPI_ud_av_hndl_t av_h
 }
 
 VAPI_ret_t VAPI_destroy_addr_hndl(VAPI_hca_hndl_t hca_hndl, VAPI_ud_av_hndl_t av_hndl) {
-    Call call("VAPI_destroy_addr_hndl", hca_hndl);
+    Call call(Verb::VAPI_destroy_addr_hndl, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     Ah *ah = find_ah(dev, av_hndl);

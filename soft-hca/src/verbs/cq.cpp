@@ -23,7 +23,7 @@ extern "C" {
 
 VAPI_ret_t VAPI_create_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cqe_num_t cqe_num, VAPI_cq_hndl_t *cq_hndl_p,
                           VAPI_cqe_num_t *num_of_entries_p) {
-    Call call("VAPI_create_cq", hca_hndl);
+    Call call(Verb::VAPI_create_cq, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     if (!cq_hndl_p || !num_of_entries_p) return VAPI_EINVAL_PARAM;
@@ -41,7 +41,7 @@ VAPI_ret_t VAPI_create_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cqe_num_t cqe_num, VAPI
 }
 
 VAPI_ret_t VAPI_query_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t *num_of_entries_p) {
-    Call call("VAPI_query_cq", hca_hndl);
+    Call call(Verb::VAPI_query_cq, hca_hndl);
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
@@ -52,7 +52,7 @@ VAPI_ret_t VAPI_query_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_
 
 VAPI_ret_t VAPI_resize_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num,
                           VAPI_cqe_num_t *num_of_entries_p) {
-    Call call("VAPI_resize_cq", hca_hndl);
+    Call call(Verb::VAPI_resize_cq, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     CompletionQueue *cq = find_cq(dev, cq_hndl);
@@ -68,7 +68,7 @@ VAPI_ret_t VAPI_resize_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI
 }
 
 VAPI_ret_t VAPI_destroy_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl) {
-    Call call("VAPI_destroy_cq", hca_hndl);
+    Call call(Verb::VAPI_destroy_cq, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     CompletionQueue *cq = find_cq(dev, cq_hndl);
@@ -80,7 +80,7 @@ VAPI_ret_t VAPI_destroy_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl) {
 }
 
 VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_wc_desc_t *comp_desc_p) {
-    Call call("VAPI_poll_cq", hca_hndl);
+    Call call(Verb::VAPI_poll_cq, hca_hndl);
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
@@ -90,7 +90,7 @@ VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_w
 
 VAPI_ret_t VAPI_req_comp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
                                VAPI_cq_notif_type_t notif_type) {
-    Call call("VAPI_req_comp_notif", hca_hndl);
+    Call call(Verb::VAPI_req_comp_notif, hca_hndl);
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
@@ -101,7 +101,7 @@ VAPI_ret_t VAPI_req_comp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
 }
 
 VAPI_ret_t EVAPI_peek_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num) {
-    Call call("EVAPI_peek_cq", hca_hndl);
+    Call call(Verb::EVAPI_peek_cq, hca_hndl);
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
@@ -109,10 +109,20 @@ VAPI_ret_t EVAPI_peek_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_
     return cq->count() >= cqe_num ? VAPI_OK : VAPI_CQ_EMPTY;
 }
 
+VAPI_ret_t EVAPI_req_ncomp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num) {
+    Call call(Verb::EVAPI_req_ncomp_notif, hca_hndl);
+    if (call.failed()) return call.status();
+    CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
+    if (!cq) return VAPI_EINVAL_CQ_HNDL;
+    if (cqe_num == 0 || cqe_num > cq->size()) return VAPI_E2BIG_CQ_NUM;
+    cq->arm_count(cqe_num);
+    return VAPI_OK;
+}
+
 VAPI_ret_t EVAPI_set_comp_eventh(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
                                  VAPI_completion_event_handler_t completion_handler, void *private_data,
                                  EVAPI_compl_handler_hndl_t *completion_handler_hndl_p) {
-    Call call("EVAPI_set_comp_eventh", hca_hndl);
+    Call call(Verb::EVAPI_set_comp_eventh, hca_hndl);
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
@@ -130,7 +140,7 @@ VAPI_ret_t EVAPI_set_comp_eventh(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hnd
 
 VAPI_ret_t EVAPI_clear_comp_eventh(VAPI_hca_hndl_t hca_hndl,
                                    EVAPI_compl_handler_hndl_t completion_handler_hndl) {
-    Call call("EVAPI_clear_comp_eventh", hca_hndl);
+    Call call(Verb::EVAPI_clear_comp_eventh, hca_hndl);
     if (call.failed()) return call.status();
     for (auto &[hndl, obj] : call.dev().cqs) {
         auto *cq = static_cast<CompletionQueue *>(obj.get());

@@ -22,7 +22,7 @@ extern "C" {
 
 VAPI_ret_t EVAPI_alloc_fmr(VAPI_hca_hndl_t hca_hndl, const EVAPI_fmr_t *fmr_props_p,
                            EVAPI_fmr_hndl_t *fmr_hndl_p) {
-    Call call("EVAPI_alloc_fmr", hca_hndl);
+    Call call(Verb::EVAPI_alloc_fmr, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     if (!fmr_props_p || !fmr_hndl_p) return VAPI_EINVAL_PARAM;
@@ -46,7 +46,7 @@ VAPI_ret_t EVAPI_alloc_fmr(VAPI_hca_hndl_t hca_hndl, const EVAPI_fmr_t *fmr_prop
 
 VAPI_ret_t EVAPI_map_fmr(VAPI_hca_hndl_t hca_hndl, EVAPI_fmr_hndl_t fmr_hndl, const EVAPI_fmr_map_t *map_p,
                          VAPI_lkey_t *l_key_p, VAPI_rkey_t *r_key_p) {
-    Call call("EVAPI_map_fmr", hca_hndl);
+    Call call(Verb::EVAPI_map_fmr, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     auto it = dev.fmrs.find(fmr_hndl);
@@ -87,7 +87,7 @@ VAPI_ret_t EVAPI_map_fmr(VAPI_hca_hndl_t hca_hndl, EVAPI_fmr_hndl_t fmr_hndl, co
 
 VAPI_ret_t EVAPI_unmap_fmr(VAPI_hca_hndl_t hca_hndl, u_int32_t num_of_fmrs_to_unmap,
                            const EVAPI_fmr_hndl_t *fmr_hndl_array) {
-    Call call("EVAPI_unmap_fmr", hca_hndl);
+    Call call(Verb::EVAPI_unmap_fmr, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     if (num_of_fmrs_to_unmap > 0 && !fmr_hndl_array) return VAPI_EINVAL_PARAM;
@@ -99,7 +99,7 @@ VAPI_ret_t EVAPI_unmap_fmr(VAPI_hca_hndl_t hca_hndl, u_int32_t num_of_fmrs_to_un
 }
 
 VAPI_ret_t EVAPI_free_fmr(VAPI_hca_hndl_t hca_hndl, EVAPI_fmr_hndl_t fmr_hndl) {
-    Call call("EVAPI_free_fmr", hca_hndl);
+    Call call(Verb::EVAPI_free_fmr, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     auto it = dev.fmrs.find(fmr_hndl);

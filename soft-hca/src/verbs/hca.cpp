@@ -22,7 +22,7 @@ std::string id_string(const char *id) {
 extern "C" {
 
 VAPI_ret_t EVAPI_list_hcas(u_int32_t hca_id_buf_sz, u_int32_t *num_of_hcas_p, VAPI_hca_id_t *hca_id_buf_p) {
-    Call call("EVAPI_list_hcas", "*", ByName{});
+    Call call(Verb::EVAPI_list_hcas, "*", ByName{});
     if (call.failed()) return call.status();
     if (!num_of_hcas_p || (hca_id_buf_sz > 0 && !hca_id_buf_p)) return VAPI_EINVAL_PARAM;
     std::vector<Device *> devs = devices();
@@ -36,7 +36,7 @@ VAPI_ret_t EVAPI_list_hcas(u_int32_t hca_id_buf_sz, u_int32_t *num_of_hcas_p, VA
 
 VAPI_ret_t VAPI_open_hca(const VAPI_hca_id_t hca_id, VAPI_hca_hndl_t *hca_hndl_p) {
     std::string name = id_string(hca_id);
-    Call call("VAPI_open_hca", name, ByName{});
+    Call call(Verb::VAPI_open_hca, name, ByName{});
     if (call.failed()) return call.status();
     if (!hca_hndl_p) return VAPI_EINVAL_PARAM;
     Device *dev = call.dev_ptr();
@@ -51,7 +51,7 @@ VAPI_ret_t VAPI_open_hca(const VAPI_hca_id_t hca_id, VAPI_hca_hndl_t *hca_hndl_p
 
 VAPI_ret_t EVAPI_get_hca_hndl(const VAPI_hca_id_t hca_id, VAPI_hca_hndl_t *hca_hndl_p) {
     std::string name = id_string(hca_id);
-    Call call("EVAPI_get_hca_hndl", name, ByName{});
+    Call call(Verb::EVAPI_get_hca_hndl, name, ByName{});
     if (call.failed()) return call.status();
     if (!hca_hndl_p) return VAPI_EINVAL_PARAM;
     Device *dev = call.dev_ptr();
@@ -64,7 +64,7 @@ VAPI_ret_t EVAPI_get_hca_hndl(const VAPI_hca_id_t hca_id, VAPI_hca_hndl_t *hca_h
 }
 
 VAPI_ret_t EVAPI_release_hca_hndl(VAPI_hca_hndl_t hca_hndl) {
-    Call call("EVAPI_release_hca_hndl", hca_hndl);
+    Call call(Verb::EVAPI_release_hca_hndl, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     // A release without a borrow would hide a caller's bookkeeping error: refuse it.
@@ -74,7 +74,7 @@ VAPI_ret_t EVAPI_release_hca_hndl(VAPI_hca_hndl_t hca_hndl) {
 }
 
 VAPI_ret_t VAPI_close_hca(VAPI_hca_hndl_t hca_hndl) {
-    Call call("VAPI_close_hca", hca_hndl);
+    Call call(Verb::VAPI_close_hca, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     dev.release_all();
@@ -85,7 +85,7 @@ VAPI_ret_t VAPI_close_hca(VAPI_hca_hndl_t hca_hndl) {
 
 VAPI_ret_t VAPI_query_hca_cap(VAPI_hca_hndl_t hca_hndl, VAPI_hca_vendor_t *hca_vendor_p,
                               VAPI_hca_cap_t *hca_cap_p) {
-    Call call("VAPI_query_hca_cap", hca_hndl);
+    Call call(Verb::VAPI_query_hca_cap, hca_hndl);
     if (call.failed()) return call.status();
     if (!hca_vendor_p || !hca_cap_p) return VAPI_EINVAL_PARAM;
     *hca_vendor_p = call.dev().vendor;
@@ -95,7 +95,7 @@ VAPI_ret_t VAPI_query_hca_cap(VAPI_hca_hndl_t hca_hndl, VAPI_hca_vendor_t *hca_v
 
 VAPI_ret_t VAPI_query_hca_port_prop(VAPI_hca_hndl_t hca_hndl, IB_port_t port_num,
                                     VAPI_hca_port_t *hca_port_p) {
-    Call call("VAPI_query_hca_port_prop", hca_hndl);
+    Call call(Verb::VAPI_query_hca_port_prop, hca_hndl);
     if (call.failed()) return call.status();
     Port *p = call.dev().port(port_num);
     if (!p) return VAPI_EINVAL_PORT;
@@ -122,7 +122,7 @@ VAPI_ret_t VAPI_query_hca_port_prop(VAPI_hca_hndl_t hca_hndl, IB_port_t port_num
 
 VAPI_ret_t VAPI_query_hca_gid_tbl(VAPI_hca_hndl_t hca_hndl, IB_port_t port_num, u_int16_t tbl_len_in,
                                   u_int16_t *tbl_len_out, IB_gid_t *gid_tbl_p) {
-    Call call("VAPI_query_hca_gid_tbl", hca_hndl);
+    Call call(Verb::VAPI_query_hca_gid_tbl, hca_hndl);
     if (call.failed()) return call.status();
     Port *p = call.dev().port(port_num);
     if (!p) return VAPI_EINVAL_PORT;
@@ -136,7 +136,7 @@ VAPI_ret_t VAPI_query_hca_gid_tbl(VAPI_hca_hndl_t hca_hndl, IB_port_t port_num, 
 
 VAPI_ret_t VAPI_query_hca_pkey_tbl(VAPI_hca_hndl_t hca_hndl, IB_port_t port_num, u_int16_t tbl_len_in,
                                    u_int16_t *tbl_len_out, VAPI_pkey_t *pkey_tbl_p) {
-    Call call("VAPI_query_hca_pkey_tbl", hca_hndl);
+    Call call(Verb::VAPI_query_hca_pkey_tbl, hca_hndl);
     if (call.failed()) return call.status();
     Port *p = call.dev().port(port_num);
     if (!p) return VAPI_EINVAL_PORT;
@@ -151,7 +151,7 @@ VAPI_ret_t VAPI_query_hca_pkey_tbl(VAPI_hca_hndl_t hca_hndl, IB_port_t port_num,
 VAPI_ret_t VAPI_modify_hca_attr(VAPI_hca_hndl_t hca_hndl, IB_port_t port_num,
                                 const VAPI_hca_attr_t *hca_attr_p,
                                 const VAPI_hca_attr_mask_t *hca_attr_mask_p) {
-    Call call("VAPI_modify_hca_attr", hca_hndl);
+    Call call(Verb::VAPI_modify_hca_attr, hca_hndl);
     if (call.failed()) return call.status();
     Port *p = call.dev().port(port_num);
     if (!p) return VAPI_EINVAL_PORT;
@@ -175,7 +175,7 @@ VAPI_ret_t VAPI_modify_hca_attr(VAPI_hca_hndl_t hca_hndl, IB_port_t port_num,
 
 VAPI_ret_t VAPI_set_async_event_handler(VAPI_hca_hndl_t hca_hndl, VAPI_async_event_handler_t handler,
                                         void *private_data) {
-    Call call("VAPI_set_async_event_handler", hca_hndl);
+    Call call(Verb::VAPI_set_async_event_handler, hca_hndl);
     if (call.failed()) return call.status();
     call.dev().async_handler = handler;
     call.dev().async_private = handler ? private_data : nullptr;

@@ -175,7 +175,7 @@ extern "C" VAPI_ret_t EVAPI_process_local_mad(VAPI_hca_hndl_t hca_hndl, IB_port_
                                               void *mad_out_p) {
     (void)slid;           // the agents answer whoever asks
     (void)proc_mad_opts;  // M_Key is 0 and unchecked, so ignoring it changes nothing
-    Call call("EVAPI_process_local_mad", hca_hndl);
+    Call call(Verb::EVAPI_process_local_mad, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     Port *port = dev.port(port_num);

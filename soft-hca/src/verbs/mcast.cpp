@@ -82,7 +82,7 @@ extern "C" {
 
 VAPI_ret_t VAPI_attach_to_multicast(VAPI_hca_hndl_t hca_hndl, IB_gid_t mcg_dgid, VAPI_qp_hndl_t qp_hndl,
                                     IB_lid_t mcg_lid) {
-    Call call("VAPI_attach_to_multicast", hca_hndl);
+    Call call(Verb::VAPI_attach_to_multicast, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     Qp *qp = nullptr;
@@ -108,7 +108,7 @@ VAPI_ret_t VAPI_attach_to_multicast(VAPI_hca_hndl_t hca_hndl, IB_gid_t mcg_dgid,
 
 VAPI_ret_t VAPI_detach_from_multicast(VAPI_hca_hndl_t hca_hndl, IB_gid_t mcg_dgid, VAPI_qp_hndl_t qp_hndl,
                                       IB_lid_t mcg_lid) {
-    Call call("VAPI_detach_from_multicast", hca_hndl);
+    Call call(Verb::VAPI_detach_from_multicast, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     Qp *qp = nullptr;

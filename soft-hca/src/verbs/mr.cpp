@@ -74,7 +74,7 @@ extern "C" {
 
 VAPI_ret_t VAPI_register_mr(VAPI_hca_hndl_t hca_hndl, const VAPI_mrw_t *req_mrw_p, VAPI_mr_hndl_t *mr_hndl_p,
                             VAPI_mrw_t *rep_mrw_p) {
-    Call call("VAPI_register_mr", hca_hndl);
+    Call call(Verb::VAPI_register_mr, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     if (!req_mrw_p || !mr_hndl_p || !rep_mrw_p) return VAPI_EINVAL_PARAM;
@@ -105,7 +105,7 @@ VAPI_ret_t VAPI_register_mr(VAPI_hca_hndl_t hca_hndl, const VAPI_mrw_t *req_mrw_
 
 VAPI_ret_t VAPI_query_mr(VAPI_hca_hndl_t hca_hndl, VAPI_mr_hndl_t mr_hndl, VAPI_mrw_t *rep_mrw_p,
                          VAPI_virt_addr_t *remote_start_p, VAPI_size_t *remote_size_p) {
-    Call call("VAPI_query_mr", hca_hndl);
+    Call call(Verb::VAPI_query_mr, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     auto it = dev.mrs.find(mr_hndl);
@@ -120,7 +120,7 @@ VAPI_ret_t VAPI_query_mr(VAPI_hca_hndl_t hca_hndl, VAPI_mr_hndl_t mr_hndl, VAPI_
 }
 
 VAPI_ret_t VAPI_deregister_mr(VAPI_hca_hndl_t hca_hndl, VAPI_mr_hndl_t mr_hndl) {
-    Call call("VAPI_deregister_mr", hca_hndl);
+    Call call(Verb::VAPI_deregister_mr, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     auto it = dev.mrs.find(mr_hndl);

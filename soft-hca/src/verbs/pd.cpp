@@ -24,19 +24,19 @@ VAPI_ret_t alloc_pd(Device &dev, u_int32_t max_num_avs, VAPI_pd_hndl_t *pd_hndl_
 extern "C" {
 
 VAPI_ret_t EVAPI_alloc_pd(VAPI_hca_hndl_t hca_hndl, u_int32_t max_num_avs, VAPI_pd_hndl_t *pd_hndl_p) {
-    Call call("EVAPI_alloc_pd", hca_hndl);
+    Call call(Verb::EVAPI_alloc_pd, hca_hndl);
     if (call.failed()) return call.status();
     return alloc_pd(call.dev(), max_num_avs, pd_hndl_p);
 }
 
 VAPI_ret_t VAPI_alloc_pd(VAPI_hca_hndl_t hca_hndl, VAPI_pd_hndl_t *pd_hndl_p) {
-    Call call("VAPI_alloc_pd", hca_hndl);
+    Call call(Verb::VAPI_alloc_pd, hca_hndl);
     if (call.failed()) return call.status();
     return alloc_pd(call.dev(), call.dev().cap.max_ah_num, pd_hndl_p);
 }
 
 VAPI_ret_t VAPI_dealloc_pd(VAPI_hca_hndl_t hca_hndl, VAPI_pd_hndl_t pd_hndl) {
-    Call call("VAPI_dealloc_pd", hca_hndl);
+    Call call(Verb::VAPI_dealloc_pd, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     Pd *pd = dev.find_pd(pd_hndl);

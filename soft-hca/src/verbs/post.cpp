@@ -180,7 +180,7 @@ using namespace marlix::softhca;
 extern "C" {
 
 VAPI_ret_t VAPI_post_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, const VAPI_sr_desc_t *sr_desc_p) {
-    Call call("VAPI_post_sr", hca_hndl);
+    Call call(Verb::VAPI_post_sr, hca_hndl);
     if (call.failed()) return call.status();
     if (!sr_desc_p) return VAPI_EINVAL_PARAM;
     return post_sends(call, qp_hndl, sr_desc_p, 1, SendPost{});
@@ -188,7 +188,7 @@ VAPI_ret_t VAPI_post_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, const 
 
 VAPI_ret_t EVAPI_post_inline_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl,
                                 const VAPI_sr_desc_t *sr_desc_p) {
-    Call call("EVAPI_post_inline_sr", hca_hndl);
+    Call call(Verb::EVAPI_post_inline_sr, hca_hndl);
     if (call.failed()) return call.status();
     if (!sr_desc_p) return VAPI_EINVAL_PARAM;
     SendPost how;
@@ -198,14 +198,14 @@ VAPI_ret_t EVAPI_post_inline_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl
 
 VAPI_ret_t EVAPI_post_sr_list(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, u_int32_t num_of_requests,
                               const VAPI_sr_desc_t *sr_desc_array) {
-    Call call("EVAPI_post_sr_list", hca_hndl);
+    Call call(Verb::EVAPI_post_sr_list, hca_hndl);
     if (call.failed()) return call.status();
     return post_sends(call, qp_hndl, sr_desc_array, num_of_requests, SendPost{});
 }
 
 VAPI_ret_t EVAPI_post_gsi_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl,
                              const VAPI_sr_desc_t *sr_desc_p, VAPI_pkey_ix_t pkey_index) {
-    Call call("EVAPI_post_gsi_sr", hca_hndl);
+    Call call(Verb::EVAPI_post_gsi_sr, hca_hndl);
     if (call.failed()) return call.status();
     if (!sr_desc_p) return VAPI_EINVAL_PARAM;
     SendPost how;
@@ -215,7 +215,7 @@ VAPI_ret_t EVAPI_post_gsi_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl,
 }
 
 VAPI_ret_t VAPI_post_rr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, const VAPI_rr_desc_t *rr_desc_p) {
-    Call call("VAPI_post_rr", hca_hndl);
+    Call call(Verb::VAPI_post_rr, hca_hndl);
     if (call.failed()) return call.status();
     if (!rr_desc_p) return VAPI_EINVAL_PARAM;
     return post_recvs(call, qp_hndl, rr_desc_p, 1);
@@ -223,7 +223,7 @@ VAPI_ret_t VAPI_post_rr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, const 
 
 VAPI_ret_t EVAPI_post_rr_list(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, u_int32_t num_of_requests,
                               const VAPI_rr_desc_t *rr_desc_array) {
-    Call call("EVAPI_post_rr_list", hca_hndl);
+    Call call(Verb::EVAPI_post_rr_list, hca_hndl);
     if (call.failed()) return call.status();
     return post_recvs(call, qp_hndl, rr_desc_array, num_of_requests);
 }

@@ -107,10 +107,8 @@ VAPI_ret_t status_of(const qpsm::Check &c) {
 // The lowest free QP number from 0x400 (QP0 and QP1 are the special QPs; the numbers below
 // 0x400 are kept for them as on the adapter).
 std::optional<VAPI_qp_num_t> allocate_qp_num(Device &dev) {
-    std::set<VAPI_qp_num_t> used;
-    for (auto &[h, obj] : dev.qps) used.insert(static_cast<Qp *>(obj.get())->qp_num);
     VAPI_qp_num_t n = kFirstQpNum;
-    for (auto it = used.lower_bound(n); it != used.end() && *it == n; ++it) ++n;
+    while (n <= kLastQpNum && dev.qp_by_number.count(n)) ++n;
     if (n > kLastQpNum) return std::nullopt;
     return n;
 }
@@ -184,6 +182,7 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
     qp->sq.resize(cap.max_oust_wr_sq, cap.max_sg_size_sq, cap.max_inline_data_sq);
     qp->rq.resize(cap.max_oust_wr_rq, cap.max_sg_size_rq, 0);
 
+    dev.qp_by_number[qp_number_key(qp->qp_num, port)] = qp.get();
     pd->users++;
     scq->qp_users++;
     rcq->qp_users++;
@@ -194,7 +193,7 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
 
 // Back to RESET: the requester and responder forget the connection.
 void reset_datapath_state(Qp &qp) {
-    qp.next_send = qp.sq.head();
+    qp.next_send = qp.sent_high = qp.sq.head();
     qp.next_psn = qp.expected_psn = qp.msn = 0;
     qp.rd_atom_outstanding = 0;
     qp.retransmit_at = qp.rnr_wait_until = 0;
@@ -262,7 +261,7 @@ extern "C" {
 
 VAPI_ret_t VAPI_create_qp(VAPI_hca_hndl_t hca_hndl, const VAPI_qp_init_attr_t *qp_init_attr_p,
                           VAPI_qp_hndl_t *qp_hndl_p, VAPI_qp_prop_t *qp_prop_p) {
-    Call call("VAPI_create_qp", hca_hndl);
+    Call call(Verb::VAPI_create_qp, hca_hndl);
     if (call.failed()) return call.status();
     if (!qp_init_attr_p || !qp_hndl_p || !qp_prop_p) return VAPI_EINVAL_PARAM;
     const uint32_t ts_raw = raw_value(qp_init_attr_p->ts_type);
@@ -284,7 +283,7 @@ VAPI_ret_t VAPI_create_qp(VAPI_hca_hndl_t hca_hndl, const VAPI_qp_init_attr_t *q
 VAPI_ret_t VAPI_get_special_qp(VAPI_hca_hndl_t hca_hndl, IB_port_t port, VAPI_special_qp_t qp_type,
                                const VAPI_qp_init_attr_t *qp_init_attr_p, VAPI_qp_hndl_t *qp_hndl_p,
                                VAPI_qp_cap_t *qp_cap_p) {
-    Call call("VAPI_get_special_qp", hca_hndl);
+    Call call(Verb::VAPI_get_special_qp, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     if (!qp_init_attr_p || !qp_hndl_p || !qp_cap_p) return VAPI_EINVAL_PARAM;
@@ -316,7 +315,7 @@ VAPI_ret_t VAPI_get_special_qp(VAPI_hca_hndl_t hca_hndl, IB_port_t port, VAPI_sp
 
 VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, const VAPI_qp_attr_t *qp_attr_p,
                           const VAPI_qp_attr_mask_t *qp_attr_mask_p, VAPI_qp_cap_t *qp_cap_p) {
-    Call call("VAPI_modify_qp", hca_hndl);
+    Call call(Verb::VAPI_modify_qp, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     Qp *qp = find_qp(dev, qp_hndl);
@@ -394,7 +393,7 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
 
 VAPI_ret_t VAPI_query_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, VAPI_qp_attr_t *qp_attr_p,
                          VAPI_qp_attr_mask_t *qp_attr_mask_p, VAPI_qp_init_attr_t *qp_init_attr_p) {
-    Call call("VAPI_query_qp", hca_hndl);
+    Call call(Verb::VAPI_query_qp, hca_hndl);
     if (call.failed()) return call.status();
     Qp *qp = find_qp(call.dev(), qp_hndl);
     if (!qp) return VAPI_EINVAL_QP_HNDL;
@@ -408,7 +407,7 @@ VAPI_ret_t VAPI_query_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, VAPI_
 }
 
 VAPI_ret_t VAPI_destroy_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl) {
-    Call call("VAPI_destroy_qp", hca_hndl);
+    Call call(Verb::VAPI_destroy_qp, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
     Qp *qp = find_qp(dev, qp_hndl);
@@ -420,6 +419,7 @@ VAPI_ret_t VAPI_destroy_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl) {
     if (CompletionQueue *cq = find_cq(dev, qp->init.rq_cq_hndl)) cq->qp_users--;
     deactivate(dev, *qp);
     qp->destroyed = true;
+    dev.qp_by_number.erase(qp_number_key(qp->qp_num, qp->special_port));
     // The record outlives its handle until the engine's next round on this device: a packet
     // of the current round may still read from its rings.
     auto it = dev.qps.find(qp_hndl);

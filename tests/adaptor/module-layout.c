@@ -1,0 +1,399 @@
+/* The module's records, constants and routine types, measured by the C compiler from the
+ * module's own headers (see module_layout.h). */
+#include <stddef.h>
+#include <string.h>
+
+#include <linux/slab.h>
+
+#include "adaptor-tavor.h"
+#include "ox-adaptor-common.h"
+#include "ox-provider.h"
+#include "ox-entry-points.h"
+#include "async-events.h"
+#include "completion-generator.h"
+#include "completion-events.h"
+#include "module-version.h"
+#include "slot-names.h"
+#include "translate.h"
+
+#include "module_layout.h"
+
+struct adp_field {
+    const char *record;
+    const char *field;
+    size_t offset;
+    size_t size;
+    int is_signed;
+};
+
+#define ADP_INT(record, field)                                               \
+    {#record, #field, offsetof(record, field), sizeof(((record *)0)->field), \
+     (__typeof__(((record *)0)->field))-1 < (__typeof__(((record *)0)->field))1},
+#define ADP_PTR(record, field) {#record, #field, offsetof(record, field), sizeof(void *), 0},
+
+typedef struct tavor_stats tavor_stats;
+typedef struct vapi_err_st vapi_err_st;
+
+#define STAT(f) ADP_INT(tavor_stats, f)
+static const struct adp_field fields[] = {
+    STAT(error_num) STAT(last_error_num) STAT(VAPI_error_num) STAT(last_VAPI_error_num)
+        STAT(mem_alloc_error_num) STAT(last_mem_alloc_error_num) STAT(opend_device_num) STAT(pd_num)
+            STAT(last_pd_num) STAT(cq_num) STAT(last_cq_num) STAT(qp_num) STAT(last_qp_num) STAT(ah_num)
+                STAT(last_ah_num) STAT(mr_num) STAT(last_mr_num) STAT(mg_num) STAT(last_mg_num)
+                    STAT(post_s_num) STAT(last_post_s_num) STAT(inline_send_num) STAT(inline_send_num_last)
+                        STAT(post_s_list_num) STAT(last_post_s_list_num) STAT(post_vapi_s_num){
+                            "tavor_stats", "acc_sg", offsetof(tavor_stats, acc_sg.counter), sizeof(int), 1},
+    STAT(post_r_num) STAT(last_post_r_num) STAT(post_r_list_num) STAT(last_post_r_list_num) STAT(
+        post_vapi_r_num) STAT(rx_byte) STAT(last_rx_byte) STAT(tx_byte) STAT(last_tx_byte)
+        STAT(com_notify_num) STAT(last_com_notify_num) STAT(poll_num) STAT(last_poll_num) STAT(
+            poll_vapi_num) STAT(poll_cq_empty_num) STAT(last_poll_cq_empty_num) STAT(ox_receive_error_status)
+            STAT(ox_receive_last_error_status) STAT(ox_send_error_status) STAT(
+                ox_send_last_error_status) STAT(com_event_num) STAT(last_com_event_num) STAT(async_event_num)
+                STAT(last_async_event_num) STAT(mem_reg_miss) STAT(mem_reg_hit) STAT(total_if_number) STAT(
+                    total_sort_if_number) STAT(total_if_number_new) STAT(total_if_number_error)
+                    STAT(num_of_max_poll) STAT(last_num_of_max_poll) STAT(registered_async_event_cb_num) STAT(
+                        last_registered_async_event_cb_num)
+
+                        ADP_INT(vapi_err_st, func_ix_st) ADP_INT(vapi_err_st, stat_st) ADP_INT(
+                            alloc_mem_t, struct_size) ADP_INT(alloc_mem_t, alloc_num)
+
+                            ADP_PTR(ox_opened_hca_t, next) ADP_PTR(ox_opened_hca_t, prev) ADP_INT(
+                                ox_opened_hca_t,
+                                hca_h) ADP_PTR(ox_opened_hca_t,
+                                               app_hca_h) ADP_PTR(ox_opened_hca_t, opened_cq_array)
+                                ADP_PTR(ox_opened_hca_t, opened_qp_array) ADP_INT(
+                                    ox_opened_hca_t, generic_pd_h) ADP_PTR(ox_opened_hca_t, gen_mem_array_p)
+                                    ADP_INT(ox_opened_hca_t, num_of_gen_mem_reg) ADP_INT(
+                                        ox_opened_hca_t,
+                                        hca_cap_query.port_num) ADP_INT(ox_opened_hca_t, get_hca_h_by_open)
+                                        ADP_PTR(ox_opened_hca_t, events_lists.async_tasklet.func) ADP_INT(
+                                            ox_opened_hca_t, events_lists.async_tasklet.data)
+
+                                            ADP_PTR(ox_gen_mr_element_t, next) ADP_PTR(
+                                                ox_gen_mr_element_t,
+                                                prev) ADP_PTR(ox_gen_mr_element_t,
+                                                              hca_h) ADP_INT(ox_gen_mr_element_t, pd_h)
+                                                ADP_INT(ox_gen_mr_element_t, mr_h) ADP_PTR(
+                                                    ox_gen_mr_element_t,
+                                                    start_mr) ADP_INT(ox_gen_mr_element_t,
+                                                                      length) ADP_PTR(ox_gen_mr_element_t,
+                                                                                      end_mr)
+                                                    ADP_INT(ox_gen_mr_element_t, access_con) ADP_INT(
+                                                        ox_gen_mr_element_t,
+                                                        l_key) ADP_INT(ox_gen_mr_element_t,
+                                                                       r_key) ADP_INT(ox_gen_mr_element_t,
+                                                                                      iova)
+                                                        ADP_INT(ox_gen_mr_element_t, phy_length) ADP_INT(
+                                                            ox_gen_mr_element_t, phy_offset)
+
+                                                            ADP_PTR(ox_asy_ev_element_t, next)
+                                                                ADP_PTR(ox_asy_ev_element_t, prev) ADP_INT(
+                                                                    ox_asy_ev_element_t,
+                                                                    req_asy_ev.req_event_type) ADP_PTR(ox_asy_ev_element_t,
+                                                                                                       app_cb)
+
+                                                                    ADP_PTR(ox_opened_cq_t, next) ADP_PTR(
+                                                                        ox_opened_cq_t,
+                                                                        prev) ADP_PTR(ox_opened_cq_t, cq_h)
+                                                                        ADP_PTR(ox_opened_cq_t, cq_oxuser_context) ADP_PTR(
+                                                                            ox_opened_cq_t,
+                                                                            app_com_callback) ADP_PTR(ox_opened_cq_t,
+                                                                                                      internal_p)
+                                                                            ADP_INT(
+                                                                                ox_opened_cq_t,
+                                                                                comp_handler_hndl)
+
+                                                                                ADP_PTR(
+                                                                                    ox_opened_qp_t,
+                                                                                    next) ADP_PTR(ox_opened_qp_t,
+                                                                                                  prev)
+                                                                                    ADP_PTR(
+                                                                                        ox_opened_qp_t,
+                                                                                        qp_h) ADP_INT(ox_opened_qp_t,
+                                                                                                      qp_num)
+                                                                                        ADP_PTR(
+                                                                                            ox_opened_qp_t,
+                                                                                            qp_oxuser_context)
+                                                                                            ADP_INT(
+                                                                                                ox_opened_qp_t,
+                                                                                                type)};
+
+/* Fields that are list heads or arrays are reached by offset only. */
+static const struct adp_field offsets_only[] = {
+    {"ox_opened_hca_t", "opened_cq_list", offsetof(ox_opened_hca_t, opened_cq_list), 0, 0},
+    {"ox_opened_hca_t", "opened_qp_list", offsetof(ox_opened_hca_t, opened_qp_list), 0, 0},
+    {"ox_opened_hca_t", "generic_mem_reg_list", offsetof(ox_opened_hca_t, generic_mem_reg_list), 0, 0},
+    {"ox_opened_hca_t", "events_lists.reg_for_async", offsetof(ox_opened_hca_t, events_lists.reg_for_async),
+     0, 0},
+    {"alloc_mem_t", "name", offsetof(alloc_mem_t, name), 0, 0},
+};
+
+static const struct {
+    const char *name;
+    size_t size;
+} sizes[] = {
+    {"tavor_stats", sizeof(tavor_stats)},
+    {"vapi_err_st", sizeof(vapi_err_st)},
+    {"alloc_mem_t", sizeof(alloc_mem_t)},
+    {"ox_opened_hca_t", sizeof(ox_opened_hca_t)},
+    {"ox_gen_mr_element_t", sizeof(ox_gen_mr_element_t)},
+    {"ox_asy_ev_element_t", sizeof(ox_asy_ev_element_t)},
+    {"ox_opened_cq_t", sizeof(ox_opened_cq_t)},
+    {"ox_opened_qp_t", sizeof(ox_opened_qp_t)},
+};
+
+#define N(array) (sizeof(array) / sizeof((array)[0]))
+
+static const struct adp_field *find(const char *record, const char *field) {
+    size_t i;
+
+    for (i = 0; i < N(fields); i++)
+        if (!strcmp(fields[i].record, record) && !strcmp(fields[i].field, field)) return &fields[i];
+    for (i = 0; i < N(offsets_only); i++)
+        if (!strcmp(offsets_only[i].record, record) && !strcmp(offsets_only[i].field, field))
+            return &offsets_only[i];
+    return 0;
+}
+
+size_t adp_sizeof(const char *record) {
+    size_t i;
+
+    for (i = 0; i < N(sizes); i++)
+        if (!strcmp(sizes[i].name, record)) return sizes[i].size;
+    return 0;
+}
+
+long adp_offset(const char *record, const char *field) {
+    const struct adp_field *f = find(record, field);
+    return f ? (long)f->offset : -1;
+}
+
+int adp_get(const char *record, const void *base, const char *field, long long *value) {
+    const struct adp_field *f = find(record, field);
+    const char *p;
+
+    if (!f || !f->size) return -1;
+    p = (const char *)base + f->offset;
+    switch (f->size) {
+        case 1:
+            *value = f->is_signed ? (long long)*(const s8 *)p : (long long)*(const u8 *)p;
+            return 0;
+        case 2:
+            *value = f->is_signed ? (long long)*(const s16 *)(const void *)p
+                                  : (long long)*(const u16 *)(const void *)p;
+            return 0;
+        case 4:
+            *value = f->is_signed ? (long long)*(const s32 *)(const void *)p
+                                  : (long long)*(const u32 *)(const void *)p;
+            return 0;
+        case 8:
+            *value = (long long)*(const u64 *)(const void *)p;
+            return 0;
+        default:
+            return -1;
+    }
+}
+
+int adp_set(const char *record, void *base, const char *field, long long value) {
+    const struct adp_field *f = find(record, field);
+    char *p;
+
+    if (!f || !f->size) return -1;
+    p = (char *)base + f->offset;
+    switch (f->size) {
+        case 1:
+            *(u8 *)p = (u8)value;
+            return 0;
+        case 2:
+            *(u16 *)(void *)p = (u16)value;
+            return 0;
+        case 4:
+            *(u32 *)(void *)p = (u32)value;
+            return 0;
+        case 8:
+            *(u64 *)(void *)p = (u64)value;
+            return 0;
+        default:
+            return -1;
+    }
+}
+
+#define CONST(name) {#name, (long long)(name)},
+static const struct {
+    const char *name;
+    long long value;
+} constants[] = {
+    CONST(mem_hca_ix) CONST(mem_mr_ix) CONST(mem_cq_ix) CONST(mem_tasklet_ix) CONST(mem_qp_ix)
+        CONST(mem_async_ix) CONST(mem_gen_mem_array_p_ix) CONST(mem_opened_cq_array_ix) CONST(
+            mem_opened_qp_array_ix) CONST(mem_g_com_cq_array_ix) CONST(mem_last_ix) CONST(LAST_VAPI_ERR_NUM)
+            CONST(OX_OPENED_ARRAY_SLOTS) CONST(OX_OPENED_ARRAY_MAX_IX) CONST(
+                AD_TAVOR_OPENED_ARRAY_ACCOUNTED_SIZE) CONST(AD_TAVOR_G_COM_CQ_ARRAY_SIZE)
+                CONST(hca_query_indx) CONST(port_query_indx) CONST(get_port_gid_tbl_indx) CONST(
+                    get_port_partition_tbl_indx) CONST(hca_modify_indx) CONST(hca_close_indx)
+                    CONST(pd_allocate_indx) CONST(pd_deallocate_indx) CONST(mem_region_register_indx) CONST(
+                        phy_mem_region_register_indx) CONST(mem_region_query_indx)
+                        CONST(mem_region_destroy_indx) CONST(cq_create_indx) CONST(qp_create_indx) CONST(
+                            post_send_indx) CONST(tavor_free_dev_mem_indx) CONST(cq_destroy_indx)
+                            CONST(qp_modify_indx) CONST(qp_query_indx) CONST(qp_destroy_indx) CONST(
+                                qp_get_special_indx) CONST(req_comp_cq_indx) CONST(del_comp_cq_indx)
+                                CONST(ox_qp_type_not_valid) CONST(OX_QP_AT_STATE) CONST(OX_QP_AT_S_MAX_OUT_WR)
+                                    CONST(OX_QP_AT_R_MAX_OUT_WR) CONST(OX_QP_AT_S_PSN) CONST(OX_QP_AT_R_PSN)
+                                        CONST(OX_QP_AT_ACCESS_CON_F) CONST(OX_QP_AT_PHY_PORT_NUM) CONST(
+                                            OX_QP_AT_P_KEY_IX) CONST(OX_QP_AT_Q_KEY) CONST(OX_QP_AT_DEST_QP)
+                                            CONST(OX_QP_AT_DEST_RDMA_ATOM_OUT_NUM) CONST(
+                                                OX_QP_AT_RESP_RDMA_ATOM_OUT_NUM) CONST(OX_QP_AT_MIN_RNR_NAK_T)
+                                                CONST(OX_QP_AT_ADD_VEC) CONST(OX_QP_AT_PATH_MIG_STATE)
+                                                    CONST(OX_QP_AT_ALT_PATH) CONST(OX_QP_AT_L_ACK_T)
+                                                        CONST(OX_QP_AT_RETRY_NUM) CONST(OX_QP_AT_RNR_NUM)
+                                                            CONST(OX_QP_AT_SQD_NOTIFY)
+                                                                CONST(OX_QP_AT_OPTIONAL)};
+
+long long adp_const(const char *name, int *found) {
+    size_t i;
+
+    for (i = 0; i < N(constants); i++) {
+        if (!strcmp(constants[i].name, name)) {
+            if (found) *found = 1;
+            return constants[i].value;
+        }
+    }
+    if (found) *found = 0;
+    return 0;
+}
+
+const char *adp_alloc_row_name(const void *table, int index) {
+    return ((const alloc_mem_t *)table)[index].name;
+}
+
+void *adp_list_first(const void *head) {
+    const struct list_head *h = (const struct list_head *)head;
+    return h->next == h ? 0 : (void *)h->next;
+}
+
+int adp_list_count(const void *head) {
+    const struct list_head *h = (const struct list_head *)head;
+    const struct list_head *pos;
+    int n = 0;
+
+    for (pos = h->next; pos != h; pos = pos->next) n++;
+    return n;
+}
+
+void adp_list_reset(void *head) {
+    INIT_LIST_HEAD((struct list_head *)head);
+}
+
+void adp_call_record_vapi_err(const void *fn, unsigned func_ix, int stat) {
+    ((__typeof__(&ox_mlx_record_vapi_err))fn)(func_ix, stat);
+}
+
+void adp_call_mem_alloc(const void *fn, int index) {
+    ((__typeof__(&mem_alloc_add))fn)((alloc_mem_indx_t)index);
+}
+
+int adp_call_version_init(const void *fn, char *name, char *version, char *tag) {
+    return ((__typeof__(&module_version_init))fn)(name, version, tag);
+}
+
+void adp_call_version_exit(const void *fn, char *name) {
+    ((__typeof__(&module_version_exit))fn)(name);
+}
+
+void adp_call_timer(const void *fn, unsigned long data) {
+    ((__typeof__(&ox_com_timer_generator))fn)(data);
+}
+
+unsigned long long adp_call_fold_node_guid(const void *fn, const unsigned char node_guid[8]) {
+    IB_guid_t guid;
+
+    memcpy(guid, node_guid, sizeof(guid));
+    return ((__typeof__(&ox_mlx_fold_node_guid))fn)(guid);
+}
+
+int adp_call_status_to_ox(const void *fn, int vapi_status) {
+    return (int)((__typeof__(&ox_mlx_status_to_ox))fn)(vapi_status);
+}
+
+void *adp_link_cq_record(void *hca, unsigned long vapi_handle) {
+    ox_opened_hca_t *h = (ox_opened_hca_t *)hca;
+    ox_opened_cq_t *cq = (ox_opened_cq_t *)kzalloc(sizeof(*cq), GFP_KERNEL);
+
+    cq->cq_h = (ox_cq_h_t)vapi_handle;
+    list_add(&cq->list, &h->opened_cq_list);
+    if (vapi_handle <= OX_OPENED_ARRAY_MAX_IX) h->opened_cq_array[vapi_handle] = cq;
+    return cq;
+}
+
+void *adp_link_qp_record(void *hca, unsigned long vapi_handle) {
+    ox_opened_hca_t *h = (ox_opened_hca_t *)hca;
+    ox_opened_qp_t *qp = (ox_opened_qp_t *)kzalloc(sizeof(*qp), GFP_KERNEL);
+
+    qp->qp_h = (ox_qp_h_t)vapi_handle;
+    list_add(&qp->list, &h->opened_qp_list);
+    if (vapi_handle <= OX_OPENED_ARRAY_MAX_IX) h->opened_qp_array[vapi_handle] = qp;
+    return qp;
+}
+
+void *adp_kmalloc(size_t size) {
+    return kzalloc(size, GFP_KERNEL);
+}
+
+void *adp_link_async_registration(void *hca) {
+    ox_opened_hca_t *h = (ox_opened_hca_t *)hca;
+    ox_asy_ev_element_t *element = (ox_asy_ev_element_t *)kzalloc(sizeof(*element), GFP_KERNEL);
+
+    element->req_asy_ev.req_event_type = ox_async_even_all;
+    list_add(&element->list, &h->events_lists.reg_for_async);
+    return element;
+}
+
+int adp_call_unsupported_memory(const void *funcs, void *hca, int *results) {
+    const ox_hca_func_t *f = (const ox_hca_func_t *)funcs;
+    ox_opened_hca_t *h = (ox_opened_hca_t *)hca;
+    ox_phy_buf_t buf = {0x1000, 0x1000};
+    ox_phy_list_t list = {1, &buf};
+    ox_mem_reg_h_t mem_h = 0x5a5a;
+    ox_mem_win_h_t win_h = 0x5a5a;
+    ox_iova_t iova = 0x5a5a;
+    ox_l_key_t l_key = 0x5a5a;
+    ox_r_key_t r_key = 0x5a5a;
+    ox_pd_h_t pd_h = 0x5a5a;
+    ox_wr_t wr;
+    char area[64];
+    int n = 0;
+
+    memset(&wr, 0x5a, sizeof(wr));
+    results[n++] = f->ox_mem_region_re_register(h, 7, 0xff, area, sizeof(area), 3, 7, &mem_h, &l_key, &r_key);
+    results[n++] = f->ox_phy_mem_region_re_register(h, 7, 0xff, &list, 0x1000, 0x1000, 0, 3, 7, &mem_h, &iova,
+                                                    &l_key, &r_key);
+    results[n++] = f->ox_shared_mem_region_register(h, 7, area, 3, 7, &mem_h, &l_key, &r_key);
+    results[n++] = f->ox_mem_win_allocate(h, 3, &win_h, &r_key);
+    results[n++] = f->ox_mem_win_query(h, win_h, &pd_h);
+    results[n++] = f->ox_mem_win_bind(h, (ox_qp_h_t)area, win_h, &wr, &r_key);
+    results[n++] = f->ox_mem_win_deallocate(h, win_h);
+    /* Nothing was written through the outputs. */
+    if (mem_h != 0x5a5a || win_h != 0x5a5a || iova != 0x5a5a || l_key != 0x5a5a || r_key != 0x5a5a ||
+        pd_h != 0x5a5a)
+        return -1;
+    return n;
+}
+
+const void *adp_table_of_exported_symbols(const void *(*lookup)(const char *name)) {
+    static ox_hca_func_t table;
+
+#define FILL_SLOT(index, name) table.ox_##name = (__typeof__(table.ox_##name))lookup("oxi_mlx_" #name);
+    OX_HCA_FUNC_SLOTS_LIST(FILL_SLOT)
+#undef FILL_SLOT
+    return &table;
+}
+
+int adp_call_get_user_cq_h(const void *fn, void *hca, unsigned long vapi_handle, void **user_cq) {
+    return ((__typeof__(&ox_mlx_get_user_cq_h))fn)((ox_opened_hca_t *)hca, (ox_cq_h_t)vapi_handle,
+                                                   (ox_opened_cq_t **)user_cq);
+}
+
+void adp_call_completion_handler(const void *fn, unsigned hca_hndl, unsigned long cq_hndl,
+                                 void *private_data) {
+    ((__typeof__(&ox_mlx_cq_completion_event_handler))fn)((VAPI_hca_hndl_t)hca_hndl, (VAPI_cq_hndl_t)cq_hndl,
+                                                          private_data);
+}

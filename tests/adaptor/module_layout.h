@@ -1,0 +1,78 @@
+/* The module's records as its own headers define them, for the tests.
+ *
+ * The module's headers sit on the emulated kernel's C headers, which do not share a translation
+ * unit with the C++ library. So module-layout.c includes them, in C, and this header hands the
+ * tests what the C compiler measured: field offsets, sizes and signedness by name, the module's
+ * constants by name, and calls into module routines typed by the module's own declarations.
+ * No record is copied by hand. */
+#ifndef ADAPTOR_TEST_MODULE_LAYOUT_H
+#define ADAPTOR_TEST_MODULE_LAYOUT_H
+
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Records known: "tavor_stats", "vapi_err_st", "alloc_mem_t", "ox_opened_hca_t",
+ * "ox_gen_mr_element_t", "ox_asy_ev_element_t", "ox_opened_cq_t", "ox_opened_qp_t". Fields by their C name
+ * (nested ones with a dot; "acc_sg" reads the atomic counter). */
+size_t adp_sizeof(const char *record);
+/* Offset of a field, or -1 when the record or field is unknown. */
+long adp_offset(const char *record, const char *field);
+/* Reads (sign-extended when the field is signed) or writes an integer or pointer field; 0 or -1. */
+int adp_get(const char *record, const void *base, const char *field, long long *value);
+int adp_set(const char *record, void *base, const char *field, long long value);
+
+/* A constant of the module by name (accounting indexes mem_*_ix and mem_last_ix, function indexes
+ * *_indx, LAST_VAPI_ERR_NUM, OX_OPENED_ARRAY_SLOTS, ...); `found` tells whether it exists. */
+long long adp_const(const char *name, int *found);
+
+/* The label of accounting row `index` of a table of alloc_mem_t. */
+const char *adp_alloc_row_name(const void *table, int index);
+
+/* Lists (struct list_head): the first node after `head` (null when empty), the number of nodes,
+ * and re-initialising a head to empty without reading what it pointed at. Records are linked
+ * through their first member, so a node's address is its record's. */
+void *adp_list_first(const void *head);
+int adp_list_count(const void *head);
+void adp_list_reset(void *head);
+
+/* Module routines, called with the types the module declares. */
+void adp_call_record_vapi_err(const void *fn, unsigned func_ix, int stat);
+void adp_call_mem_alloc(const void *fn, int index); /* mem_alloc_add or mem_alloc_del */
+int adp_call_version_init(const void *fn, char *name, char *version, char *tag);
+void adp_call_version_exit(const void *fn, char *name);
+void adp_call_timer(const void *fn, unsigned long data);
+unsigned long long adp_call_fold_node_guid(const void *fn, const unsigned char node_guid[8]);
+int adp_call_status_to_ox(const void *fn, int vapi_status);
+
+/* CQ dispatch: ox_mlx_get_user_cq_h (returns its ox_return_t) and the completion event handler. */
+int adp_call_get_user_cq_h(const void *fn, void *hca, unsigned long vapi_handle, void **user_cq);
+void adp_call_completion_handler(const void *fn, unsigned hca_hndl, unsigned long cq_hndl,
+                                 void *private_data);
+
+/* Tracking records an upper layer left on an HCA, linked the way CQ and QP creation link them:
+ * at the head of the HCA's list and, for a VAPI handle up to 1000, in its array slot. Allocated
+ * with the kernel's kmalloc so that the module can free them. Returns the record. */
+void *adp_link_cq_record(void *hca, unsigned long vapi_handle);
+void *adp_link_qp_record(void *hca, unsigned long vapi_handle);
+/* A kernel allocation of `size` bytes (kmalloc), for records the module frees. */
+void *adp_kmalloc(size_t size);
+/* An asynchronous callback registration linked at the head of the HCA's list. */
+void *adp_link_async_registration(void *hca);
+
+/* Calls the seven memory slots that answer "not supported" (re-register, physical re-register,
+ * shared register, window allocate, query, bind, deallocate) through `funcs` with junk arguments
+ * and stores each result; returns the number of calls. */
+int adp_call_unsupported_memory(const void *funcs, void *hca, int *results);
+
+/* A function table (ox_hca_func_t) whose slots hold the module's exported symbols, found with
+ * `lookup` ("oxi_mlx_<slot name>"); slots without a symbol stay null. Lives until the next call. */
+const void *adp_table_of_exported_symbols(const void *(*lookup)(const char *name));
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

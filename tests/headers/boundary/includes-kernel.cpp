@@ -1,0 +1,2 @@
+/* Kernel code that reaches for a host-side control header: must not compile. */
+#include "marlix/kernel.hpp"
