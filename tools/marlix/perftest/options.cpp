@@ -135,6 +135,7 @@ class Parser {
         } else if (name == "inline_size") {
             if (!number(value, o_.inline_size) || o_.inline_size < 0)
                 return bad("Invalid inline size: " + value);
+            o_.inline_set = true;
         } else if (name == "events") {
             o_.events = true;
         } else if (name == "qp_timeout") {

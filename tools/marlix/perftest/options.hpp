@@ -44,6 +44,7 @@ struct Options {
     uint32_t tx_depth = 0;                          // -t
     uint32_t rx_depth = 512;                        // -r
     int inline_size = -1;                           // -I; -1: the tool's default
+    bool inline_set = false;                        // -I was given
     bool events = false;                            // -e
     uint8_t qp_timeout = 14;                        // -u
     int mtu = 0;                                    // -m; 0: the port's

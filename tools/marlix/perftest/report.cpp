@@ -69,6 +69,8 @@ void print_banner(std::ostream &out, const RunInfo &info, const Options &o) {
     out << " Link type       : IB\n";
     if (t.verb == Verb::Read || t.verb == Verb::Atomic)
         out << format(" Outstand reads  : %u\n", info.outstanding_reads);
+    if (t.verb == Verb::Atomic && !info.atomic_operands)
+        out << " Atomic operands : dropped by the adaptor (the device adds 0 / compares with 0)\n";
     out << format(" Max inline data : %d[B]\n", o.inline_size);
     out << format(" Using events    : %s\n", on_off(o.events));
     out << " rdma_cm QPs\t : OFF\n";

@@ -32,6 +32,7 @@ struct RunInfo {
     std::string client_device, server_device;
     uint32_t mtu_bytes = 0;
     uint32_t outstanding_reads = 0;
+    bool atomic_operands = true;  // the path passes atomic operands to the device
 };
 
 struct AddressLine {

@@ -44,7 +44,7 @@ struct Side {
 
 class Session {
   public:
-    Session(const TestKind &test, const Options &options) : test_(test), o_(options) {}
+    Session(const TestKind &test, Options &options) : test_(test), o_(options) {}
 
     // Opens both sides, makes the CQs, QPs and buffers for messages up to `max_size` and connects
     // them. False with a message.
@@ -77,7 +77,7 @@ class Session {
     bool connect(Side &s, const Side &peer, std::string &error);
 
     const TestKind &test_;
-    const Options &o_;
+    Options &o_;
     uint32_t outstanding_reads_ = 4;
 };
 

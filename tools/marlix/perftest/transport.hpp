@@ -128,6 +128,10 @@ class Endpoint {
     // Waits up to `timeout_ms` for an event of the CQ after its last arm; true when one came.
     virtual bool wait_event(CqId cq, int timeout_ms) = 0;
 
+    // False when the layer does not pass the operands of an atomic request to the device (the
+    // adaptor's translation leaves them out): the device then adds zero and compares with zero.
+    virtual bool carries_atomic_operands() const { return true; }
+
     virtual std::string status_name(int status) const = 0;
     virtual std::string completion_status_name(int status) const = 0;
 };
