@@ -1,13 +1,15 @@
 // What the traffic tools measure, measured by Google Benchmark:
 // - the module's log line when its level is off (trace level 0): the goal is at most 1 ns;
-// - 8-byte RC send post + poll on the threaded engine, straight on VAPI and through the tools'
-//   endpoint interface (the tools' own cost over VAPI);
+// - 8-byte RC send post + poll on the threaded engine, straight on VAPI, through the tools'
+//   direct endpoint (the tools' own cost over VAPI) and through the adaptor endpoint (the
+//   module's oxi_mlx_post_send, oxi_mlx_post_receive and oxi_mlx_poll_for_completion);
 // - memcpy at the sizes of the performance table, the floor of a copying device, and a cache line
 //   bounced between two threads, the floor of a latency.
 #include <benchmark/benchmark.h>
 
 #include <atomic>
 #include <cstring>
+#include <sstream>
 #include <thread>
 #include <string>
 #include <vector>
@@ -15,6 +17,7 @@
 #include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 #include "marlix/stack.hpp"
+#include "console.hpp"
 #include "perftest/transport.hpp"
 
 extern "C" void bench_module_debug_line(const void *qp, int count, unsigned long address);
@@ -36,9 +39,26 @@ void BM_ModuleLogLineOff(benchmark::State &state) {
 }
 BENCHMARK(BM_ModuleLogLineOff);
 
-// Two endpoints of the direct path, one RC QP each, connected across the two devices.
+// A booted host (kernel, stack, software HCA on its threaded engine), with the adaptor module
+// loaded at trace level 0 when asked.
+struct Host {
+    std::ostringstream out, err;
+    marlix::console::Console console{out, err};
+    marlix::console::Host host{console};
+    explicit Host(bool module) {
+        if (module) console.run_text("insmod adaptor-mlx; rep set marlix/modules/adaptor-mlx/ debug-level 0");
+    }
+};
+
+std::unique_ptr<pt::Endpoint> make(pt::Path path) {
+    std::string why;
+    return path == pt::Path::Direct ? pt::make_direct_endpoint() : pt::make_adaptor_endpoint(why);
+}
+
+// Two endpoints of a path, one RC QP each, connected across the two devices.
 struct Pair {
-    std::unique_ptr<pt::Endpoint> a = pt::make_direct_endpoint(), b = pt::make_direct_endpoint();
+    Host booted;
+    std::unique_ptr<pt::Endpoint> a, b;
     pt::CqId acq = 0, bcq = 0;
     pt::QpId aqp = 0, bqp = 0;
     pt::QpInfo ai, bi;
@@ -46,9 +66,12 @@ struct Pair {
     std::string error;
     bool ok = false;
 
-    Pair() {
-        marlix::kernel::boot();
-        marlix::softhca::boot();
+    explicit Pair(pt::Path path = pt::Path::Direct)
+        : booted(path == pt::Path::Adaptor), a(make(path)), b(make(path)) {
+        if (!a || !b) {
+            error = "the adaptor's provider is not registered";
+            return;
+        }
         pt::PortInfo ap, bp;
         pt::QpCaps caps{64, 64, 0};
         ok = a->open("InfiniHost0", 1, error) && b->open("InfiniHost1", 1, error) &&
@@ -71,13 +94,11 @@ struct Pair {
     ~Pair() {
         a.reset();
         b.reset();
-        marlix::softhca::halt();
-        marlix::kernel::halt();
     }
 };
 
 void BM_EndpointSendPostPoll(benchmark::State &state) {
-    Pair p;
+    Pair p(state.range(0) ? pt::Path::Adaptor : pt::Path::Direct);
     if (!p.ok) return state.SkipWithError(p.error.c_str());
     for (int i = 0; i < 64; ++i) p.b->post_recv(p.bqp, 0, p.bmr.local_addr, 64, p.bmr.lkey);
     pt::SendRequest w;
@@ -96,7 +117,9 @@ void BM_EndpointSendPostPoll(benchmark::State &state) {
     }
     state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_EndpointSendPostPoll)->UseRealTime();
+// Argument 0: the direct endpoint (VAPI); 1: the adaptor endpoint (the module's provider table,
+// trace level 0).
+BENCHMARK(BM_EndpointSendPostPoll)->Arg(0)->Arg(1)->UseRealTime();
 
 void BM_VapiSendPostPoll(benchmark::State &state) {
     Pair p;
@@ -151,8 +174,8 @@ void BM_CacheLinePingPong(benchmark::State &state) {
     }
     done = true;
     peer.join();
-    state.counters["half_round_trip_ns"] =
-        benchmark::Counter(double(state.iterations()) * 2, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["half_round_trip_ns"] = benchmark::Counter(
+        double(state.iterations()) * 2, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_CacheLinePingPong)->UseRealTime();
 
