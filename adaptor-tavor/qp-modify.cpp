@@ -93,6 +93,7 @@ static const VAPI_qp_attr_mask_t mask_ox_to_mlx_trans[OX_QP_AT_BIT_COUNT] = {
     do {                                                                                       \
         if (mask & (flag)) {                                                                   \
             const u32 raw_value = ox_mlx_raw_enum(&(caller_field));                            \
+            static_assert(sizeof(attr.vapi_field) == sizeof(u32), "a 32-bit enumeration");      \
             AD_TAVOR_DEBUG("bitmask: " #flag);                                                 \
             ox_mlx_store_raw_enum(&attr.vapi_field, raw_value);                                \
             vapi_mask |= mask_ox_to_mlx_trans[OX_QP_AT_NUM(flag)];                             \
@@ -222,7 +223,7 @@ ox_return_t oxi_mlx_qp_modify(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h, ox_
                 AD_TAVOR_DEBUG("need to fill some opt attributes");
                 OX_QP_TAKE_ALT_PATH(rtr->opt_alternate_path, OX_QP_RTR_PATH_PORT);
                 OX_QP_TAKE(OX_QP_AT_MIN_RNR_NAK_T, min_rnr_timer,
-                           (IB_rnr_nak_timer_code_t)rtr->opt_min_rnr_nak_timer);
+                           (IB_rnr_nak_timer_code_t)ox_mlx_raw_enum(&rtr->opt_min_rnr_nak_timer));
                 OX_QP_TAKE(OX_QP_AT_P_KEY_IX, pkey_ix, rtr->opt_p_key_indx);
                 OX_QP_TAKE(OX_QP_AT_Q_KEY, qkey, rtr->opt_q_key);
                 OX_QP_TAKE(OX_QP_AT_R_MAX_OUT_WR, cap.max_oust_wr_rq, rtr->opt_receive_max_outstand_wr);
@@ -247,7 +248,7 @@ ox_return_t oxi_mlx_qp_modify(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h, ox_
                 OX_QP_TAKE_ALT_PATH(rts->opt_alternate_path, 0);
                 OX_QP_TAKE(OX_QP_AT_Q_KEY, qkey, rts->opt_q_key);
                 OX_QP_TAKE(OX_QP_AT_MIN_RNR_NAK_T, min_rnr_timer,
-                           (IB_rnr_nak_timer_code_t)rts->opt_min_rnr_nak_timer);
+                           (IB_rnr_nak_timer_code_t)ox_mlx_raw_enum(&rts->opt_min_rnr_nak_timer));
                 OX_QP_TAKE_ENUM(OX_QP_AT_PATH_MIG_STATE, path_mig_state, rts->opt_path_migrate_state);
                 OX_QP_TAKE(OX_QP_AT_R_MAX_OUT_WR, cap.max_oust_wr_rq, rts->opt_receive_max_outstand_wr);
                 OX_QP_TAKE(OX_QP_AT_S_MAX_OUT_WR, cap.max_oust_wr_sq, rts->opt_send_max_outstand_wr);
