@@ -48,87 +48,13 @@ static const u32 ev_rec_type_mlx_to_ox_translation[MAX_MLX_ASYNC_RECORD] = {
                    current->pid, (unsigned long)(preempt_count() & 0xffff00UL),                        \
                    (unsigned long)(preempt_count() & 0xff0000UL), (unsigned long)(preempt_count() & 0xff00UL))
 
-/* The HCA record `private_data` names, if it is open and still carries `hca_hndl`. */
-static ox_opened_hca_t *ox_mlx_async_find_hca(VAPI_hca_hndl_t hca_hndl, void *private_data) {
-    struct list_head *pos;
-
-    list_for_each(pos, &g_opened_mlx_hcas_list) {
-        ox_opened_hca_t *hca = list_entry(pos, ox_opened_hca_t, list);
-
-        if ((void *)hca != private_data) continue;
-        AD_TAVOR_DEBUG("found hca in hca's list  %p", (void *)hca);
-        if (hca->hca_h != hca_hndl) return 0;
-        AD_TAVOR_DEBUG("hca_hndl matches too  %u", (unsigned)hca_hndl);
-        return hca;
-    }
-    return 0;
-}
-
-/* Fills the QP part of the record; false when the QP is not one the adaptor tracks. */
-static int ox_mlx_async_qp(ox_opened_hca_t *hca, VAPI_qp_hndl_t qp_hndl, ox_event_record_t *rec) {
-    ox_opened_qp_t *opened_qp_p;
-    const u32 low = (u32)qp_hndl;
-
-    AD_TAVOR_DEBUG("case for QP");
-    if (ox_mlx_handle_has_slot(low)) {
-        AD_TAVOR_DEBUG("Working with: opend_hca_p->opened_qp_array[%d]", (int)low);
-        opened_qp_p = ox_mlx_qp_slot(hca, low);
-        AD_TAVOR_DEBUG("opened_qp_p: %p", (void *)opened_qp_p);
-        if (!opened_qp_p) {
-            AD_TAVOR_DEBUG("NULL opened_qp_p, maybe it is NOT created by oxverbs interface");
-            return 0;
-        }
-    } else {
-        AD_TAVOR_DEBUG("looking in the list");
-        opened_qp_p = ox_mlx_qp_in_list(hca, (u64)qp_hndl, 0);
-        if (!opened_qp_p) {
-            /* DEBUG despite the wording: a QP created outside the adaptor is not an error here. */
-            AD_TAVOR_DEBUG("ERROR - didn't find QP, maybe it is NOT created by oxverbs interface");
-            return 0;
-        }
-        AD_TAVOR_DEBUG("find in the list: %p", (void *)opened_qp_p);
-    }
-    rec->type.qp.qp_h = (ox_qp_h_t)opened_qp_p;
-    rec->type.qp.qp_num = opened_qp_p->qp_num;
-    rec->type.qp.context = (ox_qp_context_t)opened_qp_p->qp_oxuser_context;
-    AD_TAVOR_DEBUG("find, user qp_h: %p, qp num: %d, qp context: %p", (void *)opened_qp_p,
-                   (int)opened_qp_p->qp_num, (void *)opened_qp_p->qp_oxuser_context);
-    return 1;
-}
-
-static int ox_mlx_async_cq(ox_opened_hca_t *hca, VAPI_cq_hndl_t cq_hndl, ox_event_record_t *rec) {
-    ox_opened_cq_t *opened_cq_p;
-    const u32 low = (u32)cq_hndl;
-
-    AD_TAVOR_DEBUG("case for CQ");
-    if (ox_mlx_handle_has_slot(low)) {
-        AD_TAVOR_DEBUG("Working with: opend_hca_p->opened_cq_array[%d]", (int)low);
-        opened_cq_p = ox_mlx_cq_slot(hca, low);
-        AD_TAVOR_DEBUG("opened_cq_p: %p", (void *)opened_cq_p);
-        if (!opened_cq_p) {
-            AD_TAVOR_DEBUG("NULL opened_cq_p, maybe it is NOT created by oxverbs interface");
-            return 0;
-        }
-    } else {
-        AD_TAVOR_DEBUG("looking in the list");
-        opened_cq_p = ox_mlx_cq_in_list(hca, (u64)cq_hndl, 0);
-        if (!opened_cq_p) {
-            AD_TAVOR_DEBUG("didn't find CQ, maybe it is NOT created by oxverbs interface");
-            return 0;
-        }
-        AD_TAVOR_DEBUG("find in the list: %p", (void *)opened_cq_p);
-    }
-    rec->type.cq.cq_h = (ox_cq_h_t)opened_cq_p;
-    rec->type.cq.context = (ox_cq_context_t)opened_cq_p->cq_oxuser_context;
-    AD_TAVOR_DEBUG("find, user cq_h: %p, cq context: %p", (void *)opened_cq_p,
-                   (void *)opened_cq_p->cq_oxuser_context);
-    return 1;
-}
-
 void ox_mlx_async_event_callback(VAPI_hca_hndl_t hca_hndl, VAPI_event_record_t *event_record_p,
                                  void *private_data) {
     ox_event_record_t event_rec;
-    ox_opened_hca_t *hca;
+    ox_opened_hca_t *hca = 0;
+    ox_opened_qp_t *opened_qp_p;
+    ox_opened_cq_t *opened_cq_p;
+    struct list_head *pos;
     ox_app_async_event_callback_t app_cb;
     unsigned long flags;
     u32 vapi_type;
@@ -143,7 +69,18 @@ void ox_mlx_async_event_callback(VAPI_hca_hndl_t hca_hndl, VAPI_event_record_t *
         AD_TAVOR_ERROR("no HCA context!!! hca_h: %p", private_data);
         goto error_exit;
     }
-    hca = ox_mlx_async_find_hca(hca_hndl, private_data);
+    /* The record must be open and still carry the handle VAPI names. */
+    list_for_each(pos, &g_opened_mlx_hcas_list) {
+        ox_opened_hca_t *candidate = list_entry(pos, ox_opened_hca_t, list);
+
+        if ((void *)candidate != private_data) continue;
+        AD_TAVOR_DEBUG("found hca in hca's list  %p", (void *)candidate);
+        if (candidate->hca_h == hca_hndl) {
+            AD_TAVOR_DEBUG("hca_hndl matches too  %u", (unsigned)hca_hndl);
+            hca = candidate;
+        }
+        break;
+    }
     if (!hca) {
         AD_TAVOR_ERROR("hca not found in g_opened_mlx_hcas_list  -  bailing out");
         goto error_exit;
@@ -167,12 +104,63 @@ void ox_mlx_async_event_callback(VAPI_hca_hndl_t hca_hndl, VAPI_event_record_t *
         case ox_async_r_com_est_ev:
         case ox_async_r_send_q_drained_ev:
         case ox_async_r_l_wq_err:
-        case ox_async_r_path_migrated_err:
-            if (!ox_mlx_async_qp(hca, event_record_p->modifier.qp_hndl, &event_rec)) goto quiet_exit;
+        case ox_async_r_path_migrated_err: {
+            const VAPI_qp_hndl_t qp_hndl = event_record_p->modifier.qp_hndl;
+
+            AD_TAVOR_DEBUG("case for QP");
+            /* The array is indexed by the handle's low 32 bits. */
+            if (ox_mlx_handle_has_slot((u32)qp_hndl)) {
+                AD_TAVOR_DEBUG("Working with: opend_hca_p->opened_qp_array[%d]", (int)(u32)qp_hndl);
+                opened_qp_p = ox_mlx_qp_slot(hca, (u32)qp_hndl);
+                AD_TAVOR_DEBUG("opened_qp_p: %p", (void *)opened_qp_p);
+                if (!opened_qp_p) {
+                    AD_TAVOR_DEBUG("NULL opened_qp_p, maybe it is NOT created by oxverbs interface");
+                    goto quiet_exit;
+                }
+            } else {
+                AD_TAVOR_DEBUG("looking in the list");
+                opened_qp_p = ox_mlx_qp_in_list(hca, (u64)qp_hndl, 0);
+                if (!opened_qp_p) {
+                    /* DEBUG despite the wording: a QP made outside the adaptor is not its error. */
+                    AD_TAVOR_DEBUG("ERROR - didn't find QP, maybe it is NOT created by oxverbs interface");
+                    goto quiet_exit;
+                }
+                AD_TAVOR_DEBUG("find in the list: %p", (void *)opened_qp_p);
+            }
+            event_rec.type.qp.qp_h = (ox_qp_h_t)opened_qp_p;
+            event_rec.type.qp.qp_num = opened_qp_p->qp_num;
+            event_rec.type.qp.context = (ox_qp_context_t)opened_qp_p->qp_oxuser_context;
+            AD_TAVOR_DEBUG("find, user qp_h: %p, qp num: %d, qp context: %p", (void *)opened_qp_p,
+                           (int)opened_qp_p->qp_num, (void *)opened_qp_p->qp_oxuser_context);
             break;
-        case ox_async_r_cq_err:
-            if (!ox_mlx_async_cq(hca, event_record_p->modifier.cq_hndl, &event_rec)) goto quiet_exit;
+        }
+        case ox_async_r_cq_err: {
+            const VAPI_cq_hndl_t cq_hndl = event_record_p->modifier.cq_hndl;
+
+            AD_TAVOR_DEBUG("case for CQ");
+            if (ox_mlx_handle_has_slot((u32)cq_hndl)) {
+                AD_TAVOR_DEBUG("Working with: opend_hca_p->opened_cq_array[%d]", (int)(u32)cq_hndl);
+                opened_cq_p = ox_mlx_cq_slot(hca, (u32)cq_hndl);
+                AD_TAVOR_DEBUG("opened_cq_p: %p", (void *)opened_cq_p);
+                if (!opened_cq_p) {
+                    AD_TAVOR_DEBUG("NULL opened_cq_p, maybe it is NOT created by oxverbs interface");
+                    goto quiet_exit;
+                }
+            } else {
+                AD_TAVOR_DEBUG("looking in the list");
+                opened_cq_p = ox_mlx_cq_in_list(hca, (u64)cq_hndl, 0);
+                if (!opened_cq_p) {
+                    AD_TAVOR_DEBUG("didn't find CQ, maybe it is NOT created by oxverbs interface");
+                    goto quiet_exit;
+                }
+                AD_TAVOR_DEBUG("find in the list: %p", (void *)opened_cq_p);
+            }
+            event_rec.type.cq.cq_h = (ox_cq_h_t)opened_cq_p;
+            event_rec.type.cq.context = (ox_cq_context_t)opened_cq_p->cq_oxuser_context;
+            AD_TAVOR_DEBUG("find, user cq_h: %p, cq context: %p", (void *)opened_cq_p,
+                           (void *)opened_cq_p->cq_oxuser_context);
             break;
+        }
         case ox_async_r_l_err:
         case ox_async_r_port:
             event_rec.port_num = (u8)event_record_p->modifier.port_num;
