@@ -46,7 +46,7 @@ ulp::Object *latest_on(ulp::Session &s, const std::string &kind, const std::stri
 struct EventCounts {
     bool enabled = false;
     uint64_t notifications = 0;
-    uint64_t events = 0;
+    uint64_t events = 0;  // counted by the CQs' callbacks
 };
 
 bool poll_for(End &end, uint64_t wr_id, ulp_completion &wc) {
@@ -64,26 +64,24 @@ bool busy_wait_for(End &end, uint64_t wr_id, ulp_completion &wc) {
     return false;
 }
 
-// Arm, event, poll: the CQ is polled only when it may hold something new.
+// Arm, event, poll: the CQ is polled only when it may hold something new, that is before it is
+// armed (what completed earlier raises no event) and after each of its completion events.
 bool event_wait_for(End &end, uint64_t wr_id, ulp_completion &wc, EventCounts &counts) {
     bool armed = false;
-    uint64_t seen = ulp::completion_events(*end.cq);
+    uint64_t seen = 0;
     for (int round = 0; round < kPollRounds; ++round) {
-        if (poll_for(end, wr_id, wc)) return true;
         if (!armed) {
+            if (poll_for(end, wr_id, wc)) return true;
             if (ulp_request_notification(end.hca->funcs, end.hca->ptr, end.cq->ptr, 0) != 0) return false;
             ++counts.notifications;
             armed = true;
             seen = ulp::completion_events(*end.cq);
-            continue;  // what completed before the arming raises no event: poll once more
+            if (poll_for(end, wr_id, wc)) return true;
+            continue;
         }
         ulp::settle();
         kernel::irq_sync();
-        const uint64_t now = ulp::completion_events(*end.cq);
-        if (now != seen) {
-            counts.events += now - seen;
-            armed = false;
-        }
+        if (ulp::completion_events(*end.cq) != seen) armed = false;
     }
     return false;
 }
@@ -161,6 +159,8 @@ int ulp_pingpong(Console &c, ulp::Session &s, const std::vector<std::string> &ar
         }
     }
 
+    // The completion events both CQs received during the exchanges.
+    const uint64_t events_before = ulp::completion_events(*ends[0].cq) + ulp::completion_events(*ends[1].cq);
     uint64_t verified = 0, errors = 0, wr_id = 1;
     for (uint64_t n = 0; n < count; ++n) {
         for (int dir = 0; dir < 2; ++dir) {
@@ -171,6 +171,8 @@ int ulp_pingpong(Console &c, ulp::Session &s, const std::vector<std::string> &ar
     }
     if (type == "ud")
         for (End &e : ends) ulp_ah_destroy(e.hca->funcs, e.hca->ptr, e.ah);
+    kernel::irq_sync();
+    counts.events = ulp::completion_events(*ends[0].cq) + ulp::completion_events(*ends[1].cq) - events_before;
 
     c.out() << "pingpong " << type << ": " << count << " exchanges, " << bytes << " bytes, " << verified
             << " bytes verified, " << errors << " errors";
