@@ -43,10 +43,11 @@ static const u32 ev_rec_type_mlx_to_ox_translation[MAX_MLX_ASYNC_RECORD] = {
     0,                               /* VAPI_ECC_DETECT */
 };
 
-#define OX_LOG_EVENT_CONTEXT(closing)                                                                   \
+#define OX_LOG_EVENT_CONTEXT(closing)                                                                  \
     AD_TAVOR_DEBUG("current->pid: %d, in_interrupt(): %lu,  in_irq(): %lu, in_softirq(): %lu" closing, \
                    current->pid, (unsigned long)(preempt_count() & 0xffff00UL),                        \
-                   (unsigned long)(preempt_count() & 0xff0000UL), (unsigned long)(preempt_count() & 0xff00UL))
+                   (unsigned long)(preempt_count() & 0xff0000UL),                                      \
+                   (unsigned long)(preempt_count() & 0xff00UL))
 
 void ox_mlx_async_event_callback(VAPI_hca_hndl_t hca_hndl, VAPI_event_record_t *event_record_p,
                                  void *private_data) {

@@ -33,12 +33,14 @@ ox_return_t oxi_mlx_set_async_event_cb(ox_opened_hca_t *opened_hca_p, ox_request
         switch (req_er.req_event_type) {
             case ox_async_even_qp:
                 element->req_asy_ev.type = req_er.type;
-                element->vend_h.qp_vend_h = (VAPI_qp_hndl_t)(unsigned long)((ox_opened_qp_t *)req_er.type.qp_h)->qp_h;
+                element->vend_h.qp_vend_h =
+                    (VAPI_qp_hndl_t)(unsigned long)((ox_opened_qp_t *)req_er.type.qp_h)->qp_h;
                 AD_TAVOR_DEBUG("Insert into qp async");
                 break;
             case ox_async_even_cq:
                 element->req_asy_ev.type = req_er.type;
-                element->vend_h.cq_vend_h = (VAPI_cq_hndl_t)(unsigned long)((ox_opened_cq_t *)req_er.type.cq_h)->cq_h;
+                element->vend_h.cq_vend_h =
+                    (VAPI_cq_hndl_t)(unsigned long)((ox_opened_cq_t *)req_er.type.cq_h)->cq_h;
                 AD_TAVOR_DEBUG("Insert into cq async");
                 break;
             case ox_async_even_eec:
@@ -60,7 +62,8 @@ ox_return_t oxi_mlx_set_async_event_cb(ox_opened_hca_t *opened_hca_p, ox_request
 
     g_stat.registered_async_event_cb_num++;
     g_stat.last_registered_async_event_cb_num++;
-    AD_TAVOR_DEBUG("Insert into all async list, num of registered CB: %d", (int)g_stat.registered_async_event_cb_num);
+    AD_TAVOR_DEBUG("Insert into all async list, num of registered CB: %d",
+                   (int)g_stat.registered_async_event_cb_num);
     return ox_return_ok;
 }
 
@@ -84,7 +87,8 @@ ox_return_t oxi_mlx_dell_async_event_cb(ox_opened_hca_t *opened_hca_p,
         g_stat.last_registered_async_event_cb_num--;
         removed++;
     }
-    AD_TAVOR_DEBUG("Remove from list: %d elements, remaining: %d", removed, (int)g_stat.registered_async_event_cb_num);
+    AD_TAVOR_DEBUG("Remove from list: %d elements, remaining: %d", removed,
+                   (int)g_stat.registered_async_event_cb_num);
     OX_MLX_UNLOCK(flags);
     return ox_return_ok;
 }

@@ -59,10 +59,13 @@ class AsyncEvents : public QueuesFixture {
         hca_ = open_hca(device, &hca_context_);
         ASSERT_NE(nullptr, hca_);
     }
-    int reg(unsigned slot, const char *kind = "ox_async_even_all", void *object = nullptr, void *hca = nullptr) {
+    int reg(unsigned slot, const char *kind = "ox_async_even_all", void *object = nullptr,
+            void *hca = nullptr) {
         return ulp_async_register(provider(), hca ? hca : hca_, slot, req(kind), object);
     }
-    int unreg(unsigned slot, void *hca = nullptr) { return ulp_async_unregister(provider(), hca ? hca : hca_, slot); }
+    int unreg(unsigned slot, void *hca = nullptr) {
+        return ulp_async_unregister(provider(), hca ? hca : hca_, slot);
+    }
     VAPI_hca_hndl_t vapi_hca() { return static_cast<VAPI_hca_hndl_t>(hca_record(hca_)["hca_h"]); }
     void raise(uint32_t type, uint64_t modifier) {
         ASSERT_TRUE(hca::raise_async_event("InfiniHost0", type, modifier));
@@ -79,7 +82,8 @@ class AsyncEvents : public QueuesFixture {
     static std::vector<std::string> handler_lines() {
         std::vector<std::string> out;
         for (const auto &l : without_lock_trace(log()))
-            if (l.find(" : AD_TAVOR : " + kH + ":") != std::string::npos && l.find("current->pid:") == std::string::npos)
+            if (l.find(" : AD_TAVOR : " + kH + ":") != std::string::npos &&
+                l.find("current->pid:") == std::string::npos)
                 out.push_back(l);
         return out;
     }
@@ -140,14 +144,15 @@ TEST_F(AsyncEvents, CablePulledAndReplugedReachTheNewestCallbackOnly) {
     EXPECT_EQ(&hca_context_, got[0].hca_app_h);
     EXPECT_EQ(1, stats()["async_event_num"]);
     EXPECT_EQ(1, stats()["last_async_event_num"]);
-    EXPECT_EQ((std::vector<std::string>{
-                  ad_debug(kH, "found hca in hca's list  " + kptr(hca_)),
-                  ad_debug(kH, "hca_hndl matches too  " + std::to_string(vapi_hca())),
-                  ad_debug(kH, "!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!"),
-                  ad_debug(kH, "hca_app_h: " + kptr(&hca_context_) + ", ox event_type: 1024, mlx event_type: 15"),
-                  ad_debug(kH, "case for HCA or Port 1"),
-              }),
-              handler_lines());
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            ad_debug(kH, "found hca in hca's list  " + kptr(hca_)),
+            ad_debug(kH, "hca_hndl matches too  " + std::to_string(vapi_hca())),
+            ad_debug(kH, "!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!"),
+            ad_debug(kH, "hca_app_h: " + kptr(&hca_context_) + ", ox event_type: 1024, mlx event_type: 15"),
+            ad_debug(kH, "case for HCA or Port 1"),
+        }),
+        handler_lines());
     // Lock, lock taken, unlock: the callback runs after the release.
     auto all = log();
     EXPECT_EQ(3u, count_with(all, "ADAPTOR_LOCK cpu[") + count_with(all, "ADAPTOR_UNLOCK cpu["));
@@ -206,18 +211,19 @@ TEST_F(AsyncEvents, AQpDrivenIntoErrorIsReportedWithTheCallersHandles) {
     EXPECT_EQ(&qp_context, got[0].context);
     EXPECT_EQ(&hca_context_, got[0].hca_app_h);
     const unsigned long h = vapi_qp(q);
-    EXPECT_EQ((std::vector<std::string>{
-                  ad_debug(kH, "found hca in hca's list  " + kptr(hca_)),
-                  ad_debug(kH, "hca_hndl matches too  " + std::to_string(vapi_hca())),
-                  ad_debug(kH, "!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!"),
-                  ad_debug(kH, "hca_app_h: " + kptr(&hca_context_) + ", ox event_type: 8, mlx event_type: 10"),
-                  ad_debug(kH, "case for QP"),
-                  ad_debug(kH, "Working with: opend_hca_p->opened_qp_array[" + std::to_string(h) + "]"),
-                  ad_debug(kH, "opened_qp_p: " + kptr(q)),
-                  ad_debug(kH, "find, user qp_h: " + kptr(q) + ", qp num: " +
-                                   std::to_string(qp_record(q)["qp_num"]) + ", qp context: " + kptr(&qp_context)),
-              }),
-              handler_lines());
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            ad_debug(kH, "found hca in hca's list  " + kptr(hca_)),
+            ad_debug(kH, "hca_hndl matches too  " + std::to_string(vapi_hca())),
+            ad_debug(kH, "!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!-!"),
+            ad_debug(kH, "hca_app_h: " + kptr(&hca_context_) + ", ox event_type: 8, mlx event_type: 10"),
+            ad_debug(kH, "case for QP"),
+            ad_debug(kH, "Working with: opend_hca_p->opened_qp_array[" + std::to_string(h) + "]"),
+            ad_debug(kH, "opened_qp_p: " + kptr(q)),
+            ad_debug(kH, "find, user qp_h: " + kptr(q) + ", qp num: " +
+                             std::to_string(qp_record(q)["qp_num"]) + ", qp context: " + kptr(&qp_context)),
+        }),
+        handler_lines());
     EXPECT_EQ((std::vector<long long>{0, 0, 0, 0, 0, 0}), error_counters());
     close_hca(hca_);
 }
@@ -243,7 +249,8 @@ TEST_F(AsyncEvents, ACqOverrunIsReportedWithTheCallersCq) {
         sr.opcode = VAPI_SEND;
         sr.comp_type = VAPI_SIGNALED;
         // Once the CQ has overrun the QP may refuse more work: that is enough.
-        if (VAPI_post_rr(vapi_hca(), vapi_qp(q), &rr) != VAPI_OK || VAPI_post_sr(vapi_hca(), vapi_qp(q), &sr) != VAPI_OK)
+        if (VAPI_post_rr(vapi_hca(), vapi_qp(q), &rr) != VAPI_OK ||
+            VAPI_post_sr(vapi_hca(), vapi_qp(q), &sr) != VAPI_OK)
             break;
         hca::run_until_idle();
     }
@@ -378,8 +385,8 @@ TEST_F(AsyncEvents, QpsAndCqsTheAdaptorDoesNotKnowAreDroppedQuietly) {
     got = AsyncSink::take();
     ASSERT_EQ(1u, got.size());
     EXPECT_EQ(cq, got[0].object);
-    EXPECT_TRUE(contains(handler_lines(), ad_debug(kH, "find, user cq_h: " + kptr(cq) + ", cq context: " +
-                                                           kptr(&cq_context))));
+    EXPECT_TRUE(contains(handler_lines(), ad_debug(kH, "find, user cq_h: " + kptr(cq) +
+                                                           ", cq context: " + kptr(&cq_context))));
 
     // An empty slot, a handle on no list: a DEBUG line each, nothing delivered, nothing counted.
     struct Case {
@@ -390,7 +397,8 @@ TEST_F(AsyncEvents, QpsAndCqsTheAdaptorDoesNotKnowAreDroppedQuietly) {
     const std::vector<Case> cases = {
         {VAPI_QP_COMM_ESTABLISHED, 5, "NULL opened_qp_p, maybe it is NOT created by oxverbs interface"},
         {VAPI_QP_COMM_ESTABLISHED, 1000, "NULL opened_qp_p, maybe it is NOT created by oxverbs interface"},
-        {VAPI_QP_COMM_ESTABLISHED, 2001, "ERROR - didn't find QP, maybe it is NOT created by oxverbs interface"},
+        {VAPI_QP_COMM_ESTABLISHED, 2001,
+         "ERROR - didn't find QP, maybe it is NOT created by oxverbs interface"},
         {VAPI_CQ_ERROR, 7, "NULL opened_cq_p, maybe it is NOT created by oxverbs interface"},
         {VAPI_CQ_ERROR, 3001, "didn't find CQ, maybe it is NOT created by oxverbs interface"},
     };
@@ -421,7 +429,8 @@ TEST_F(AsyncEvents, WithoutRegistrationsAnEventIsLoggedNotCounted) {
     set_debug_level(1);
     k::log_clear();
     raise(VAPI_PORT_ERROR, 1);
-    EXPECT_EQ((std::vector<std::string>{ad_error(kH, "got async event but the base is not register yet")}), log());
+    EXPECT_EQ((std::vector<std::string>{ad_error(kH, "got async event but the base is not register yet")}),
+              log());
     EXPECT_EQ(0, stats()["error_num"]);
     EXPECT_EQ(1, stats()["async_event_num"]);
     // Events are not queued: a registration made afterwards does not receive it.
@@ -443,15 +452,17 @@ TEST_F(AsyncEvents, AHandlerCallForNoOpenHcaIsAnError) {
     // The record, but another VAPI handle.
     k::log_clear();
     handler(vapi_hca() + 7, VAPI_PORT_ERROR, 1, hca_);
-    EXPECT_EQ((std::vector<std::string>{ad_debug(kH, "found hca in hca's list  " + kptr(hca_)),
-                                        ad_error(kH, "hca not found in g_opened_mlx_hcas_list  -  bailing out")}),
-              without_lock_trace(log()));
+    EXPECT_EQ(
+        (std::vector<std::string>{ad_debug(kH, "found hca in hca's list  " + kptr(hca_)),
+                                  ad_error(kH, "hca not found in g_opened_mlx_hcas_list  -  bailing out")}),
+        without_lock_trace(log()));
     // A pointer that is no open HCA.
     k::log_clear();
     int stranger = 0;
     handler(vapi_hca(), VAPI_PORT_ERROR, 1, &stranger);
-    EXPECT_EQ((std::vector<std::string>{ad_error(kH, "hca not found in g_opened_mlx_hcas_list  -  bailing out")}),
-              without_lock_trace(log()));
+    EXPECT_EQ(
+        (std::vector<std::string>{ad_error(kH, "hca not found in g_opened_mlx_hcas_list  -  bailing out")}),
+        without_lock_trace(log()));
     EXPECT_EQ(3, stats()["error_num"]);
     EXPECT_EQ(3, stats()["last_error_num"]);
     EXPECT_EQ(3, stats()["async_event_num"]);
@@ -556,7 +567,8 @@ TEST_F(AsyncEvents, AnEecRegistrationIsRefusedAndStaysAccounted) {
     set_debug_level(1);
     k::log_clear();
     EXPECT_EQ(kQErr, reg(0, "ox_async_even_eec"));
-    EXPECT_EQ((std::vector<std::string>{ad_error(kSet, "ERROR - Insert into eec async - not suported yet")}), log());
+    EXPECT_EQ((std::vector<std::string>{ad_error(kSet, "ERROR - Insert into eec async - not suported yet")}),
+              log());
     EXPECT_EQ(1, alloc_num("mem_async_ix"));
     EXPECT_EQ(0, registered());
     EXPECT_EQ(nullptr, first_registration());
@@ -572,7 +584,8 @@ TEST_F(AsyncEvents, ARegistrationThatCannotBeAllocatedIsRefused) {
     k::add_alloc_fault(fault);
     k::log_clear();
     EXPECT_EQ(kQErr, reg(0));
-    EXPECT_EQ((std::vector<std::string>{ad_error(kSet, "Fail to allocate memory: ox_asy_ev_element_t")}), log());
+    EXPECT_EQ((std::vector<std::string>{ad_error(kSet, "Fail to allocate memory: ox_asy_ev_element_t")}),
+              log());
     EXPECT_EQ((std::vector<long long>{1, 1, 0, 0, 1, 1}), error_counters());
     EXPECT_EQ(0, alloc_num("mem_async_ix"));
     EXPECT_EQ(0, registered());
@@ -590,7 +603,8 @@ TEST_F(AsyncEvents, CloseDiscardsEveryRegistration) {
     set_debug_level(4);
     k::log_clear();
     close_hca(hca_);
-    EXPECT_TRUE(contains(log(), ad_debug("ox_mlx_destroy_async_events", "Remove and free from list 2 elements")));
+    EXPECT_TRUE(
+        contains(log(), ad_debug("ox_mlx_destroy_async_events", "Remove and free from list 2 elements")));
     EXPECT_EQ(0, registered());
     EXPECT_EQ(0, stats()["last_registered_async_event_cb_num"]);
     EXPECT_EQ(2, alloc_num("mem_async_ix"));
@@ -611,7 +625,8 @@ TEST_F(AsyncEvents, TheTaskletRoutineCallsEveryCallbackOfItsAnchorAndFreesIt) {
     set_debug_level(4);
     k::log_clear();
     adp_call_async_tasklet(fn, 0);
-    EXPECT_EQ(ad_error("ox_call_app_async_event_cb", "data is NULL - no pointer into the list anchor"), log().back());
+    EXPECT_EQ(ad_error("ox_call_app_async_event_cb", "data is NULL - no pointer into the list anchor"),
+              log().back());
     EXPECT_EQ(1, stats()["error_num"]);
 
     const void *callbacks[] = {ulp_async_sink(3), ulp_async_sink(4)};
@@ -625,11 +640,14 @@ TEST_F(AsyncEvents, TheTaskletRoutineCallsEveryCallbackOfItsAnchorAndFreesIt) {
     EXPECT_EQ(4u, got[1].slot);
     EXPECT_EQ(&hca_context_, got[1].hca_app_h);
     auto lines = log();
-    EXPECT_EQ(ad_debug("ox_call_app_async_event_cb", "!--!--!--!--!--!--!--!--!--!--!--!--!--!--!--!--!"), lines[0]);
-    EXPECT_EQ(ad_debug("ox_call_app_async_event_cb", "list_anchor_p: " + kptr(anchor) + ", event_type: 1024, hca_app_h: " +
-                                                         kptr(&hca_context_) + ")"),
+    EXPECT_EQ(ad_debug("ox_call_app_async_event_cb", "!--!--!--!--!--!--!--!--!--!--!--!--!--!--!--!--!"),
+              lines[0]);
+    EXPECT_EQ(ad_debug("ox_call_app_async_event_cb",
+                       "list_anchor_p: " + kptr(anchor) +
+                           ", event_type: 1024, hca_app_h: " + kptr(&hca_context_) + ")"),
               lines[2]);
-    EXPECT_EQ(ad_debug("ox_call_app_async_event_cb", "call 2 times, will free: " + kptr(anchor)), lines.back());
+    EXPECT_EQ(ad_debug("ox_call_app_async_event_cb", "call 2 times, will free: " + kptr(anchor)),
+              lines.back());
     EXPECT_EQ(live, k::live_allocation_count());
     EXPECT_EQ(1, stats()["error_num"]);
     close_hca(hca_);

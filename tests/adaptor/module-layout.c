@@ -86,12 +86,15 @@ static const struct adp_field fields[] = {
                                                         ADP_INT(ox_gen_mr_element_t, phy_length) ADP_INT(
                                                             ox_gen_mr_element_t, phy_offset)
 
-                                                            ADP_PTR(ox_asy_ev_element_t, next)
-                                                                ADP_PTR(ox_asy_ev_element_t, prev) ADP_INT(
+                                                            ADP_PTR(ox_asy_ev_element_t, next) ADP_PTR(
+                                                                ox_asy_ev_element_t,
+                                                                prev) ADP_INT(ox_asy_ev_element_t, req_asy_ev.req_event_type)
+                                                                ADP_PTR(ox_asy_ev_element_t, app_cb) ADP_PTR(
                                                                     ox_asy_ev_element_t,
-                                                                    req_asy_ev.req_event_type) ADP_PTR(ox_asy_ev_element_t,
-                                                                                                       app_cb)
-    ADP_PTR(ox_asy_ev_element_t, req_asy_ev.type.qp_h) ADP_INT(ox_asy_ev_element_t, vend_h.qp_vend_h)
+                                                                    req_asy_ev.type
+                                                                        .qp_h) ADP_INT(ox_asy_ev_element_t,
+                                                                                       vend_h
+                                                                                           .qp_vend_h)
 
                                                                     ADP_PTR(ox_opened_cq_t, next) ADP_PTR(
                                                                         ox_opened_cq_t,
@@ -407,7 +410,8 @@ void *adp_make_async_anchor(unsigned event_type, void *hca_app_h, const void *co
     anchor->event_rec.event_type = (ox_async_record_t)event_type;
     anchor->event_rec.hca_app_h = (ox_hca_h_t)hca_app_h;
     for (i = 0; i < n; i++) {
-        ox_async_eve_cb_element_t *element = (ox_async_eve_cb_element_t *)kzalloc(sizeof(*element), GFP_KERNEL);
+        ox_async_eve_cb_element_t *element =
+            (ox_async_eve_cb_element_t *)kzalloc(sizeof(*element), GFP_KERNEL);
 
         element->app_cb = (ox_app_async_event_callback_t)callbacks[i];
         list_add_tail(&element->list, &anchor->cb_list);
@@ -426,6 +430,5 @@ void adp_call_async_handler(const void *fn, unsigned hca_hndl, unsigned type, un
     memset(&rec, 0, sizeof(rec));
     rec.type = (VAPI_event_record_type_t)type;
     rec.modifier.qp_hndl = (VAPI_qp_hndl_t)modifier;
-    ((__typeof__(&ox_mlx_async_event_callback))fn)((VAPI_hca_hndl_t)hca_hndl, &rec,
-                                                   private_data);
+    ((__typeof__(&ox_mlx_async_event_callback))fn)((VAPI_hca_hndl_t)hca_hndl, &rec, private_data);
 }

@@ -81,7 +81,8 @@ TEST(Program, DefaultScenarioDemonstratesTheAdaptor) {
         "marlix# cat /proc/marlix/adaptor-mlx/link\nPORT_ACTIVE\n",
         "marlix# cat /sys/module/adaptor_mlx/parameters/oxi_mlx_max_ah_per_pd\n2252\n",
         "LOGGER: Added key marlix/modules/adaptor-mlx/, trace level 1\n",
-        "marlix# ulp open InfiniHost0\nhca1: InfiniHost0 opened\nmarlix# ulp open InfiniHost1\nhca2: InfiniHost1 opened\n",
+        "marlix# ulp open InfiniHost0\nhca1: InfiniHost0 opened\nmarlix# ulp open InfiniHost1\nhca2: "
+        "InfiniHost1 opened\n",
         "pingpong rc: 10 exchanges, 4096 bytes, 81920 bytes verified, 0 errors\n",
         "pingpong ud: 10 exchanges, 256 bytes, 5120 bytes verified, 0 errors\n",
         "pingpong rc: 20 exchanges, 64 bytes, 2560 bytes verified, 0 errors, ",
@@ -108,7 +109,8 @@ TEST(Program, DefaultScenarioDemonstratesTheAdaptor) {
     size_t at = 0;
     for (const auto &piece : expected_in_order) {
         size_t found = r.out.find(piece, at);
-        ASSERT_NE(found, std::string::npos) << "missing after offset " << at << ": " << piece << "\n" << r.out;
+        ASSERT_NE(found, std::string::npos) << "missing after offset " << at << ": " << piece << "\n"
+                                            << r.out;
         at = found + piece.size();
     }
 }

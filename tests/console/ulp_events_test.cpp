@@ -116,7 +116,8 @@ TEST_F(UlpEventsTest, EventControlSuppressesArmingForReal) {
     EXPECT_TRUE(has_line(p, " comp event: 0 (0)")) << p;
     ASSERT_EQ(0, run(std::string("echo event_ctrl 0 > ") + kControl)) << err();
     ASSERT_EQ(0, run("ulp pingpong rc 8 1 events")) << err();
-    EXPECT_EQ(0u, lines_of(out()).back().find("pingpong rc: 1 exchanges, 8 bytes, 16 bytes verified, 0 errors, "));
+    EXPECT_EQ(
+        0u, lines_of(out()).back().find("pingpong rc: 1 exchanges, 8 bytes, 16 bytes verified, 0 errors, "));
 }
 
 TEST_F(UlpEventsTest, GeneratorAndEventCommandsOnRealCqs) {

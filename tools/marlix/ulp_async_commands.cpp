@@ -37,7 +37,8 @@ void print_event(const ulp_async_event *ev) {
     if (ev->slot >= g_slots.size()) return;
     Console *console = g_slots[ev->slot].console.load(std::memory_order_acquire);
     if (!console) return;
-    std::string line = "ulp: async event on " + g_slots[ev->slot].hca + ": " + ulp_async_event_name(ev->event_type);
+    std::string line =
+        "ulp: async event on " + g_slots[ev->slot].hca + ": " + ulp_async_event_name(ev->event_type);
     char buf[96];
     if (ulp_async_event_is_qp(ev->event_type)) {
         std::snprintf(buf, sizeof(buf), ", qp_num 0x%x", ev->qp_num);
@@ -63,7 +64,8 @@ void clear_slot(int slot) {
 
 // ulp async on|off [HCA]
 int ulp_async(Console &c, ulp::Session &s, const std::vector<std::string> &args) {
-    if (args.size() < 2 || args.size() > 3 || (args[1] != "on" && args[1] != "off")) return ulp::usage(c, "async");
+    if (args.size() < 2 || args.size() > 3 || (args[1] != "on" && args[1] != "off"))
+        return ulp::usage(c, "async");
     std::string error;
     ulp::Object *hca = s.find("hca", args.size() == 3 ? args[2] : "", error);
     if (!hca) return ulp::refused(c, "async: " + error);
@@ -82,11 +84,13 @@ int ulp_async(Console &c, ulp::Session &s, const std::vector<std::string> &args)
     if (slot >= 0) return ulp::refused(c, "async: already on for " + hca->name);
     for (size_t i = 0; i < g_slots.size() && slot < 0; ++i)
         if (!g_slots[i].console.load()) slot = static_cast<int>(i);
-    if (slot < 0) return ulp::refused(c, "async: no free callback (at most " + std::to_string(ULP_ASYNC_SINKS) + ")");
+    if (slot < 0)
+        return ulp::refused(c, "async: no free callback (at most " + std::to_string(ULP_ASYNC_SINKS) + ")");
     g_slots[slot].hca = hca->name;
     g_slots[slot].console.store(&c, std::memory_order_release);
-    int status = ulp_async_register(hca->funcs, hca->ptr, static_cast<unsigned>(slot),
-                                    static_cast<uint32_t>(ulp_async_request_value("ox_async_even_all")), nullptr);
+    int status =
+        ulp_async_register(hca->funcs, hca->ptr, static_cast<unsigned>(slot),
+                           static_cast<uint32_t>(ulp_async_request_value("ox_async_even_all")), nullptr);
     if (status != 0) {
         clear_slot(slot);
         return ulp::failed(c, "async on on " + hca->name, status);

@@ -42,7 +42,8 @@ const void *ulp_async_sink(unsigned slot);
 
 /* Registers slot `slot` on the HCA for `req_event_type` (an ox_request_async_record_t value);
  * `object` is the QP or CQ handle of the specific kinds, or null. */
-int ulp_async_register(const ulp_funcs_t *funcs, void *hca, unsigned slot, uint32_t req_event_type, void *object);
+int ulp_async_register(const ulp_funcs_t *funcs, void *hca, unsigned slot, uint32_t req_event_type,
+                       void *object);
 /* Removes every registration of slot `slot` on the HCA. */
 int ulp_async_unregister(const ulp_funcs_t *funcs, void *hca, unsigned slot);
 

@@ -126,7 +126,8 @@ int ulp_pingpong(Console &c, ulp::Session &s, const std::vector<std::string> &ar
     if (args.size() == 5 && args[4] == "events") counts.enabled = true;
     if (args.size() != 4 && !counts.enabled) return ulp::usage(c, "pingpong");
     const std::string type = args[1];
-    if (type != "rc" && type != "uc" && type != "ud") return ulp::refused(c, "pingpong: not a QP type: " + type);
+    if (type != "rc" && type != "uc" && type != "ud")
+        return ulp::refused(c, "pingpong: not a QP type: " + type);
     uint64_t bytes = 0, count = 0;
     if (!ulp::parse_number(args[2], bytes) || !ulp::parse_number(args[3], count) || bytes == 0 ||
         bytes > (1u << 24))
@@ -177,17 +178,19 @@ int ulp_pingpong(Console &c, ulp::Session &s, const std::vector<std::string> &ar
     c.out() << "pingpong " << type << ": " << count << " exchanges, " << bytes << " bytes, " << verified
             << " bytes verified, " << errors << " errors";
     if (counts.enabled)
-        c.out() << ", " << counts.notifications << " notifications, " << counts.events << " completion events";
+        c.out() << ", " << counts.notifications << " notifications, " << counts.events
+                << " completion events";
     c.out() << "\n";
     return errors ? 1 : 0;
 }
 
 }  // namespace
 
-MARLIX_ULP_SUBCOMMAND(pingpong, "pingpong", "ulp pingpong rc|uc|ud BYTES COUNT [events]",
-                      "Connect a pair as ulp connect does and exchange COUNT messages of BYTES each way through "
-                      "the module, checking every byte; with events, wait for completion events instead of "
-                      "busy polling.",
-                      ulp_pingpong)
+MARLIX_ULP_SUBCOMMAND(
+    pingpong, "pingpong", "ulp pingpong rc|uc|ud BYTES COUNT [events]",
+    "Connect a pair as ulp connect does and exchange COUNT messages of BYTES each way through "
+    "the module, checking every byte; with events, wait for completion events instead of "
+    "busy polling.",
+    ulp_pingpong)
 
 }  // namespace marlix::console

@@ -18,8 +18,8 @@ void ulp_async_set_receiver(ulp_async_receiver receiver) {
 }
 
 int ulp_async_event_is_qp(uint32_t t) {
-    return t == ox_async_r_path_migrated_ev || t == ox_async_r_com_est_ev || t == ox_async_r_send_q_drained_ev ||
-           t == ox_async_r_l_wq_err || t == ox_async_r_path_migrated_err;
+    return t == ox_async_r_path_migrated_ev || t == ox_async_r_com_est_ev ||
+           t == ox_async_r_send_q_drained_ev || t == ox_async_r_l_wq_err || t == ox_async_r_path_migrated_err;
 }
 int ulp_async_event_is_cq(uint32_t t) {
     return t == ox_async_r_cq_err;
@@ -45,8 +45,10 @@ static void deliver(unsigned slot, ox_event_record_t rec) {
     if (receiver) receiver(&ev);
 }
 
-#define SINK(n) \
-    static void sink_##n(ox_event_record_t rec) { deliver(n, rec); }
+#define SINK(n)                                   \
+    static void sink_##n(ox_event_record_t rec) { \
+        deliver(n, rec);                          \
+    }
 SINK(0)
 SINK(1)
 SINK(2)
@@ -63,7 +65,8 @@ const void *ulp_async_sink(unsigned slot) {
     return slot < ULP_ASYNC_SINKS ? (const void *)g_sinks[slot] : NULL;
 }
 
-int ulp_async_register(const ulp_funcs_t *funcs, void *hca, unsigned slot, uint32_t req_event_type, void *object) {
+int ulp_async_register(const ulp_funcs_t *funcs, void *hca, unsigned slot, uint32_t req_event_type,
+                       void *object) {
     ox_request_event_record_t req;
 
     if (slot >= ULP_ASYNC_SINKS) return -1;
@@ -124,11 +127,11 @@ static const struct {
     long value;
     const char *name;
 } g_request_names[] = {
-    {ox_async_even_all_qp, "ox_async_even_all_qp"}, {ox_async_even_all_cq, "ox_async_even_all_cq"},
+    {ox_async_even_all_qp, "ox_async_even_all_qp"},   {ox_async_even_all_cq, "ox_async_even_all_cq"},
     {ox_async_even_all_eec, "ox_async_even_all_eec"}, {ox_async_even_all_hca, "ox_async_even_all_hca"},
-    {ox_async_even_all, "ox_async_even_all"},       {ox_async_even_qp, "ox_async_even_qp"},
-    {ox_async_even_cq, "ox_async_even_cq"},         {ox_async_even_eec, "ox_async_even_eec"},
-    {ox_async_even_hca, "ox_async_even_hca"},       {ox_async_even_port, "ox_async_even_port"},
+    {ox_async_even_all, "ox_async_even_all"},         {ox_async_even_qp, "ox_async_even_qp"},
+    {ox_async_even_cq, "ox_async_even_cq"},           {ox_async_even_eec, "ox_async_even_eec"},
+    {ox_async_even_hca, "ox_async_even_hca"},         {ox_async_even_port, "ox_async_even_port"},
 };
 
 long ulp_async_request_value(const char *name) {
