@@ -9,12 +9,12 @@
 #include "ox-entry-points.h"
 #include "translate-address-vector.h"
 
-#define OX_MLX_AV_DUMP_FMT                                                                                   \
-    " dgid[0]: %d, dlid: %d,\n flow_label: %d, grh_flag: %d, hop_limit: %d,\n sgid_index: %d, sl: %d, "      \
+#define OX_MLX_AV_DUMP_FMT                                                                              \
+    " dgid[0]: %d, dlid: %d,\n flow_label: %d, grh_flag: %d, hop_limit: %d,\n sgid_index: %d, sl: %d, " \
     "src_path_bits: %d,\n static_rate: %d, traffic_class: %d"
-#define OX_MLX_AV_DUMP_ARGS(av)                                                                              \
-    (int)(av).dgid[0], (int)(av).dlid, (int)(av).flow_label, (int)(av).grh_flag, (int)(av).hop_limit,      \
-        (int)(av).sgid_index, (int)(av).sl, (int)(av).src_path_bits, (int)(av).static_rate,                 \
+#define OX_MLX_AV_DUMP_ARGS(av)                                                                       \
+    (int)(av).dgid[0], (int)(av).dlid, (int)(av).flow_label, (int)(av).grh_flag, (int)(av).hop_limit, \
+        (int)(av).sgid_index, (int)(av).sl, (int)(av).src_path_bits, (int)(av).static_rate,           \
         (int)(av).traffic_class
 
 ox_return_t oxi_mlx_address_hndl_create(ox_opened_hca_t *opened_hca_p, ox_pd_h_t pd_h, ox_add_vec_t *add_vec,
@@ -40,7 +40,8 @@ ox_return_t oxi_mlx_address_hndl_create(ox_opened_hca_t *opened_hca_p, ox_pd_h_t
     return ox_return_ok;
 }
 
-ox_return_t oxi_mlx_address_hndl_modify(ox_opened_hca_t *opened_hca_p, ox_add_h_t add_h, ox_add_vec_t *add_vec) {
+ox_return_t oxi_mlx_address_hndl_modify(ox_opened_hca_t *opened_hca_p, ox_add_h_t add_h,
+                                        ox_add_vec_t *add_vec) {
     VAPI_ud_av_t av;
     VAPI_ret_t stat;
 
@@ -76,8 +77,10 @@ ox_return_t oxi_mlx_address_hndl_query(ox_opened_hca_t *opened_hca_p, ox_add_h_t
                    (int)av.port);
     ox_mlx_ah_av_from_vapi(&av, add_vec);
     AD_TAVOR_DEBUG(
-        "after VAPI ox param: dgid: %d, dlid: %d,\n flow_lable: %d, grh_flag: %d, hope_limit: %d,\n s_gid_index: "
-        "%d, service_level: %d, source_path_bit: %d,\n max_static_rate: %d, traffic_class: %d, phy_port_num: %d",
+        "after VAPI ox param: dgid: %d, dlid: %d,\n flow_lable: %d, grh_flag: %d, hope_limit: %d,\n "
+        "s_gid_index: "
+        "%d, service_level: %d, source_path_bit: %d,\n max_static_rate: %d, traffic_class: %d, phy_port_num: "
+        "%d",
         (int)add_vec->global_dest.d_gid.gid[0], (int)add_vec->dlid, (int)add_vec->global_dest.flow_lable,
         (int)add_vec->grh_flag, (int)add_vec->global_dest.hope_limit, (int)add_vec->global_dest.s_gid_index,
         (int)add_vec->service_level, (int)add_vec->source_path_bit, (int)add_vec->max_static_rate,

@@ -34,7 +34,8 @@ ox_return_t oxi_mlx_request_completion_notification(ox_opened_hca_t *opened_hca_
     stat = VAPI_req_comp_notif(opened_hca_p->hca_h, (VAPI_cq_hndl_t)(unsigned long)cq->cq_h, notify);
     if (stat != VAPI_OK) {
         AD_TAVOR_ERROR(
-            "MLXAD_ERR: VAPI Fail to request completion notification, hca_h: %d, cq_h: %p, user cq_h: %p (mlx:%d, "
+            "MLXAD_ERR: VAPI Fail to request completion notification, hca_h: %d, cq_h: %p, user cq_h: %p "
+            "(mlx:%d, "
             "%s)",
             (int)opened_hca_p->hca_h, cq->cq_h, (void *)cq, stat, AD_TAVOR_MLX_STR);
         ox_mlx_count_vapi_failure(request_completion_notification_indx, stat);
@@ -47,7 +48,8 @@ ox_return_t oxi_mlx_request_completion_notification(ox_opened_hca_t *opened_hca_
  * request is always refused (and counted as a refused request). */
 ox_return_t oxi_mlx_set_completion_event_handler(ox_opened_hca_t * /*opened_hca_p*/,
                                                  ox_com_event_callback_t * /*com_callback*/) {
-    AD_TAVOR_ERROR("ERROR - application cann't change the completion event handler - will brake the adaptor !!!!!");
+    AD_TAVOR_ERROR(
+        "ERROR - application cann't change the completion event handler - will brake the adaptor !!!!!");
     ox_mlx_count_error();
     return ox_return_err;
 }

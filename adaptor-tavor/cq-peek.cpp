@@ -10,8 +10,8 @@ ox_return_t oxi_mlx_peek_cq(ox_opened_hca_t *opened_hca_p, int /*NOT_IMPLEMETED*
     VAPI_ret_t stat = EVAPI_peek_cq(opened_hca_p->hca_h, 0, 1);
 
     if (stat != VAPI_OK) {
-        AD_TAVOR_ERROR("MLXAD_ERR: VAPI Fail to EVAPI_peek_cq(), hca_h: %d, (mlx:%d, %s)", (int)opened_hca_p->hca_h,
-                       stat, AD_TAVOR_MLX_STR);
+        AD_TAVOR_ERROR("MLXAD_ERR: VAPI Fail to EVAPI_peek_cq(), hca_h: %d, (mlx:%d, %s)",
+                       (int)opened_hca_p->hca_h, stat, AD_TAVOR_MLX_STR);
         ox_mlx_count_vapi_failure(tavor_peek_cq_indx, stat);
     }
     return ox_return_ok;

@@ -29,8 +29,8 @@ ox_return_t oxi_mlx_alloc_fmr(ox_opened_hca_t *opened_hca_p, ox_fmr_t *fmr_props
     return ox_return_ok;
 }
 
-ox_return_t oxi_mlx_map_fmr(ox_opened_hca_t *opened_hca_p, ox_fmr_h_t fmr_h, ox_fmr_map_t *map, ox_l_key_t *l_key,
-                            ox_r_key_t *r_key) {
+ox_return_t oxi_mlx_map_fmr(ox_opened_hca_t *opened_hca_p, ox_fmr_h_t fmr_h, ox_fmr_map_t *map,
+                            ox_l_key_t *l_key, ox_r_key_t *r_key) {
     EVAPI_fmr_map_t vapi_map;
     VAPI_ret_t stat;
 
@@ -42,8 +42,8 @@ ox_return_t oxi_mlx_map_fmr(ox_opened_hca_t *opened_hca_p, ox_fmr_h_t fmr_h, ox_
 
     stat = EVAPI_map_fmr(opened_hca_p->hca_h, (EVAPI_fmr_hndl_t)fmr_h, &vapi_map, l_key, r_key);
     if (stat != VAPI_OK) {
-        AD_TAVOR_ERROR("MLXAD_ERR: VAPI Fail to EVAPI_map_fmr(), hca_h: %d, (mlx:%d, %s)", (int)opened_hca_p->hca_h,
-                       stat, AD_TAVOR_MLX_STR);
+        AD_TAVOR_ERROR("MLXAD_ERR: VAPI Fail to EVAPI_map_fmr(), hca_h: %d, (mlx:%d, %s)",
+                       (int)opened_hca_p->hca_h, stat, AD_TAVOR_MLX_STR);
         ox_mlx_count_vapi_failure(tavor_map_fmr_indx, stat);
         return ox_return_err;
     }
@@ -51,7 +51,8 @@ ox_return_t oxi_mlx_map_fmr(ox_opened_hca_t *opened_hca_p, ox_fmr_h_t fmr_h, ox_
 }
 
 ox_return_t oxi_mlx_unmap_fmr(ox_opened_hca_t *opened_hca_p, u32 num_to_unmap, ox_fmr_h_t *fmr_h_array_p) {
-    VAPI_ret_t stat = EVAPI_unmap_fmr(opened_hca_p->hca_h, num_to_unmap, (const EVAPI_fmr_hndl_t *)fmr_h_array_p);
+    VAPI_ret_t stat =
+        EVAPI_unmap_fmr(opened_hca_p->hca_h, num_to_unmap, (const EVAPI_fmr_hndl_t *)fmr_h_array_p);
 
     if (stat != VAPI_OK) {
         AD_TAVOR_ERROR("MLXAD_ERR: VAPI Fail to EVAPI_unmap_fmr(), hca_h: %d, (mlx:%d, %s)",

@@ -11,8 +11,8 @@
 
 ox_return_t oxi_mlx_process_local_mad(ox_opened_hca_t *opened_hca_p, ox_port_num_t port, ox_lid_t slid,
                                       const void *mad_in_p, void *mad_out_p) {
-    VAPI_ret_t stat = EVAPI_process_local_mad(opened_hca_p->hca_h, port, slid, OX_MLX_LOCAL_MAD_OPTIONS, mad_in_p,
-                                              mad_out_p);
+    VAPI_ret_t stat = EVAPI_process_local_mad(opened_hca_p->hca_h, port, slid, OX_MLX_LOCAL_MAD_OPTIONS,
+                                              mad_in_p, mad_out_p);
 
     if (stat != VAPI_OK) {
         AD_TAVOR_ERROR("MLXAD_ERR: VAPI Fail to EVAPI_process_local_mad(), hca_h: %d, (mlx:%d, %s)",

@@ -41,8 +41,8 @@ ox_return_t oxi_mlx_qp_detach_from_multicast(ox_opened_hca_t *opened_hca_p, ox_l
 
     AD_TAVOR_DEBUG("user qp h: %p, vend qp h: %p", (void *)qp, qp->qp_h);
     AD_TAVOR_DEBUG("MG detach param: gid.eui64: 0x%Lu, gid.subnet: 0x%Lu, dlid: %d, port: %d",
-                   (unsigned long long)mg_gid_address.scope.eui64, (unsigned long long)mg_gid_address.scope.subnet,
-                   (int)mg_dlid, (int)port_num);
+                   (unsigned long long)mg_gid_address.scope.eui64,
+                   (unsigned long long)mg_gid_address.scope.subnet, (int)mg_dlid, (int)port_num);
     ox_mlx_gid_to_vapi(mcg_dgid, &mg_gid_address);
 
     stat = VAPI_detach_from_multicast(opened_hca_p->hca_h, mcg_dgid, (VAPI_qp_hndl_t)(unsigned long)qp->qp_h,

@@ -62,10 +62,10 @@ ox_return_t oxi_mlx_poll_for_completion(ox_opened_hca_t *opened_hca_p, ox_cq_h_t
         "  free_res_count: %u",
         (unsigned long long)wc_desc.id, (int)wc_desc.opcode, (int)wc_desc.status, wc_desc.byte_len,
         (int)wc_desc.imm_data_valid, (unsigned)wc_desc.imm_data, (unsigned)wc_desc.local_qp_num,
-        (int)wc_desc.remote_node_addr.type, (int)wc_desc.remote_node_addr.slid, (int)wc_desc.remote_node_addr.sl,
-        (unsigned)wc_desc.remote_node_addr.qp_ety.qp, (unsigned)wc_desc.remote_node_addr.ee_dlid.loc_eecn,
-        (int)wc_desc.grh_flag, (int)wc_desc.pkey_ix, (unsigned)wc_desc.vendor_err_syndrome,
-        (unsigned)wc_desc.free_res_count);
+        (int)wc_desc.remote_node_addr.type, (int)wc_desc.remote_node_addr.slid,
+        (int)wc_desc.remote_node_addr.sl, (unsigned)wc_desc.remote_node_addr.qp_ety.qp,
+        (unsigned)wc_desc.remote_node_addr.ee_dlid.loc_eecn, (int)wc_desc.grh_flag, (int)wc_desc.pkey_ix,
+        (unsigned)wc_desc.vendor_err_syndrome, (unsigned)wc_desc.free_res_count);
     if ((u32)wc_desc.remote_node_addr.type < VAPI_RNA_RAW_ETY)
         AD_TAVOR_DEBUG("Datagram - remote address info QP: %d", (int)wc_desc.remote_node_addr.qp_ety.qp);
 
@@ -89,9 +89,10 @@ ox_return_t oxi_mlx_poll_for_completion(ox_opened_hca_t *opened_hca_p, ox_cq_h_t
         if (wc_desc.status != VAPI_WR_FLUSH_ERR) {
             ox_mlx_logged_completion_errors++;
             AD_TAVOR_ERROR(
-                "MRX: completion_status: %d (MLX: %d, syndrom: %d), total err num: %d (not print flush errors)",
-                (int)work_completion->completion_status, (int)wc_desc.status, (int)wc_desc.vendor_err_syndrome,
-                (int)ox_mlx_logged_completion_errors);
+                "MRX: completion_status: %d (MLX: %d, syndrom: %d), total err num: %d (not print flush "
+                "errors)",
+                (int)work_completion->completion_status, (int)wc_desc.status,
+                (int)wc_desc.vendor_err_syndrome, (int)ox_mlx_logged_completion_errors);
         }
     }
     return ox_return_ok;

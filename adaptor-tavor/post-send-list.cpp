@@ -17,7 +17,8 @@
 #include "ox-entry-points.h"
 #include "post-send-prep.h"
 
-#define OX_MLX_SEND_LIST_BYTES_PER_WR (sizeof(VAPI_sr_desc_t) + OX_MLX_MAX_SG_PER_WR * sizeof(VAPI_sg_lst_entry_t))
+#define OX_MLX_SEND_LIST_BYTES_PER_WR \
+    (sizeof(VAPI_sr_desc_t) + OX_MLX_MAX_SG_PER_WR * sizeof(VAPI_sg_lst_entry_t))
 
 ox_return_t oxi_mlx_post_send_list(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h, u32 num_of_requests,
                                    ox_wr_t *work_req, ox_wr_operation_type_t operation_type) {

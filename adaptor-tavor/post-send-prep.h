@@ -36,14 +36,14 @@ __BEGIN_KERNEL_DECLS
 /* ox_wr_operation_t -> VAPI opcode; ox_wr_mem_win_bind (8) has no row. */
 #define OX_WR_TYPE_TRANSLATION_NUM 8
 static const signed char wr_type_ox_to_mlx_translation[OX_WR_TYPE_TRANSLATION_NUM] = {
-    VAPI_SEND,        /* ox_wr_send */
-    VAPI_SEND_WITH_IMM,       /* ox_wr_send_immed */
-    VAPI_RDMA_READ,           /* ox_wr_rdma_read */
-    VAPI_RDMA_WRITE,          /* ox_wr_rdma_write */
-    VAPI_RDMA_WRITE_WITH_IMM, /* ox_wr_rdma_write_immed */
-    VAPI_ATOMIC_CMP_AND_SWP,  /* ox_wr_compare_swap */
+    VAPI_SEND,                 /* ox_wr_send */
+    VAPI_SEND_WITH_IMM,        /* ox_wr_send_immed */
+    VAPI_RDMA_READ,            /* ox_wr_rdma_read */
+    VAPI_RDMA_WRITE,           /* ox_wr_rdma_write */
+    VAPI_RDMA_WRITE_WITH_IMM,  /* ox_wr_rdma_write_immed */
+    VAPI_ATOMIC_CMP_AND_SWP,   /* ox_wr_compare_swap */
     VAPI_ATOMIC_FETCH_AND_ADD, /* ox_wr_fetch_add */
-    VAPI_RECEIVE,             /* ox_wr_receive */
+    VAPI_RECEIVE,              /* ox_wr_receive */
 };
 
 /* completion_notification -> VAPI completion type: 0 unsignalled, 1..7 signalled. */
@@ -66,19 +66,19 @@ static inline int ox_mlx_send_needs_lock(const ox_opened_qp_t *qp) {
 }
 
 /* Take / release the QP's s_sl with interrupts saved, traced at DEBUG under the caller's name. */
-#define OX_QP_SEND_LOCK(qp, flags)                                                                            \
-    do {                                                                                                      \
-        AD_TAVOR_DEBUG("---->before OX_SPECIFIC_SL_LOCK cpu[%d] (%s(%d) %s())", smp_processor_id(), __FILE__, \
-                       __LINE__, __func__);                                                                   \
-        spin_lock_irqsave(&(qp)->s_sl, flags);                                                                \
-        AD_TAVOR_DEBUG("---->OX_SPECIFIC_SL_LOCK");                                                           \
+#define OX_QP_SEND_LOCK(qp, flags)                                                                  \
+    do {                                                                                            \
+        AD_TAVOR_DEBUG("---->before OX_SPECIFIC_SL_LOCK cpu[%d] (%s(%d) %s())", smp_processor_id(), \
+                       __FILE__, __LINE__, __func__);                                               \
+        spin_lock_irqsave(&(qp)->s_sl, flags);                                                      \
+        AD_TAVOR_DEBUG("---->OX_SPECIFIC_SL_LOCK");                                                 \
     } while (0)
 
-#define OX_QP_SEND_UNLOCK(qp, flags)                                                                    \
-    do {                                                                                                \
+#define OX_QP_SEND_UNLOCK(qp, flags)                                                                     \
+    do {                                                                                                 \
         AD_TAVOR_DEBUG("---->OX_SPECIFIC_SL_UNLOCK cpu[%d] (%s(%d) %s())", smp_processor_id(), __FILE__, \
-                       __LINE__, __func__);                                                             \
-        spin_unlock_irqrestore(&(qp)->s_sl, flags);                                                     \
+                       __LINE__, __func__);                                                              \
+        spin_unlock_irqrestore(&(qp)->s_sl, flags);                                                      \
     } while (0)
 
 /* What the preparation answers besides "prepared". */
@@ -100,10 +100,10 @@ typedef enum {
  * Both are logged at ERROR and counted once; the caller returns ox_return_err_invalid_parameter.
  * An unsupported operation type counts one error here; the caller counts it again. */
 static inline ox_mlx_prep_t ox_mlx_common_post_send_prep(ox_opened_hca_t *opened_hca_p, ox_opened_qp_t *qp,
-                                                          const ox_wr_t *work_req,
-                                                          ox_wr_operation_type_t operation_type,
-                                                          VAPI_sr_desc_t *desc, VAPI_sg_lst_entry_t *sg,
-                                                          int is_inline) {
+                                                         const ox_wr_t *work_req,
+                                                         ox_wr_operation_type_t operation_type,
+                                                         VAPI_sr_desc_t *desc, VAPI_sg_lst_entry_t *sg,
+                                                         int is_inline) {
     const ox_send_wr_t *send = &work_req->type.send;
     ox_iova_t iova;
     u32 total = 0;
@@ -115,8 +115,8 @@ static inline ox_mlx_prep_t ox_mlx_common_post_send_prep(ox_opened_hca_t *opened
                    (int)qp->qp_num);
 
     desc->comp_type = ox_mlx_send_comp_type(work_req->completion_notification);
-    AD_TAVOR_DEBUG("ox completion_notification: %d, mlx comp_type: %d", (int)work_req->completion_notification,
-                   (int)desc->comp_type);
+    AD_TAVOR_DEBUG("ox completion_notification: %d, mlx comp_type: %d",
+                   (int)work_req->completion_notification, (int)desc->comp_type);
 
     desc->set_se = FALSE;
     desc->sg_lst_len = work_req->num_of_data_segments;
@@ -146,7 +146,8 @@ static inline ox_mlx_prep_t ox_mlx_common_post_send_prep(ox_opened_hca_t *opened
             break;
         case ox_operation_type_send_uc:
             AD_TAVOR_FUNC("ox_operation_type_send_uc");
-            AD_TAVOR_DEBUG("need to fix: work_req->type.send.send_qp_type.uc_type.atomic_operands.atom_first_operan");
+            AD_TAVOR_DEBUG(
+                "need to fix: work_req->type.send.send_qp_type.uc_type.atomic_operands.atom_first_operan");
             AD_TAVOR_DEBUG(
                 "need to fix: work_req->type.send.send_qp_type.uc_type.atomic_operands.atom_second_operand");
             desc->remote_addr = send->send_qp_type.uc_type.r_addr;
@@ -165,9 +166,9 @@ static inline ox_mlx_prep_t ox_mlx_common_post_send_prep(ox_opened_hca_t *opened
             desc->remote_qkey = send->send_qp_type.ud_type.r_q_key;
             desc->remote_qp = send->send_qp_type.ud_type.r_qp_num;
             AD_TAVOR_DEBUG("post sr UD parameters: remote_ah: %d(%d), remote_qkey: %d(%d), remote_qp: %d(%d)",
-                           (int)desc->remote_ah, (int)send->send_qp_type.ud_type.r_add_h, (int)desc->remote_qkey,
-                           (int)send->send_qp_type.ud_type.r_q_key, (int)desc->remote_qp,
-                           (int)send->send_qp_type.ud_type.r_qp_num);
+                           (int)desc->remote_ah, (int)send->send_qp_type.ud_type.r_add_h,
+                           (int)desc->remote_qkey, (int)send->send_qp_type.ud_type.r_q_key,
+                           (int)desc->remote_qp, (int)send->send_qp_type.ud_type.r_qp_num);
             break;
         default:
             ox_mlx_count_error();
@@ -204,15 +205,15 @@ static inline ox_mlx_prep_t ox_mlx_common_post_send_prep(ox_opened_hca_t *opened
 
 /* The caller's side of a refused preparation: the ERROR line and the second count of an
  * unsupported operation type, and the status to return in `ret`. */
-#define OX_MLX_PREP_FAILED(prep, ret)                                                    \
-    do {                                                                                 \
-        if ((prep) == OX_MLX_PREP_UNSUPPORTED) {                                         \
-            AD_TAVOR_ERROR("ERROR - ox_mlx_common_post_send_prep() returned error");     \
-            ox_mlx_count_error();                                                        \
-            (ret) = ox_return_err_not_implemented;                                       \
-        } else {                                                                         \
-            (ret) = ox_return_err_invalid_parameter;                                     \
-        }                                                                                \
+#define OX_MLX_PREP_FAILED(prep, ret)                                                \
+    do {                                                                             \
+        if ((prep) == OX_MLX_PREP_UNSUPPORTED) {                                     \
+            AD_TAVOR_ERROR("ERROR - ox_mlx_common_post_send_prep() returned error"); \
+            ox_mlx_count_error();                                                    \
+            (ret) = ox_return_err_not_implemented;                                   \
+        } else {                                                                     \
+            (ret) = ox_return_err_invalid_parameter;                                 \
+        }                                                                            \
     } while (0)
 
 __END_KERNEL_DECLS

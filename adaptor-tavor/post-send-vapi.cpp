@@ -24,7 +24,8 @@ ox_return_t oxi_mlx_post_send_vapi(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h
         ox_mlx_count_error();
         return ox_return_err_invalid_parameter;
     }
-    desc->sg_lst_p[0].addr = (VAPI_virt_addr_t)(iova + (u64)((unsigned long)desc->sg_lst_p[0].addr - PAGE_OFFSET));
+    desc->sg_lst_p[0].addr =
+        (VAPI_virt_addr_t)(iova + (u64)((unsigned long)desc->sg_lst_p[0].addr - PAGE_OFFSET));
 
     stat = VAPI_post_sr(opened_hca_p->hca_h, (VAPI_qp_hndl_t)(unsigned long)qp->qp_h, desc);
     if (stat != VAPI_OK) {

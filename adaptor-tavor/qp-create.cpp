@@ -16,6 +16,7 @@
 
 #include "adaptor-tavor.h"
 #include "tracking-lookup.h"
+#include "translate.h"
 #include "ox-entry-points.h"
 
 /* VAPI transport of each ordinary QP type, indexed by ox_qp_type_t. */
@@ -91,12 +92,12 @@ ox_return_t oxi_mlx_qp_create(ox_opened_hca_t *opened_hca_p, ox_qp_attr_t *qp_at
     static VAPI_qp_init_attr_t qp_init_attr;
     static VAPI_qp_prop_t qp_prop;
     /* Read before the result is written: request and result may be the same union. */
-    const ox_qp_type_t type = qp_attr_req->create.qp_type;
+    const u32 type = ox_mlx_raw_enum(&qp_attr_req->create.qp_type);
     ox_opened_qp_t *opened_qp_p;
     VAPI_qp_hndl_t vapi_qp_h = 0;
     VAPI_ret_t stat;
 
-    if ((unsigned)type >= OX_QP_ORDINARY_TYPES) OX_MLX_QP_REFUSE_TYPE(type);
+    if (type >= OX_QP_ORDINARY_TYPES) OX_MLX_QP_REFUSE_TYPE(type);
 
     opened_qp_p = (ox_opened_qp_t *)kmalloc(sizeof(*opened_qp_p), GFP_ATOMIC);
     if (!opened_qp_p) {
@@ -135,7 +136,7 @@ ox_return_t oxi_mlx_qp_create(ox_opened_hca_t *opened_hca_p, ox_qp_attr_t *qp_at
 
     *qp_h = (ox_qp_h_t)opened_qp_p;
     opened_qp_p->qp_num = qp_prop.qp_num;
-    ox_mlx_qp_record_init(opened_qp_p, qp_context, type);
+    ox_mlx_qp_record_init(opened_qp_p, qp_context, (ox_qp_type_t)type);
 
     if (ox_mlx_handle_has_slot(vapi_qp_h)) {
         AD_TAVOR_DEBUG("Entering opened_qp_p into array");
@@ -152,13 +153,13 @@ ox_return_t oxi_mlx_qp_get_special(ox_opened_hca_t *opened_hca_p, u32 port_num, 
                                    void *qp_context, ox_qp_h_t *qp_h, ox_qp_attr_t *qp_attr) {
     static VAPI_qp_init_attr_t qp_init_attr;
     static VAPI_qp_cap_t qp_cap;
-    const ox_qp_type_t type = qp_attr_req->create.qp_type;
+    const u32 type = ox_mlx_raw_enum(&qp_attr_req->create.qp_type);
     VAPI_special_qp_t special;
     ox_opened_qp_t *opened_qp_p;
     VAPI_qp_hndl_t vapi_qp_h = 0;
     VAPI_ret_t stat;
 
-    if ((unsigned)type >= OX_QP_SPECIAL_TYPES) OX_MLX_QP_REFUSE_TYPE(type);
+    if (type >= OX_QP_SPECIAL_TYPES) OX_MLX_QP_REFUSE_TYPE(type);
     special = special_qp_ox_to_mlx_translation[type];
 
     opened_qp_p = (ox_opened_qp_t *)kmalloc(sizeof(*opened_qp_p), GFP_ATOMIC);
@@ -207,7 +208,7 @@ ox_return_t oxi_mlx_qp_get_special(ox_opened_hca_t *opened_hca_p, u32 port_num, 
     }
 
     *qp_h = (ox_qp_h_t)opened_qp_p;
-    ox_mlx_qp_record_init(opened_qp_p, qp_context, type);
+    ox_mlx_qp_record_init(opened_qp_p, qp_context, (ox_qp_type_t)type);
     AD_TAVOR_DEBUG("New special qp_h: %p, user qp h: %p, qp num: %d", (void *)vapi_qp_h, (void *)opened_qp_p,
                    (int)opened_qp_p->qp_num);
 

@@ -131,11 +131,12 @@ ox_return_t oxi_mlx_qp_modify(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h, ox_
      * written. */
     const ox_qp_modify_t *req = &qp_attr_req->modify;
     const ox_qp_at_mask_t mask = req->ox_qp_attr_mask;
-    const ox_qp_state_t into_state = req->qp_modify_into_state;
+    const u32 into_state = ox_mlx_raw_enum(&req->qp_modify_into_state);
     VAPI_qp_attr_mask_t vapi_mask;
     VAPI_qp_attr_t attr;
     VAPI_qp_cap_t cap;
     VAPI_ret_t stat;
+    int vapi_state;
 
     memset(&attr, 0, sizeof(attr));
     memset(&cap, 0, sizeof(cap));
@@ -147,10 +148,10 @@ ox_return_t oxi_mlx_qp_modify(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h, ox_
     AD_TAVOR_DEBUG("bitmask: OX_QP_AT_STATE");
 
     /* A state beyond the table is refused below; it is not looked up (it is shown as -1). */
-    attr.qp_state = (unsigned)into_state < OX_QP_STATE_NUM ? qp_modify_ox_to_mlx_translation[into_state]
-                                                           : (VAPI_qp_state_t)-1;
+    vapi_state = into_state < OX_QP_STATE_NUM ? (int)qp_modify_ox_to_mlx_translation[into_state] : -1;
+    if (vapi_state >= 0) attr.qp_state = (VAPI_qp_state_t)vapi_state;
     vapi_mask |= QP_ATTR_QP_STATE;
-    AD_TAVOR_DEBUG("change to qp_state: %d(%d)", (int)attr.qp_state, (int)into_state);
+    AD_TAVOR_DEBUG("change to qp_state: %d(%d)", vapi_state, (int)into_state);
 
     switch (into_state) {
         case ox_qp_state_reset:

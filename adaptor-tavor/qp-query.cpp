@@ -65,6 +65,7 @@ ox_return_t oxi_mlx_qp_query(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h, void
     VAPI_qp_init_attr_t init;
     VAPI_qp_attr_t attr;
     VAPI_ret_t stat;
+    u32 vapi_state;
 
     memset(&attr, 0, sizeof(attr));
     memset(&init, 0, sizeof(init));
@@ -115,13 +116,14 @@ ox_return_t oxi_mlx_qp_query(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h, void
     query->rdma_r_atom_outstand_num = attr.qp_ous_rd_atom;
     query->responder_rdma_r_atom_num = attr.ous_dst_rd_atom;
 
-    if ((u32)attr.qp_state >= OX_QP_QUERY_STATES) {
+    vapi_state = ox_mlx_raw_enum(&attr.qp_state);
+    if (vapi_state >= OX_QP_QUERY_STATES) {
         /* The fields above are already written. */
-        AD_TAVOR_ERROR("QP mlx state: %d", (int)attr.qp_state);
+        AD_TAVOR_ERROR("QP mlx state: %d", (int)vapi_state);
         ox_mlx_count_vapi_failure_no_ring();
         return ox_return_err_invalid_vend_ret;
     }
-    query->qp_state = qp_query_mlx_to_ox_translation[attr.qp_state];
+    query->qp_state = qp_query_mlx_to_ox_translation[vapi_state];
 
     query->access_control |= ox_mlx_access_from_vapi(attr.remote_atomic_flags);
 

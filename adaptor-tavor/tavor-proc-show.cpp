@@ -96,7 +96,8 @@ void proc_show_registration_mem_info(int argc, char **argv) {
         "address: %d\n",
         (int)PAGE_SIZE, (void *)PAGE_OFFSET, high_memory, 1, 0, (void *)PAGE_OFFSET,
         (int)(bytes_in_ram >> 20), (int)bytes_in_ram, 0, (int)((1UL << 20) / PAGE_SIZE), 0);
-    printk("in: LINUX_VERSION_CODE - KERNEL_VERSION(2,4,9)\n");
+    /* No newline of its own: the next block's leading "\n" ends this line. */
+    printk("in: LINUX_VERSION_CODE - KERNEL_VERSION(2,4,9)");
     printk("\nAdaptor calculations:\n");
     printk("Num_of_byte_in_ram: %lu\nEnd_addr_of_ram: %p\nNum_of_byte_to_register: %lu\n", bytes_in_ram,
            high_memory, bytes_in_ram - 4096);

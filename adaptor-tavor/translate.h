@@ -12,6 +12,7 @@
 #define AD_TAVOR_TRANSLATE_H
 
 #include <linux/types.h>
+#include <linux/string.h>
 
 #include <vapi.h>
 
@@ -59,6 +60,15 @@ u32 ox_mlx_port_capability_to_ox(IB_port_cap_mask_t capability_mask);
 
 /* The VAPI attribute mask an HCA modify selects from the generic capability bits. */
 VAPI_hca_attr_mask_t ox_mlx_port_capability_to_attr_mask(u32 port_capability_support);
+
+/* The raw 32-bit value of an enumeration field as the caller or VAPI stored it. Any value can
+ * arrive there, also none of the enumerators; reading it raw keeps the range check defined. */
+static inline u32 ox_mlx_raw_enum(const void *field) {
+    u32 value;
+
+    memcpy(&value, field, sizeof(value));
+    return value;
+}
 
 /* ---- QP paths and access (translate-qp.cpp) ----------------------------------------------------- */
 

@@ -127,16 +127,15 @@ int module_version_init(char *module_name, char *version_string, char *tag_name)
     return 0;
 }
 
+/* Removal builds the path on the stack: it must not depend on an allocation, or a failure at
+ * unload would leave the file behind with a read handler in a module that is gone. */
 void module_version_exit(char *module_name) {
     char name[MODULE_NAME_FIELD_MAX + 1];
-    char *path;
+    char path[sizeof("marlix/") + MODULE_NAME_FIELD_MAX + sizeof("/version")];
 
     module_name_field(name, sizeof(name), module_name);
-    path = proc_path(name, "/version");
-    if (path) {
-        remove_proc_entry(path, 0);
-        kfree(path);
-    }
+    snprintf(path, sizeof(path), "marlix/%s/version", name);
+    remove_proc_entry(path, 0);
     kfree(module_banner);
     module_banner = 0;
 }

@@ -484,3 +484,67 @@ TEST_F(DataPath, PortCountersCountPacketsAndWords) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(DataPath, GsiSendOnAChosenPkeyIndexReachesThePeersQp1) {
+    // QP1 on port 1 of each device, with the well-known GSI Q_Key.
+    auto gsi = [&](Side &s) {
+        VAPI_qp_init_attr_t a{};
+        a.sq_cq_hndl = a.rq_cq_hndl = s.cq;
+        a.cap.max_oust_wr_sq = a.cap.max_oust_wr_rq = 4;
+        a.cap.max_sg_size_sq = a.cap.max_sg_size_rq = 1;
+        a.sq_sig_type = a.rq_sig_type = VAPI_SIGNAL_ALL_WR;
+        a.pd_hndl = s.pd;
+        Qp q;
+        VAPI_qp_cap_t cap{};
+        EXPECT_EQ(VAPI_get_special_qp(s.hca, 1, VAPI_GSI_QP, &a, &q.hndl, &cap), VAPI_OK);
+        q.num = 1;
+        q.side = &s;
+        VAPI_qp_attr_t at{};
+        at.qp_state = VAPI_INIT;
+        at.qkey = 0x80010000u;
+        EXPECT_EQ(modify(q, at, QP_ATTR_QP_STATE | QP_ATTR_PKEY_IX | QP_ATTR_QKEY), VAPI_OK);
+        at.qp_state = VAPI_RTR;
+        EXPECT_EQ(modify(q, at, QP_ATTR_QP_STATE), VAPI_OK);
+        at.qp_state = VAPI_RTS;
+        EXPECT_EQ(modify(q, at, QP_ATTR_QP_STATE | QP_ATTR_SQ_PSN), VAPI_OK);
+        return q;
+    };
+    Qp a = gsi(s0), b = gsi(s1);
+    Buffer &src = buffer(s0, 256), &dst = buffer(s1, 512);
+    pattern(src, 50);
+    ASSERT_EQ(post_recv(b, 3, {dst.sg(0, 512)}), VAPI_OK);
+    VAPI_sg_lst_entry_t sg = src.sg(0, 256);
+    VAPI_sr_desc_t d{};
+    d.id = 4;
+    d.opcode = VAPI_SEND;
+    d.comp_type = VAPI_SIGNALED;
+    d.sg_lst_p = &sg;
+    d.sg_lst_len = 1;
+    d.remote_ah = ah(s0, s1.lid);
+    d.remote_qp = 1;
+    d.remote_qkey = 0x80010000u;
+    ASSERT_EQ(EVAPI_post_gsi_sr(s0.hca, a.hndl, &d, 0), VAPI_OK);
+    run();
+    auto s = poll(s0);
+    ASSERT_EQ(s.size(), 1u);
+    EXPECT_EQ(s[0].status, VAPI_SUCCESS);
+    EXPECT_EQ(s[0].pkey_ix, 0);
+    auto r = poll(s1);
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].byte_len, 40u + 256u);
+    EXPECT_EQ(r[0].remote_node_addr.qp_ety.qp, 1u);
+    EXPECT_EQ(0, std::memcmp(dst.bytes.data() + 40, src.bytes.data(), 256));
+    // P_Key index 1 holds no P_Key (0): the receiver's 0xFFFF does not match, the packet is dropped.
+    ASSERT_EQ(post_recv(b, 5, {dst.sg(0, 512)}), VAPI_OK);
+    ASSERT_EQ(EVAPI_post_gsi_sr(s0.hca, a.hndl, &d, 1), VAPI_OK);
+    run();
+    EXPECT_EQ(poll(s0).size(), 1u);
+    EXPECT_TRUE(poll(s1).empty());
+    VAPI_hca_port_t port{};
+    ASSERT_EQ(VAPI_query_hca_port_prop(s1.hca, 1, &port), VAPI_OK);
+    EXPECT_EQ(port.bad_pkey_counter, 1u);
+}
+
+}  // namespace

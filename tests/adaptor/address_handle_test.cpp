@@ -76,9 +76,9 @@ TEST_F(AddressHandle, QueryReversesBackAndLeavesConnectedFieldsAndPd) {
     ASSERT_EQ(kOk, ulp_ah_query(provider(), hcas[0], ah, out.data(), &pd));
     const auto *gid = static_cast<uint8_t *>(out[0].at("global_dest.d_gid"));
     for (int i = 0; i < 16; ++i) EXPECT_EQ(i, gid[i]) << i;
-    for (const char *f : {"phy_port_num", "service_level", "grh_flag", "dlid", "max_static_rate", "source_path_bit",
-                          "global_dest.flow_lable", "global_dest.hope_limit", "global_dest.traffic_class",
-                          "global_dest.s_gid_index"})
+    for (const char *f : {"phy_port_num", "service_level", "grh_flag", "dlid", "max_static_rate",
+                          "source_path_bit", "global_dest.flow_lable", "global_dest.hope_limit",
+                          "global_dest.traffic_class", "global_dest.s_gid_index"})
         EXPECT_EQ(av[0][f], out[0][f]) << f;
     EXPECT_EQ(4, out[0]["pmtu"]);
     EXPECT_EQ(11, out[0]["l_ack_timeout"]);
@@ -86,8 +86,10 @@ TEST_F(AddressHandle, QueryReversesBackAndLeavesConnectedFieldsAndPd) {
     EXPECT_EQ(5, out[0]["rnr_retry_count"]);
     EXPECT_EQ(0xdeadu, pd);
     const auto lines = log();
-    EXPECT_EQ(ad_debug("oxi_mlx_address_hndl_query", "after VAPI mlx param: dgid[0]: 15, dlid: 4660,"), lines[0]);
-    EXPECT_TRUE(contains(lines, ad_debug("oxi_mlx_address_hndl_query", "after VAPI ox param: dgid: 0, dlid: 4660,")));
+    EXPECT_EQ(ad_debug("oxi_mlx_address_hndl_query", "after VAPI mlx param: dgid[0]: 15, dlid: 4660,"),
+              lines[0]);
+    EXPECT_TRUE(
+        contains(lines, ad_debug("oxi_mlx_address_hndl_query", "after VAPI ox param: dgid: 0, dlid: 4660,")));
     EXPECT_EQ(1, stats()["ah_num"]);
 }
 
@@ -99,16 +101,18 @@ TEST_F(AddressHandle, ModifyCountsNothingDestroyUncounts) {
     av[0].set("dlid", 0x42);
     k::log_clear();
     ASSERT_EQ(kOk, ulp_ah_modify(provider(), hcas[0], ah, av.data()));
-    EXPECT_EQ((std::vector<std::string>{ad_debug("oxi_mlx_address_hndl_modify", "take from user: av.port = 1")}), log());
+    EXPECT_EQ(
+        (std::vector<std::string>{ad_debug("oxi_mlx_address_hndl_modify", "take from user: av.port = 1")}),
+        log());
     VAPI_ud_av_t v{};
     ASSERT_EQ(VAPI_OK, VAPI_query_addr_hndl(vapi_hca(0), ah, &v));
     EXPECT_EQ(0x42, v.dlid);
     EXPECT_EQ(1, stats()["ah_num"]);
     k::log_clear();
     ASSERT_EQ(kOk, ulp_ah_destroy(provider(), hcas[0], ah));
-    EXPECT_EQ((std::vector<std::string>{ad_debug("oxi_mlx_address_hndl_destroy",
-                                                 "Destroy add_h: " + std::to_string(ah) +
-                                                     ", for hca_h: " + std::to_string(vapi_hca(0)))}),
+    EXPECT_EQ((std::vector<std::string>{ad_debug(
+                  "oxi_mlx_address_hndl_destroy",
+                  "Destroy add_h: " + std::to_string(ah) + ", for hca_h: " + std::to_string(vapi_hca(0)))}),
               log());
     EXPECT_EQ(0, stats()["ah_num"]);
     EXPECT_EQ(0, stats()["last_ah_num"]);
@@ -139,10 +143,18 @@ TEST_F(AddressHandle, FailuresAreReportedWithTheirRingIndexes) {
         int rc = -1;
         uint32_t pd = 0;
         switch (slot) {
-            case 0: rc = ulp_ah_create(provider(), hcas[0], gen_pd(0), av.data(), &ah); break;
-            case 1: rc = ulp_ah_modify(provider(), hcas[0], ah, av.data()); break;
-            case 2: rc = ulp_ah_query(provider(), hcas[0], ah, av.data(), &pd); break;
-            case 3: rc = ulp_ah_destroy(provider(), hcas[0], ah); break;
+            case 0:
+                rc = ulp_ah_create(provider(), hcas[0], gen_pd(0), av.data(), &ah);
+                break;
+            case 1:
+                rc = ulp_ah_modify(provider(), hcas[0], ah, av.data());
+                break;
+            case 2:
+                rc = ulp_ah_query(provider(), hcas[0], ah, av.data(), &pd);
+                break;
+            case 3:
+                rc = ulp_ah_destroy(provider(), hcas[0], ah);
+                break;
         }
         EXPECT_EQ(kErr, rc) << c.call;
         std::string m = c.message;

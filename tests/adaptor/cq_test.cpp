@@ -93,6 +93,9 @@ TEST_F(Cq, NewestFirstOnTheListAndThroughTheExportedSymbols) {
 
 TEST_F(Cq, HandleOf1000HasASlotAnd1001OnlyTheList) {
     open();
+    // Slot 1000 exists and reads as empty on a fresh HCA.
+    EXPECT_EQ(nullptr, cq_slot(hca_, 1000));
+    EXPECT_EQ(nullptr, qp_slot(hca_, 1000));
     ASSERT_TRUE(hca::set_next_cq_handle("InfiniHost0", 1000));
     void *at = create_cq();
     ASSERT_TRUE(hca::set_next_cq_handle("InfiniHost0", 1001));

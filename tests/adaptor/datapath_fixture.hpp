@@ -118,7 +118,9 @@ class DataPathFixture : public AdaptorFixture {
     // The adaptor's trace level while the test runs (DEBUG: every line of the data path).
     virtual long debug_level() { return 4; }
 
-    VAPI_hca_hndl_t vapi_hca(int side) { return static_cast<VAPI_hca_hndl_t>(hca_record(hcas[side])["hca_h"]); }
+    VAPI_hca_hndl_t vapi_hca(int side) {
+        return static_cast<VAPI_hca_hndl_t>(hca_record(hcas[side])["hca_h"]);
+    }
     uint32_t gen_pd(int side) { return static_cast<uint32_t>(hca_record(hcas[side])["generic_pd_h"]); }
     uint64_t gen_iova(int side) {
         void *element = adp_list_first(hca_record(hcas[side]).at("generic_mem_reg_list"));
@@ -183,8 +185,9 @@ class DataPathFixture : public AdaptorFixture {
         a.qp_state = VAPI_INIT;
         a.port = 1;
         a.remote_atomic_flags = VAPI_EN_REM_WRITE | VAPI_EN_REM_READ | VAPI_EN_REM_ATOMIC_OP;
-        ASSERT_EQ(VAPI_OK,
-                  modify(q, a, QP_ATTR_QP_STATE | QP_ATTR_PORT | QP_ATTR_PKEY_IX | QP_ATTR_REMOTE_ATOMIC_FLAGS));
+        ASSERT_EQ(
+            VAPI_OK,
+            modify(q, a, QP_ATTR_QP_STATE | QP_ATTR_PORT | QP_ATTR_PKEY_IX | QP_ATTR_REMOTE_ATOMIC_FLAGS));
         a.qp_state = VAPI_RTR;
         a.av.dlid = lid[peer.side];
         a.av.port = 1;
@@ -193,7 +196,8 @@ class DataPathFixture : public AdaptorFixture {
         a.rq_psn = 0x100;
         a.qp_ous_rd_atom = 4;
         a.min_rnr_timer = 1;
-        VAPI_qp_attr_mask_t m = QP_ATTR_QP_STATE | QP_ATTR_AV | QP_ATTR_PATH_MTU | QP_ATTR_DEST_QP_NUM | QP_ATTR_RQ_PSN;
+        VAPI_qp_attr_mask_t m =
+            QP_ATTR_QP_STATE | QP_ATTR_AV | QP_ATTR_PATH_MTU | QP_ATTR_DEST_QP_NUM | QP_ATTR_RQ_PSN;
         if (ts == VAPI_TS_RC) m |= QP_ATTR_QP_OUS_RD_ATOM | QP_ATTR_MIN_RNR_TIMER;
         ASSERT_EQ(VAPI_OK, modify(q, a, m));
         a.qp_state = VAPI_RTS;
@@ -203,7 +207,8 @@ class DataPathFixture : public AdaptorFixture {
         a.rnr_retry = 7;
         a.ous_dst_rd_atom = 4;
         m = QP_ATTR_QP_STATE | QP_ATTR_SQ_PSN;
-        if (ts == VAPI_TS_RC) m |= QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY | QP_ATTR_OUS_DST_RD_ATOM;
+        if (ts == VAPI_TS_RC)
+            m |= QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY | QP_ATTR_OUS_DST_RD_ATOM;
         ASSERT_EQ(VAPI_OK, modify(q, a, m));
     }
 
@@ -254,8 +259,12 @@ class DataPathFixture : public AdaptorFixture {
     static VAPI_sg_lst_entry_t *sg_r(const DpQp &q) {
         return static_cast<VAPI_sg_lst_entry_t *>(DpView("ox_opened_qp_t", q.record).at("mlx_sg_array_r"));
     }
-    static long long send_lock_takes(const DpQp &q) { return DpView("ox_opened_qp_t", q.record)["s_sl.acquisitions"]; }
-    static long long send_lock_held(const DpQp &q) { return DpView("ox_opened_qp_t", q.record)["s_sl.slock"]; }
+    static long long send_lock_takes(const DpQp &q) {
+        return DpView("ox_opened_qp_t", q.record)["s_sl.acquisitions"];
+    }
+    static long long send_lock_held(const DpQp &q) {
+        return DpView("ox_opened_qp_t", q.record)["s_sl.slock"];
+    }
 
     // Work requests, field by field.
     static void set_sg(DpView wr, DpRecords &sg) {
@@ -286,6 +295,8 @@ class DataPathFixture : public AdaptorFixture {
     std::vector<std::unique_ptr<DpBuffer>> buffers;
 };
 
-inline DpView wc_view(std::vector<char> &wc) { return DpView("ox_wc_t", wc.data()); }
+inline DpView wc_view(std::vector<char> &wc) {
+    return DpView("ox_wc_t", wc.data());
+}
 
 }  // namespace adaptor_test

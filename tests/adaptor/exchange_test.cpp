@@ -59,7 +59,8 @@ class Exchange : public DataPathFixture, public ::testing::WithParamInterface<hc
     static void pattern(DpBuffer &b, uint8_t seed) {
         for (size_t i = 0; i < b.bytes.size(); ++i) b.bytes[i] = uint8_t(seed + i * 13);
     }
-    static void expect_wc(std::vector<char> &wc, long long id, long long op, long long status, long long bytes) {
+    static void expect_wc(std::vector<char> &wc, long long id, long long op, long long status,
+                          long long bytes) {
         DpView v = wc_view(wc);
         EXPECT_EQ(id, v["wr_id"]);
         EXPECT_EQ(op, v["operation_type"]) << "wr " << id;
@@ -128,7 +129,8 @@ TEST_P(Exchange, RcAtomicsCarryNoOperands) {
     DpBuffer &target = buffer(16, 0), &old = buffer(16, 0xee);
     uint64_t mr = 0;
     uint32_t l_key = 0, r_key = 0;
-    ASSERT_EQ(kOk, ulp_mr_register(provider(), hcas[1], target.data(), 16, side[1].pd, 0x0f, &mr, &l_key, &r_key));
+    ASSERT_EQ(kOk,
+              ulp_mr_register(provider(), hcas[1], target.data(), 16, side[1].pd, 0x0f, &mr, &l_key, &r_key));
     ulp_send_target t{};
     t.remote_addr = target.addr();
     t.r_key = r_key;
@@ -348,7 +350,8 @@ TEST_P(Exchange, ReceiveBufferTooSmallThenFlush) {
 }
 
 // Every exchange on both engines: stepped (exactly repeatable) and threaded (as a real adapter).
-INSTANTIATE_TEST_SUITE_P(Engines, Exchange, ::testing::Values(hca::EngineKind::Stepped, hca::EngineKind::Threaded),
+INSTANTIATE_TEST_SUITE_P(Engines, Exchange,
+                         ::testing::Values(hca::EngineKind::Stepped, hca::EngineKind::Threaded),
                          [](const ::testing::TestParamInfo<hca::EngineKind> &info) {
                              return info.param == hca::EngineKind::Stepped ? "Stepped" : "Threaded";
                          });

@@ -15,6 +15,8 @@
 #include "module-version.h"
 #include "slot-names.h"
 #include "translate.h"
+#include "tracking-lookup.h"
+#include "gather-address.h"
 
 #include "module_layout.h"
 
@@ -349,6 +351,38 @@ void *adp_link_async_registration(void *hca) {
     element->req_asy_ev.req_event_type = ox_async_even_all;
     list_add(&element->list, &h->events_lists.reg_for_async);
     return element;
+}
+
+void *adp_find_cq(void *hca, unsigned long long vapi_handle) {
+    return ox_mlx_find_cq((ox_opened_hca_t *)hca, vapi_handle);
+}
+
+void *adp_find_qp(void *hca, unsigned long long vapi_handle) {
+    return ox_mlx_find_qp((ox_opened_hca_t *)hca, vapi_handle);
+}
+
+void *adp_cq_in_list(void *hca, unsigned long long vapi_handle, void **last_seen) {
+    ox_opened_cq_t *last = 0;
+    ox_opened_cq_t *found = ox_mlx_cq_in_list((ox_opened_hca_t *)hca, vapi_handle, last_seen ? &last : 0);
+
+    if (last_seen) *last_seen = last;
+    return found;
+}
+
+void *adp_qp_in_list(void *hca, unsigned long long vapi_handle, void **last_seen) {
+    ox_opened_qp_t *last = 0;
+    ox_opened_qp_t *found = ox_mlx_qp_in_list((ox_opened_hca_t *)hca, vapi_handle, last_seen ? &last : 0);
+
+    if (last_seen) *last_seen = last;
+    return found;
+}
+
+int adp_handle_has_slot(unsigned long long vapi_handle) {
+    return ox_mlx_handle_has_slot(vapi_handle);
+}
+
+unsigned long long adp_gather_address(void *hca, unsigned long v_addr) {
+    return ox_mlx_gather_address((ox_opened_hca_t *)hca, v_addr);
 }
 
 int adp_call_unsupported_memory(const void *funcs, void *hca, int *results) {

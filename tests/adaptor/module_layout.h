@@ -68,6 +68,17 @@ void adp_call_async_tasklet(const void *fn, unsigned long data);
 void adp_call_async_handler(const void *fn, unsigned hca_hndl, unsigned type, unsigned long modifier,
                             void *private_data);
 
+/* The module's look-ups by VAPI handle (tracking-lookup.h), run on an HCA record: the record
+ * found for `vapi_handle` (array for handles up to 1000, list above), or null. `last_seen`, when
+ * given, receives the last record a list walk examined. */
+void *adp_find_cq(void *hca, unsigned long long vapi_handle);
+void *adp_find_qp(void *hca, unsigned long long vapi_handle);
+void *adp_cq_in_list(void *hca, unsigned long long vapi_handle, void **last_seen);
+void *adp_qp_in_list(void *hca, unsigned long long vapi_handle, void **last_seen);
+int adp_handle_has_slot(unsigned long long vapi_handle);
+/* The gather-address rule (gather-address.h) on an HCA record. */
+unsigned long long adp_gather_address(void *hca, unsigned long v_addr);
+
 /* Calls the seven memory slots that answer "not supported" (re-register, physical re-register,
  * shared register, window allocate, query, bind, deallocate) through `funcs` with junk arguments
  * and stores each result; returns the number of calls. */

@@ -21,8 +21,8 @@ class Poll : public DataPathFixture {
         hca::reset_call_counts();
     }
     // One UD datagram of `payload` bytes from side 0 to side 1 (receive posted first, with `id`).
-    void ud_exchange(DpQp &from, DpQp &to, VAPI_ud_av_hndl_t ah, DpBuffer &src, DpBuffer &dst, uint32_t payload,
-                     uint64_t id) {
+    void ud_exchange(DpQp &from, DpQp &to, VAPI_ud_av_hndl_t ah, DpBuffer &src, DpBuffer &dst,
+                     uint32_t payload, uint64_t id) {
         ASSERT_EQ(kOk, ulp_post_receive_simple(provider(), hcas[to.side], to.record, id, dst.data(),
                                                uint32_t(dst.bytes.size()), gen_lkey[to.side]));
         ulp_send_target t{};
@@ -30,8 +30,8 @@ class Poll : public DataPathFixture {
         t.remote_qpn = to.num;
         t.q_key = 0x11110000;
         ASSERT_EQ(kOk, ulp_post_send_simple(provider(), hcas[from.side], from.record,
-                                            dp_const("ox_operation_type_send_ud"), ulp_op_send, id + 1000, src.data(),
-                                            payload, gen_lkey[from.side], &t));
+                                            dp_const("ox_operation_type_send_ud"), ulp_op_send, id + 1000,
+                                            src.data(), payload, gen_lkey[from.side], &t));
         run();
     }
     DpCq c0, c1;
@@ -47,12 +47,13 @@ TEST_F(Poll, EmptyCqIsNotAnErrorAndLeavesTheRecordAlone) {
     EXPECT_EQ(1, stats()["last_poll_cq_empty_num"]);
     EXPECT_EQ(0, stats()["error_num"]);
     const std::string f = "oxi_mlx_poll_for_completion";
-    EXPECT_EQ((std::vector<std::string>{
-                  ad_debug(f, "polling CQ, hca_h: " + std::to_string(vapi_hca(0)) + ", cq_h: " +
-                                  kptr(reinterpret_cast<void *>(c0.vapi)) + ", user cq h: " + kptr(c0.record)),
-                  ad_debug(f, "Empty CQ: cq_h: " + kptr(reinterpret_cast<void *>(c0.vapi)) + ", user cq h: " +
-                                  kptr(c0.record))}),
-              log());
+    EXPECT_EQ(
+        (std::vector<std::string>{ad_debug(f, "polling CQ, hca_h: " + std::to_string(vapi_hca(0)) +
+                                                  ", cq_h: " + kptr(reinterpret_cast<void *>(c0.vapi)) +
+                                                  ", user cq h: " + kptr(c0.record)),
+                                  ad_debug(f, "Empty CQ: cq_h: " + kptr(reinterpret_cast<void *>(c0.vapi)) +
+                                                  ", user cq h: " + kptr(c0.record))}),
+        log());
 }
 
 TEST_F(Poll, UdReceiveMatchesTheVapiCompletionFieldByField) {
@@ -131,7 +132,8 @@ TEST_F(Poll, FlushedReceiveCountsAReceiveErrorAndLogsNoError) {
 TEST_F(Poll, StatusTwentyOneReadsAsOneHundredAndIsLoggedWithTheRunningTotal) {
     DpQp s = ud(0, c0);
     VAPI_ud_av_hndl_t ah = vapi_ah(0, lid[1]);
-    ASSERT_TRUE(hca::complete_next_with_status(kDev[0], s.vapi, hca::WorkQueue::Send, VAPI_COMP_LOCAL_ABORT_ERR, 7));
+    ASSERT_TRUE(
+        hca::complete_next_with_status(kDev[0], s.vapi, hca::WorkQueue::Send, VAPI_COMP_LOCAL_ABORT_ERR, 7));
     ulp_send_target t{};
     t.ah = ah;
     t.remote_qpn = 2;
@@ -147,17 +149,21 @@ TEST_F(Poll, StatusTwentyOneReadsAsOneHundredAndIsLoggedWithTheRunningTotal) {
     const auto errors = at_level(log(), "ERROR  ");
     ASSERT_EQ(1u, errors.size());
     std::smatch m;
-    const std::regex re(std::regex_replace(
-        ad_error("oxi_mlx_poll_for_completion", "MRX: completion_status: 100 (MLX: 21, syndrom: 7), total err num: "),
-        std::regex(R"([()\[\]])"), R"(\$&)") + R"((\d+) \(not print flush errors\))");
+    const std::regex re(
+        std::regex_replace(ad_error("oxi_mlx_poll_for_completion",
+                                    "MRX: completion_status: 100 (MLX: 21, syndrom: 7), total err num: "),
+                           std::regex(R"([()\[\]])"), R"(\$&)") +
+        R"((\d+) \(not print flush errors\))");
     ASSERT_TRUE(std::regex_match(errors[0], m, re)) << errors[0];
     const int total = std::stoi(m[1]);
 
     // The next logged error counts one more.
-    ASSERT_TRUE(hca::complete_next_with_status(kDev[0], s.vapi, hca::WorkQueue::Send, VAPI_REM_ACCESS_ERR, 0));
+    ASSERT_TRUE(
+        hca::complete_next_with_status(kDev[0], s.vapi, hca::WorkQueue::Send, VAPI_REM_ACCESS_ERR, 0));
     // The QP is in error after the first: post again flushes (not logged); use a fresh QP.
     DpQp s2 = ud(0, c0);
-    ASSERT_TRUE(hca::complete_next_with_status(kDev[0], s2.vapi, hca::WorkQueue::Send, VAPI_REM_ACCESS_ERR, 0));
+    ASSERT_TRUE(
+        hca::complete_next_with_status(kDev[0], s2.vapi, hca::WorkQueue::Send, VAPI_REM_ACCESS_ERR, 0));
     ASSERT_EQ(kOk, ulp_post_send_simple(provider(), hcas[0], s2.record, dp_const("ox_operation_type_send_ud"),
                                         ulp_op_send, 10, nullptr, 0, 0, &t));
     run();
@@ -172,7 +178,8 @@ TEST_F(Poll, StatusTwentyOneReadsAsOneHundredAndIsLoggedWithTheRunningTotal) {
 TEST_F(Poll, UnknownStatusLeavesTheCallersStatus) {
     DpQp s = ud(0, c0);
     VAPI_ud_av_hndl_t ah = vapi_ah(0, lid[1]);
-    ASSERT_TRUE(hca::complete_next_with_status(kDev[0], s.vapi, hca::WorkQueue::Send, VAPI_wc_status_t(30), 0));
+    ASSERT_TRUE(
+        hca::complete_next_with_status(kDev[0], s.vapi, hca::WorkQueue::Send, VAPI_wc_status_t(30), 0));
     ulp_send_target t{};
     t.ah = ah;
     ASSERT_EQ(kOk, ulp_post_send_simple(provider(), hcas[0], s.record, dp_const("ox_operation_type_send_ud"),
@@ -215,9 +222,10 @@ TEST_F(Poll, VapiFailureIsReportedAndRecorded) {
     EXPECT_EQ(kErr, ulp_poll(provider(), hcas[0], c0.record, wc.data()));
     VAPI_wc_desc_t v{};
     EXPECT_EQ(kErr, ulp_poll_vapi(provider(), hcas[0], c0.record, &v));
-    const std::string tail = "MLX AD_ERR: Fail to poll CQ, hca_h: " + std::to_string(vapi_hca(0)) + ", cq_h: " +
-                             kptr(reinterpret_cast<void *>(c0.vapi)) + ", user cq h: " + kptr(c0.record) + " (mlx:" +
-                             std::to_string(VAPI_EINVAL_CQ_HNDL) + ", MLX)";
+    const std::string tail = "MLX AD_ERR: Fail to poll CQ, hca_h: " + std::to_string(vapi_hca(0)) +
+                             ", cq_h: " + kptr(reinterpret_cast<void *>(c0.vapi)) +
+                             ", user cq h: " + kptr(c0.record) +
+                             " (mlx:" + std::to_string(VAPI_EINVAL_CQ_HNDL) + ", MLX)";
     EXPECT_EQ((std::vector<std::string>{ad_error("oxi_mlx_poll_for_completion", tail),
                                         ad_error("oxi_mlx_poll_for_completion_vapi", tail)}),
               at_level(log(), "ERROR  "));
@@ -279,11 +287,13 @@ TEST_F(Poll, ArmingMapsTheRequestAndCounts) {
     EXPECT_EQ(2, stats()["com_notify_num"]);
     EXPECT_EQ(2, stats()["last_com_notify_num"]);
     EXPECT_EQ(2ul, hca::call_count("VAPI_req_comp_notif"));
-    const std::string head = "comp notify: hca_h: " + std::to_string(vapi_hca(0)) + ", cq_h: " +
-                             kptr(reinterpret_cast<void *>(c0.vapi)) + ", user cq h: " + kptr(c0.record);
-    EXPECT_EQ((std::vector<std::string>{
-                  ad_debug("oxi_mlx_request_completion_notification", head + ", ox comp_notify: 0, mlx notify: 1"),
-                  ad_debug("oxi_mlx_request_completion_notification", head + ", ox comp_notify: 1, mlx notify: 2")}),
+    const std::string head = "comp notify: hca_h: " + std::to_string(vapi_hca(0)) +
+                             ", cq_h: " + kptr(reinterpret_cast<void *>(c0.vapi)) +
+                             ", user cq h: " + kptr(c0.record);
+    EXPECT_EQ((std::vector<std::string>{ad_debug("oxi_mlx_request_completion_notification",
+                                                 head + ", ox comp_notify: 0, mlx notify: 1"),
+                                        ad_debug("oxi_mlx_request_completion_notification",
+                                                 head + ", ox comp_notify: 1, mlx notify: 2")}),
               log());
 }
 
@@ -293,8 +303,8 @@ TEST_F(Poll, ArmingWhileEventsAreOffDoesNothing) {
     EXPECT_EQ(kOk, ulp_request_notification(provider(), hcas[0], c0.record, 0));
     EXPECT_EQ(0, stats()["com_notify_num"]);
     EXPECT_EQ(0ul, hca::call_count("VAPI_req_comp_notif"));
-    EXPECT_EQ((std::vector<std::string>{
-                  ad_debug("oxi_mlx_request_completion_notification", "ADAPTOR_TAVOR_NO_CQ_EVENTS - no events")}),
+    EXPECT_EQ((std::vector<std::string>{ad_debug("oxi_mlx_request_completion_notification",
+                                                 "ADAPTOR_TAVOR_NO_CQ_EVENTS - no events")}),
               log());
     command("event_ctrl 0");
     EXPECT_EQ(kOk, ulp_request_notification(provider(), hcas[0], c0.record, 0));
@@ -306,10 +316,10 @@ TEST_F(Poll, ArmingFailureAndUnknownRequest) {
     EXPECT_EQ(kErr, ulp_request_notification(provider(), hcas[0], c0.record, 0));
     EXPECT_TRUE(contains(log(), ad_error("oxi_mlx_request_completion_notification",
                                          "MLXAD_ERR: VAPI Fail to request completion notification, hca_h: " +
-                                             std::to_string(vapi_hca(0)) + ", cq_h: " +
-                                             kptr(reinterpret_cast<void *>(c0.vapi)) + ", user cq_h: " +
-                                             kptr(c0.record) + " (mlx:" + std::to_string(VAPI_EINVAL_CQ_HNDL) +
-                                             ", MLX)")));
+                                             std::to_string(vapi_hca(0)) +
+                                             ", cq_h: " + kptr(reinterpret_cast<void *>(c0.vapi)) +
+                                             ", user cq_h: " + kptr(c0.record) +
+                                             " (mlx:" + std::to_string(VAPI_EINVAL_CQ_HNDL) + ", MLX)")));
     EXPECT_EQ(dp_const("request_completion_notification_indx"), ring_entry(0)["func_ix_st"]);
     EXPECT_EQ(1, stats()["VAPI_error_num"]);
     EXPECT_EQ(1, stats()["com_notify_num"]);
@@ -326,9 +336,10 @@ TEST_F(Poll, ArmingFailureAndUnknownRequest) {
 TEST_F(Poll, PeekAnswersOkWhateverVapiSays) {
     hca::inject_fault("EVAPI_peek_cq", kDev[0], VAPI_EINVAL_CQ_HNDL);
     EXPECT_EQ(kOk, ulp_peek_cq(provider(), hcas[0], 12345));
-    EXPECT_EQ((std::vector<std::string>{ad_error("oxi_mlx_peek_cq", "MLXAD_ERR: VAPI Fail to EVAPI_peek_cq(), hca_h: " +
-                                                                        std::to_string(vapi_hca(0)) + ", (mlx:" +
-                                                                        std::to_string(VAPI_EINVAL_CQ_HNDL) + ", MLX)")}),
+    EXPECT_EQ((std::vector<std::string>{
+                  ad_error("oxi_mlx_peek_cq",
+                           "MLXAD_ERR: VAPI Fail to EVAPI_peek_cq(), hca_h: " + std::to_string(vapi_hca(0)) +
+                               ", (mlx:" + std::to_string(VAPI_EINVAL_CQ_HNDL) + ", MLX)")}),
               log());
     EXPECT_EQ(dp_const("tavor_peek_cq_indx"), ring_entry(0)["func_ix_st"]);
     EXPECT_EQ(VAPI_EINVAL_CQ_HNDL, ring_entry(0)["stat_st"]);
@@ -343,9 +354,9 @@ TEST_F(Poll, TheCompletionHandlerCannotBeReplaced) {
     for (void *handler : {static_cast<void *>(nullptr), static_cast<void *>(&c0)}) {
         k::log_clear();
         EXPECT_EQ(kErr, ulp_set_completion_event_handler(provider(), hcas[0], handler));
-        EXPECT_EQ((std::vector<std::string>{ad_error(
-                      "oxi_mlx_set_completion_event_handler",
-                      "ERROR - application cann't change the completion event handler - will brake the adaptor !!!!!")}),
+        EXPECT_EQ((std::vector<std::string>{ad_error("oxi_mlx_set_completion_event_handler",
+                                                     "ERROR - application cann't change the completion event "
+                                                     "handler - will brake the adaptor !!!!!")}),
                   log());
     }
     EXPECT_EQ(2, stats()["error_num"]);

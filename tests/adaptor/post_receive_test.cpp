@@ -23,8 +23,9 @@ class PostReceive : public DataPathFixture {
     // Sends `len` bytes of `src` from a to b through the module.
     void send(DpBuffer &src, uint32_t len, uint64_t id) {
         ulp_send_target t{};
-        ASSERT_EQ(kOk, ulp_post_send_simple(provider(), hcas[0], a.record, dp_const("ox_operation_type_send_rc"),
-                                            ulp_op_send, id, src.data(), len, gen_lkey[0], &t));
+        ASSERT_EQ(kOk,
+                  ulp_post_send_simple(provider(), hcas[0], a.record, dp_const("ox_operation_type_send_rc"),
+                                       ulp_op_send, id, src.data(), len, gen_lkey[0], &t));
     }
 
     DpCq c0, c1;
@@ -70,11 +71,11 @@ TEST_F(PostReceive, SingleTranslatesUnderTheAdaptorLock) {
     EXPECT_EQ(ad_debug(f, "user qp_h " + kptr(b.record) + ", mlx qp_h: " + std::to_string(b.vapi) +
                               ", qp num: " + std::to_string(b.num)),
               lines[2]);
-    EXPECT_EQ(ad_debug(f, "0) v_address: " + std::to_string(buf.addr()) + ", length: 100, l_key: " +
-                              std::to_string(gen_lkey[1])),
+    EXPECT_EQ(ad_debug(f, "0) v_address: " + std::to_string(buf.addr()) +
+                              ", length: 100, l_key: " + std::to_string(gen_lkey[1])),
               lines[3]);
-    EXPECT_EQ(ad_debug(f, "1) v_address: " + std::to_string(buf.addr() + 100) + ", length: 200, l_key: " +
-                              std::to_string(gen_lkey[1])),
+    EXPECT_EQ(ad_debug(f, "1) v_address: " + std::to_string(buf.addr() + 100) +
+                              ", length: 200, l_key: " + std::to_string(gen_lkey[1])),
               lines[4]);
     EXPECT_EQ(0u, lines[5].find(ad_debug(e, "---->ADAPTOR_UNLOCK cpu[")));
 }
@@ -91,10 +92,10 @@ TEST_F(PostReceive, UnsignalledAndFailure) {
     EXPECT_EQ(kErr, ulp_post_receive(provider(), hcas[1], b.record, wr.data()));
     EXPECT_EQ(0, adaptor_lock_held());
     EXPECT_EQ((std::vector<std::string>{ad_error(
-                  "oxi_mlx_post_receive", "MLX AD_ERR: Fail to post recieve WR, hca_h: " + std::to_string(vapi_hca(1)) +
-                                              ", qp_h: " + kptr(reinterpret_cast<void *>(b.vapi)) + ", user qp h: " +
-                                              kptr(b.record) + " (mlx:" + std::to_string(VAPI_E2BIG_WR_NUM) +
-                                              ", MLX)")}),
+                  "oxi_mlx_post_receive",
+                  "MLX AD_ERR: Fail to post recieve WR, hca_h: " + std::to_string(vapi_hca(1)) +
+                      ", qp_h: " + kptr(reinterpret_cast<void *>(b.vapi)) + ", user qp h: " + kptr(b.record) +
+                      " (mlx:" + std::to_string(VAPI_E2BIG_WR_NUM) + ", MLX)")}),
               at_level(log(), "ERROR  "));
     EXPECT_EQ(0u, log().back().find(ad_debug("oxi_mlx_post_receive", "---->ADAPTOR_UNLOCK cpu[")));
     EXPECT_EQ(dp_const("post_receive_indx"), ring_entry(0)["func_ix_st"]);
@@ -113,7 +114,8 @@ TEST_F(PostReceive, MoreThanEightScatterEntriesAreRefused) {
     EXPECT_EQ(0ul, hca::call_count("VAPI_post_rr"));
     EXPECT_EQ(1, stats()["error_num"]);
     EXPECT_EQ(0, adaptor_lock_held());
-    EXPECT_TRUE(contains(log(), ad_error("ox_mlx_common_post_receive_prep", "ERROR - num_of_data_segments: 9 > 8")));
+    EXPECT_TRUE(
+        contains(log(), ad_error("ox_mlx_common_post_receive_prep", "ERROR - num_of_data_segments: 9 > 8")));
     EXPECT_EQ(kInvalidParameter, ulp_post_receive_list(provider(), hcas[1], b.record, 1, wr.data()));
     EXPECT_EQ(0ul, hca::call_count("EVAPI_post_rr_list"));
 }
@@ -211,8 +213,8 @@ TEST_F(PostReceive, ListFailureIsRecordedUnderItsOwnIndex) {
     EXPECT_EQ(VAPI_EAGAIN, ring_entry(0)["stat_st"]);
     EXPECT_TRUE(contains(log(), ad_error("oxi_mlx_post_receive_list",
                                          "MLXAD_ERR: VAPI Fail to EVAPI_post_rr_list(), hca_h: " +
-                                             std::to_string(vapi_hca(1)) + ", (mlx:" + std::to_string(VAPI_EAGAIN) +
-                                             ", MLX)")));
+                                             std::to_string(vapi_hca(1)) +
+                                             ", (mlx:" + std::to_string(VAPI_EAGAIN) + ", MLX)")));
     EXPECT_EQ(1, stats()["VAPI_error_num"]);
     EXPECT_EQ(0, stats()["post_r_list_num"]);
 }
@@ -245,9 +247,9 @@ TEST_F(PostReceive, VapiFormRewritesTheCallersAddressesEveryTime) {
     EXPECT_EQ(kErr, ulp_post_receive_vapi(provider(), hcas[1], b.record, &d));
     EXPECT_EQ((std::vector<std::string>{ad_error(
                   "oxi_mlx_post_receive_vapi",
-                  "MLX AD_ERR: Fail to post send WR, hca_h: " + std::to_string(vapi_hca(1)) + ", qp_h: " +
-                      kptr(reinterpret_cast<void *>(b.vapi)) + ", user qp h: " + kptr(b.record) + " (mlx:" +
-                      std::to_string(VAPI_EAGAIN) + ", MLX)")}),
+                  "MLX AD_ERR: Fail to post send WR, hca_h: " + std::to_string(vapi_hca(1)) +
+                      ", qp_h: " + kptr(reinterpret_cast<void *>(b.vapi)) + ", user qp h: " + kptr(b.record) +
+                      " (mlx:" + std::to_string(VAPI_EAGAIN) + ", MLX)")}),
               log());
     EXPECT_EQ(dp_const("post_receive_indx"), ring_entry(0)["func_ix_st"]);
     EXPECT_EQ(3, stats()["post_vapi_r_num"]);
@@ -256,8 +258,8 @@ TEST_F(PostReceive, VapiFormRewritesTheCallersAddressesEveryTime) {
 
 TEST_F(PostReceive, VapiListFormRewritesEveryDescriptor) {
     DpBuffer &r = buffer(96);
-    VAPI_sg_lst_entry_t sg[3] = {{r.addr(), 32, gen_lkey[1]}, {r.addr() + 32, 32, gen_lkey[1]},
-                                 {r.addr() + 64, 32, gen_lkey[1]}};
+    VAPI_sg_lst_entry_t sg[3] = {
+        {r.addr(), 32, gen_lkey[1]}, {r.addr() + 32, 32, gen_lkey[1]}, {r.addr() + 64, 32, gen_lkey[1]}};
     VAPI_rr_desc_t d[2]{};
     for (int i = 0; i < 2; ++i) {
         d[i].id = 20 + i;
@@ -278,10 +280,11 @@ TEST_F(PostReceive, VapiListFormRewritesEveryDescriptor) {
     hca::inject_fault("EVAPI_post_rr_list", kDev[1], VAPI_EAGAIN);
     EXPECT_EQ(kErr, ulp_post_receive_list_vapi(provider(), hcas[1], b.record, 2, d));
     EXPECT_EQ(dp_const("tavor_post_receive_list_indx"), ring_entry(0)["func_ix_st"]);
-    EXPECT_TRUE(contains(log(), ad_error("oxi_mlx_post_receive_list_vapi",
-                                         "MLX AD_ERR: Fail to post send WR, hca_h: " + std::to_string(vapi_hca(1)) +
-                                             ", qp_h: " + kptr(reinterpret_cast<void *>(b.vapi)) + ", user qp h: " +
-                                             kptr(b.record) + " (mlx:" + std::to_string(VAPI_EAGAIN) + ", MLX)")));
+    EXPECT_TRUE(
+        contains(log(), ad_error("oxi_mlx_post_receive_list_vapi",
+                                 "MLX AD_ERR: Fail to post send WR, hca_h: " + std::to_string(vapi_hca(1)) +
+                                     ", qp_h: " + kptr(reinterpret_cast<void *>(b.vapi)) + ", user qp h: " +
+                                     kptr(b.record) + " (mlx:" + std::to_string(VAPI_EAGAIN) + ", MLX)")));
 }
 
 }  // namespace

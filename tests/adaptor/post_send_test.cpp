@@ -64,7 +64,8 @@ TEST_F(PostSend, RcTranslationCopiesExactlyTheFieldsItShould) {
     fill_everything(wr[0], sg, buf);
     const long long takes = send_lock_takes(rc);
 
-    ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
+    ASSERT_EQ(
+        kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
 
     const VAPI_sr_desc_t &d = sr_desc(rc);
     EXPECT_EQ(0x1122334455667788ull, d.id);
@@ -109,10 +110,12 @@ TEST_F(PostSend, RcTranslationCopiesExactlyTheFieldsItShould) {
                   ad_debug(f, "ox completion_notification: 1, mlx comp_type: 0"),
                   ad_debug(f, "post sr parameters: sg_lst_p: " + kptr(nullptr) + "(" + kptr(sg.data()) +
                                   "), wr_id: 1122334455667788(1122334455667788)"),
-                  ad_debug(f, "0) send sg, addr: " + hex(gen_addr(0, buf.data())) + ", length: 100, l_key: " +
-                                  std::to_string(gen_lkey[0]) + "  src addr: " + src0 + " PAGE_OFFSET: 10000000000"),
-                  ad_debug(f, "1) send sg, addr: " + hex(gen_addr(0, buf.data() + 200)) + ", length: 28, l_key: " +
-                                  std::to_string(gen_lkey[0]) + "  src addr: " + src1 + " PAGE_OFFSET: 10000000000"),
+                  ad_debug(f, "0) send sg, addr: " + hex(gen_addr(0, buf.data())) +
+                                  ", length: 100, l_key: " + std::to_string(gen_lkey[0]) +
+                                  "  src addr: " + src0 + " PAGE_OFFSET: 10000000000"),
+                  ad_debug(f, "1) send sg, addr: " + hex(gen_addr(0, buf.data() + 200)) +
+                                  ", length: 28, l_key: " + std::to_string(gen_lkey[0]) +
+                                  "  src addr: " + src1 + " PAGE_OFFSET: 10000000000"),
               }),
               log());
 }
@@ -130,14 +133,16 @@ TEST_F(PostSend, EveryOpcodeHasItsVapiOpcode) {
     for (const auto &[name, vapi] : table) {
         DpRecords wr("ox_wr_t");
         wr[0].set("wr_type", dp_const(name)).set("completion_notification", 1);
-        ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")))
+        ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(),
+                                     dp_const("ox_operation_type_send_rc")))
             << name;
         EXPECT_EQ(vapi, sr_desc(rc).opcode) << name;
     }
     // ox_wr_receive has a row too; VAPI refuses it on a send queue.
     DpRecords wr("ox_wr_t");
     wr[0].set("wr_type", dp_const("ox_wr_receive"));
-    EXPECT_EQ(kErr, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
+    EXPECT_EQ(kErr, ulp_post_send(provider(), hcas[0], rc.record, wr.data(),
+                                  dp_const("ox_operation_type_send_rc")));
     EXPECT_EQ(VAPI_RECEIVE, sr_desc(rc).opcode);
 }
 
@@ -145,7 +150,8 @@ TEST_F(PostSend, CompletionNotificationZeroIsUnsignalledAnyOtherValueSignalled) 
     for (int value : {0, 1, 2, 7, 8, 255}) {
         DpRecords wr("ox_wr_t");
         wr[0].set("wr_type", dp_const("ox_wr_send")).set("completion_notification", value);
-        ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
+        ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(),
+                                     dp_const("ox_operation_type_send_rc")));
         EXPECT_EQ(value == 0 ? VAPI_UNSIGNALED : VAPI_SIGNALED, sr_desc(rc).comp_type) << value;
     }
 }
@@ -157,12 +163,14 @@ TEST_F(PostSend, RdmaReadMovesNoBytesOutASendDoes) {
     DpRecords wr("ox_wr_t");
     wr[0].set("wr_type", dp_const("ox_wr_rdma_read")).set("num_of_data_segments", 1);
     set_sg(wr[0], sg);
-    ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
+    ASSERT_EQ(
+        kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
     EXPECT_EQ(0, stats()["tx_byte"]);
     EXPECT_EQ(0, stats()["last_tx_byte"]);
     EXPECT_EQ(1, stats()["acc_sg"]);
     wr[0].set("wr_type", dp_const("ox_wr_send"));
-    ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
+    ASSERT_EQ(
+        kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
     EXPECT_EQ(4096, stats()["tx_byte"]);
     EXPECT_EQ(4096, stats()["last_tx_byte"]);
     EXPECT_EQ(2, stats()["acc_sg"]);
@@ -172,7 +180,8 @@ TEST_F(PostSend, RdmaReadMovesNoBytesOutASendDoes) {
 TEST_F(PostSend, ZeroGatherEntriesPostAnEmptyListAndCountNoBytes) {
     DpRecords wr("ox_wr_t");
     wr[0].set("wr_type", dp_const("ox_wr_send")).set("completion_notification", 1);
-    ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
+    ASSERT_EQ(
+        kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
     EXPECT_EQ(0u, sr_desc(rc).sg_lst_len);
     EXPECT_EQ(sg_s(rc), sr_desc(rc).sg_lst_p);
     EXPECT_EQ(0, stats()["tx_byte"]);
@@ -185,9 +194,12 @@ TEST_F(PostSend, UcTakesAddressAndKeyButNoFence) {
     k::log_clear();
     DpRecords wr("ox_wr_t");
     wr[0].set("wr_type", dp_const("ox_wr_rdma_write")).set("completion_notification", 1);
-    wr[0].set("type.send.send_qp_type.uc_type.r_addr", 0xfeed0000).set("type.send.send_qp_type.uc_type.r_r_key", 77);
+    wr[0]
+        .set("type.send.send_qp_type.uc_type.r_addr", 0xfeed0000)
+        .set("type.send.send_qp_type.uc_type.r_r_key", 77);
     wr[0].set("type.send.send_qp_type.uc_type.atomic_operands.atom_first_operand", 5);
-    ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_uc")));
+    ASSERT_EQ(
+        kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_uc")));
     const VAPI_sr_desc_t &d = sr_desc(rc);
     EXPECT_EQ(0xfeed0000ull, d.remote_addr);
     EXPECT_EQ(77u, d.r_key);
@@ -197,10 +209,13 @@ TEST_F(PostSend, UcTakesAddressAndKeyButNoFence) {
     const auto lines = log();
     EXPECT_TRUE(contains(lines, ad_func(f, "ox_operation_type_send_uc")));
     EXPECT_TRUE(contains(
-        lines, ad_debug(f, "need to fix: work_req->type.send.send_qp_type.uc_type.atomic_operands.atom_first_operan")));
+        lines,
+        ad_debug(f,
+                 "need to fix: work_req->type.send.send_qp_type.uc_type.atomic_operands.atom_first_operan")));
     EXPECT_TRUE(contains(
         lines,
-        ad_debug(f, "need to fix: work_req->type.send.send_qp_type.uc_type.atomic_operands.atom_second_operand")));
+        ad_debug(
+            f, "need to fix: work_req->type.send.send_qp_type.uc_type.atomic_operands.atom_second_operand")));
 }
 
 TEST_F(PostSend, RdTakesFenceAddressKeyQpAndQkeyButNotTheEec) {
@@ -208,13 +223,15 @@ TEST_F(PostSend, RdTakesFenceAddressKeyQpAndQkeyButNotTheEec) {
     k::log_clear();
     DpRecords wr("ox_wr_t");
     wr[0].set("wr_type", dp_const("ox_wr_send")).set("completion_notification", 1);
-    wr[0].set("type.send.send_qp_type.rd_type.fance_indicator", 1)
+    wr[0]
+        .set("type.send.send_qp_type.rd_type.fance_indicator", 1)
         .set("type.send.send_qp_type.rd_type.r_addr", 0xabc000)
         .set("type.send.send_qp_type.rd_type.r_r_key", 9)
         .set("type.send.send_qp_type.rd_type.r_qp_num", 0x33)
         .set("type.send.send_qp_type.rd_type.r_q_key", 0x44)
         .set("type.send.send_qp_type.rd_type.eec_number", 0x55);
-    ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rd")));
+    ASSERT_EQ(
+        kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rd")));
     const VAPI_sr_desc_t &d = sr_desc(rc);
     EXPECT_EQ(1, d.fence);
     EXPECT_EQ(0xabc000ull, d.remote_addr);
@@ -228,11 +245,13 @@ TEST_F(PostSend, RdTakesFenceAddressKeyQpAndQkeyButNotTheEec) {
 TEST_F(PostSend, UdTakesTheAddressHandleAndLocksOncePerPost) {
     DpRecords wr("ox_wr_t");
     wr[0].set("wr_type", dp_const("ox_wr_send")).set("completion_notification", 1);
-    wr[0].set("type.send.send_qp_type.ud_type.r_add_h", (long long)ah)
+    wr[0]
+        .set("type.send.send_qp_type.ud_type.r_add_h", (long long)ah)
         .set("type.send.send_qp_type.ud_type.r_q_key", 0x11110000)
         .set("type.send.send_qp_type.ud_type.r_qp_num", 0x99);
     const long long takes = send_lock_takes(ud_qp);
-    ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], ud_qp.record, wr.data(), dp_const("ox_operation_type_send_ud")));
+    ASSERT_EQ(kOk, ulp_post_send(provider(), hcas[0], ud_qp.record, wr.data(),
+                                 dp_const("ox_operation_type_send_ud")));
     const VAPI_sr_desc_t &d = sr_desc(ud_qp);
     EXPECT_EQ(ah, d.remote_ah);
     EXPECT_EQ(0x11110000u, d.remote_qkey);
@@ -248,22 +267,26 @@ TEST_F(PostSend, UdTakesTheAddressHandleAndLocksOncePerPost) {
     EXPECT_EQ(ad_debug(e, "---->OX_SPECIFIC_SL_LOCK"), lines[1]);
     EXPECT_EQ(0u, lines.back().find(ad_debug(e, "---->OX_SPECIFIC_SL_UNLOCK cpu[")));
     EXPECT_NE(std::string::npos, lines.back().find("oxi_mlx_post_send())"));
-    EXPECT_TRUE(contains(lines, ad_debug("ox_mlx_common_post_send_prep",
-                                         "post sr UD parameters: remote_ah: " + std::to_string(ah) + "(" +
-                                             std::to_string(ah) + "), remote_qkey: 286326784(286326784), "
-                                                                  "remote_qp: 153(153)")));
+    EXPECT_TRUE(contains(
+        lines, ad_debug("ox_mlx_common_post_send_prep",
+                        "post sr UD parameters: remote_ah: " + std::to_string(ah) + "(" + std::to_string(ah) +
+                            "), remote_qkey: 286326784(286326784), "
+                            "remote_qp: 153(153)")));
 }
 
 TEST_F(PostSend, RawOperationTypeIsRefusedCountedTwiceAndLeavesTheLockFree) {
     DpRecords wr("ox_wr_t");
     wr[0].set("wr_type", dp_const("ox_wr_send"));
     const long long takes = send_lock_takes(ud_qp);
-    for (const char *type : {"ox_operation_type_send_raw", "ox_operation_type_receive", "ox_operation_type_bind"}) {
+    for (const char *type :
+         {"ox_operation_type_send_raw", "ox_operation_type_receive", "ox_operation_type_bind"}) {
         k::log_clear();
         const long long errors = stats()["error_num"];
-        EXPECT_EQ(kNotImplemented, ulp_post_send(provider(), hcas[0], ud_qp.record, wr.data(), dp_const(type)));
+        EXPECT_EQ(kNotImplemented,
+                  ulp_post_send(provider(), hcas[0], ud_qp.record, wr.data(), dp_const(type)));
         EXPECT_EQ(errors + 2, stats()["error_num"]) << type;
-        EXPECT_TRUE(contains(log(), ad_error("oxi_mlx_post_send", "ERROR - ox_mlx_common_post_send_prep() returned error")));
+        EXPECT_TRUE(contains(
+            log(), ad_error("oxi_mlx_post_send", "ERROR - ox_mlx_common_post_send_prep() returned error")));
         EXPECT_EQ(0, send_lock_held(ud_qp));
     }
     EXPECT_EQ(6, stats()["last_error_num"]);
@@ -278,7 +301,8 @@ TEST_F(PostSend, VapiFailureIsReportedRecordedAndReleasesTheLock) {
     DpRecords wr("ox_wr_t");
     wr[0].set("wr_type", dp_const("ox_wr_send")).set("type.send.send_qp_type.ud_type.r_add_h", (long long)ah);
     const long long takes = send_lock_takes(ud_qp);
-    EXPECT_EQ(kErr, ulp_post_send(provider(), hcas[0], ud_qp.record, wr.data(), dp_const("ox_operation_type_send_ud")));
+    EXPECT_EQ(kErr, ulp_post_send(provider(), hcas[0], ud_qp.record, wr.data(),
+                                  dp_const("ox_operation_type_send_ud")));
     EXPECT_EQ(takes + 1, send_lock_takes(ud_qp));
     EXPECT_EQ(0, send_lock_held(ud_qp));
     EXPECT_EQ(1, stats()["error_num"]);
@@ -288,11 +312,11 @@ TEST_F(PostSend, VapiFailureIsReportedRecordedAndReleasesTheLock) {
     EXPECT_EQ(0, stats()["post_s_num"]);
     EXPECT_EQ(dp_const("post_send_indx"), ring_entry(0)["func_ix_st"]);
     EXPECT_EQ(VAPI_EAGAIN, ring_entry(0)["stat_st"]);
-    EXPECT_EQ((std::vector<std::string>{ad_error(
-                  "oxi_mlx_post_send", "MLX AD_ERR: Fail to post send WR, hca_h: " + std::to_string(vapi_hca(0)) +
-                                           ", qp_h: " + kptr(reinterpret_cast<void *>(ud_qp.vapi)) +
-                                           ", user qp h: " + kptr(ud_qp.record) + " (mlx:" +
-                                           std::to_string(VAPI_EAGAIN) + ", MLX)")}),
+    EXPECT_EQ((std::vector<std::string>{
+                  ad_error("oxi_mlx_post_send",
+                           "MLX AD_ERR: Fail to post send WR, hca_h: " + std::to_string(vapi_hca(0)) +
+                               ", qp_h: " + kptr(reinterpret_cast<void *>(ud_qp.vapi)) + ", user qp h: " +
+                               kptr(ud_qp.record) + " (mlx:" + std::to_string(VAPI_EAGAIN) + ", MLX)")}),
               at_level(log(), "ERROR  "));
 }
 
@@ -302,22 +326,25 @@ TEST_F(PostSend, RequestsTheRecordCannotHoldAreRefused) {
     DpRecords wr("ox_wr_t");
     wr[0].set("wr_type", dp_const("ox_wr_send")).set("num_of_data_segments", 9);
     set_sg(wr[0], sg);
-    EXPECT_EQ(kInvalidParameter,
-              ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
-    EXPECT_TRUE(contains(log(), ad_error("ox_mlx_common_post_send_prep", "ERROR - num_of_data_segments: 9 > 8")));
+    EXPECT_EQ(kInvalidParameter, ulp_post_send(provider(), hcas[0], rc.record, wr.data(),
+                                               dp_const("ox_operation_type_send_rc")));
+    EXPECT_TRUE(
+        contains(log(), ad_error("ox_mlx_common_post_send_prep", "ERROR - num_of_data_segments: 9 > 8")));
     // A bind request has no VAPI opcode.
     k::log_clear();
     wr[0].set("wr_type", dp_const("ox_wr_mem_win_bind")).set("num_of_data_segments", 0);
-    EXPECT_EQ(kInvalidParameter,
-              ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
-    EXPECT_TRUE(contains(log(), ad_error("ox_mlx_common_post_send_prep", "ERROR - wr_type: 8 has no VAPI opcode")));
+    EXPECT_EQ(kInvalidParameter, ulp_post_send(provider(), hcas[0], rc.record, wr.data(),
+                                               dp_const("ox_operation_type_send_rc")));
+    EXPECT_TRUE(
+        contains(log(), ad_error("ox_mlx_common_post_send_prep", "ERROR - wr_type: 8 has no VAPI opcode")));
     EXPECT_EQ(2, stats()["error_num"]);
     EXPECT_EQ(0, stats()["acc_sg"]);
     EXPECT_EQ(0, stats()["tx_byte"]);
     EXPECT_EQ(0ul, hca::call_count("VAPI_post_sr"));
     // Eight are fine.
     wr[0].set("wr_type", dp_const("ox_wr_send")).set("num_of_data_segments", 8);
-    EXPECT_EQ(kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
+    EXPECT_EQ(
+        kOk, ulp_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
 }
 
 TEST_F(PostSend, VapiFormNeedsExactlyOneGatherEntryAndRewritesItInPlace) {
@@ -355,8 +382,8 @@ TEST_F(PostSend, VapiFormNeedsExactlyOneGatherEntryAndRewritesItInPlace) {
     EXPECT_EQ(takes, send_lock_takes(ud_qp));
     EXPECT_EQ((std::vector<std::string>{ad_error(
                   "oxi_mlx_post_send_vapi",
-                  "MLX AD_ERR: Fail to post send WR, hca_h: " + std::to_string(vapi_hca(0)) +
-                      ", qp_h: " + kptr(reinterpret_cast<void *>(ud_qp.vapi)) + ", user qp h: " + kptr(ud_qp.record) +
+                  "MLX AD_ERR: Fail to post send WR, hca_h: " + std::to_string(vapi_hca(0)) + ", qp_h: " +
+                      kptr(reinterpret_cast<void *>(ud_qp.vapi)) + ", user qp h: " + kptr(ud_qp.record) +
                       " (mlx:" + std::to_string(VAPI_EINVAL_QP_HNDL) + ", MLX)")}),
               log());
     EXPECT_EQ(dp_const("post_send_indx"), ring_entry(0)["func_ix_st"]);
@@ -384,7 +411,8 @@ TEST_F(PostSend, TheTwoStubsRefuseAndTouchNothing) {
 TEST_F(PostSend, ExportedSymbolPostsLikeTheTable) {
     DpRecords wr("ox_wr_t");
     wr[0].set("wr_type", dp_const("ox_wr_send")).set("completion_notification", 0).set("wr_id", 5);
-    ASSERT_EQ(kOk, ulp_post_send(exported_table(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
+    ASSERT_EQ(kOk, ulp_post_send(exported_table(), hcas[0], rc.record, wr.data(),
+                                 dp_const("ox_operation_type_send_rc")));
     EXPECT_EQ(5u, sr_desc(rc).id);
     EXPECT_EQ(VAPI_UNSIGNALED, sr_desc(rc).comp_type);
     EXPECT_EQ(1, stats()["post_s_num"]);

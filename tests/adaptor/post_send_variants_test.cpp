@@ -56,8 +56,13 @@ TEST_F(GsiSend, PostsThroughEvapiWithThePkeyIndexAndCountsAsAPostSend) {
     DpRecords sg("ox_scatgat_t");
     entry(sg, 0, buf.data(), 256, gen_lkey[0]);
     DpRecords wr("ox_wr_t");
-    wr[0].set("wr_type", dp_const("ox_wr_send")).set("completion_notification", 1).set("num_of_data_segments", 1);
-    wr[0].set("type.send.send_qp_type.ud_type.r_add_h", (long long)ah).set("type.send.send_qp_type.ud_type.r_qp_num", 1);
+    wr[0]
+        .set("wr_type", dp_const("ox_wr_send"))
+        .set("completion_notification", 1)
+        .set("num_of_data_segments", 1);
+    wr[0]
+        .set("type.send.send_qp_type.ud_type.r_add_h", (long long)ah)
+        .set("type.send.send_qp_type.ud_type.r_qp_num", 1);
     set_sg(wr[0], sg);
     const long long takes = send_lock_takes(gsi);
     ASSERT_EQ(kOk, ulp_post_gsi_send_on_pkey(provider(), hcas[0], gsi.record, wr.data(),
@@ -71,7 +76,8 @@ TEST_F(GsiSend, PostsThroughEvapiWithThePkeyIndexAndCountsAsAPostSend) {
     EXPECT_EQ(256, stats()["tx_byte"]);
     EXPECT_EQ(takes + 1, send_lock_takes(gsi));  // a special QP is not RC: it locks
     const auto lines = log();
-    EXPECT_EQ(0u, lines.front().find(ad_debug("oxi_mlx_post_gsi_send_on_pkey", "---->before OX_SPECIFIC_SL_LOCK")));
+    EXPECT_EQ(
+        0u, lines.front().find(ad_debug("oxi_mlx_post_gsi_send_on_pkey", "---->before OX_SPECIFIC_SL_LOCK")));
 
     // The index reaches EVAPI unchanged: one past the table is refused by the device.
     const int past = 64;
@@ -79,11 +85,11 @@ TEST_F(GsiSend, PostsThroughEvapiWithThePkeyIndexAndCountsAsAPostSend) {
                                               dp_const("ox_operation_type_send_ud"), past));
     EXPECT_EQ(dp_const("post_send_indx"), ring_entry(0)["func_ix_st"]);
     EXPECT_EQ(VAPI_EINVAL_PKEY_IX, ring_entry(0)["stat_st"]);
-    EXPECT_TRUE(contains(log(), ad_error("oxi_mlx_post_gsi_send_on_pkey",
-                                         "MLX AD_ERR: Fail to post send WR, hca_h: " + std::to_string(vapi_hca(0)) +
-                                             ", qp_h: " + kptr(reinterpret_cast<void *>(gsi.vapi)) + ", user qp h: " +
-                                             kptr(gsi.record) + " (mlx:" + std::to_string(VAPI_EINVAL_PKEY_IX) +
-                                             ", MLX)")));
+    EXPECT_TRUE(contains(
+        log(), ad_error("oxi_mlx_post_gsi_send_on_pkey",
+                        "MLX AD_ERR: Fail to post send WR, hca_h: " + std::to_string(vapi_hca(0)) +
+                            ", qp_h: " + kptr(reinterpret_cast<void *>(gsi.vapi)) + ", user qp h: " +
+                            kptr(gsi.record) + " (mlx:" + std::to_string(VAPI_EINVAL_PKEY_IX) + ", MLX)")));
     EXPECT_EQ(1, stats()["VAPI_error_num"]);
     EXPECT_EQ(0, send_lock_held(gsi));
 }
@@ -105,9 +111,13 @@ TEST_F(SendVariants, InlinePassesAddressesUnchanged) {
     entry(sg, 0, buf.data(), 40, 5);
     entry(sg, 1, buf.data() + 40, 8, 6);
     DpRecords wr("ox_wr_t");
-    wr[0].set("wr_type", dp_const("ox_wr_send")).set("completion_notification", 1).set("num_of_data_segments", 2);
+    wr[0]
+        .set("wr_type", dp_const("ox_wr_send"))
+        .set("completion_notification", 1)
+        .set("num_of_data_segments", 2);
     set_sg(wr[0], sg);
-    ASSERT_EQ(kOk, ulp_inline_post_send(provider(), hcas[0], rc.record, wr.data(), dp_const("ox_operation_type_send_rc")));
+    ASSERT_EQ(kOk, ulp_inline_post_send(provider(), hcas[0], rc.record, wr.data(),
+                                        dp_const("ox_operation_type_send_rc")));
     EXPECT_EQ(buf.addr(), sg_s(rc)[0].addr);
     EXPECT_EQ(40u, sg_s(rc)[0].len);
     EXPECT_EQ(5u, sg_s(rc)[0].lkey);
@@ -119,12 +129,14 @@ TEST_F(SendVariants, InlinePassesAddressesUnchanged) {
     EXPECT_EQ(48, stats()["tx_byte"]);
     EXPECT_EQ(2, stats()["acc_sg"]);
     const auto lines = log();
-    EXPECT_EQ(ad_debug("oxi_mlx_inline_post_send", "working with: OX_TAVOR_STACK_SAVE_FOR_POST_SEND_IN_OPENED_QP"),
-              lines.front());
+    EXPECT_EQ(
+        ad_debug("oxi_mlx_inline_post_send", "working with: OX_TAVOR_STACK_SAVE_FOR_POST_SEND_IN_OPENED_QP"),
+        lines.front());
     EXPECT_TRUE(contains(lines, ad_debug("ox_mlx_common_post_send_prep",
                                          "0) v_address: " + kptr(buf.data()) + ", length: 40, l_key: 5")));
-    EXPECT_TRUE(contains(lines, ad_debug("ox_mlx_common_post_send_prep",
-                                         "1) v_address: " + kptr(buf.data() + 40) + ", length: 8, l_key: 6")));
+    EXPECT_TRUE(
+        contains(lines, ad_debug("ox_mlx_common_post_send_prep",
+                                 "1) v_address: " + kptr(buf.data() + 40) + ", length: 8, l_key: 6")));
 }
 
 TEST_F(SendVariants, InlineFailureUsesItsOwnRingIndex) {
@@ -135,13 +147,14 @@ TEST_F(SendVariants, InlineFailureUsesItsOwnRingIndex) {
     wr[0].set("wr_type", dp_const("ox_wr_send")).set("num_of_data_segments", 1);
     wr[0].set("type.send.send_qp_type.ud_type.r_add_h", (long long)ah);
     set_sg(wr[0], sg);
-    EXPECT_EQ(kErr, ulp_inline_post_send(provider(), hcas[0], ud_qp.record, wr.data(), dp_const("ox_operation_type_send_ud")));
+    EXPECT_EQ(kErr, ulp_inline_post_send(provider(), hcas[0], ud_qp.record, wr.data(),
+                                         dp_const("ox_operation_type_send_ud")));
     EXPECT_EQ(dp_const("tavor_inline_post_send_indx"), ring_entry(0)["func_ix_st"]);
     EXPECT_EQ(VAPI_E2BIG_INLINE, ring_entry(0)["stat_st"]);
-    EXPECT_EQ((std::vector<std::string>{ad_error("oxi_mlx_inline_post_send",
-                                                 "MLXAD_ERR: VAPI Fail to EVAPI_post_inline_sr(), hca_h: " +
-                                                     std::to_string(vapi_hca(0)) + ", (mlx:" +
-                                                     std::to_string(VAPI_E2BIG_INLINE) + ", MLX)")}),
+    EXPECT_EQ((std::vector<std::string>{ad_error(
+                  "oxi_mlx_inline_post_send",
+                  "MLXAD_ERR: VAPI Fail to EVAPI_post_inline_sr(), hca_h: " + std::to_string(vapi_hca(0)) +
+                      ", (mlx:" + std::to_string(VAPI_E2BIG_INLINE) + ", MLX)")}),
               at_level(log(), "ERROR  "));
     EXPECT_EQ(1, stats()["error_num"]);
     EXPECT_EQ(1, stats()["VAPI_error_num"]);
@@ -162,7 +175,8 @@ TEST_F(SendVariants, ListOfFourIsOneCallAndTakesNoLockOnRc) {
     }
     const long long takes = send_lock_takes(rc);
     const size_t before = module_allocations();
-    ASSERT_EQ(kOk, ulp_post_send_list(provider(), hcas[0], rc.record, 4, wrs.data(), dp_const("ox_operation_type_send_rc")));
+    ASSERT_EQ(kOk, ulp_post_send_list(provider(), hcas[0], rc.record, 4, wrs.data(),
+                                      dp_const("ox_operation_type_send_rc")));
     EXPECT_EQ(1ul, hca::call_count("EVAPI_post_sr_list"));
     EXPECT_EQ(4, stats()["post_s_list_num"]);
     EXPECT_EQ(4, stats()["last_post_s_list_num"]);
@@ -180,9 +194,12 @@ TEST_F(SendVariants, ListOfFourIsOneCallAndTakesNoLockOnRc) {
 TEST_F(SendVariants, ListOnUdLocksOnce) {
     DpRecords wrs("ox_wr_t", 2);
     for (int i = 0; i < 2; ++i)
-        wrs[i].set("wr_type", dp_const("ox_wr_send")).set("type.send.send_qp_type.ud_type.r_add_h", (long long)ah);
+        wrs[i]
+            .set("wr_type", dp_const("ox_wr_send"))
+            .set("type.send.send_qp_type.ud_type.r_add_h", (long long)ah);
     const long long takes = send_lock_takes(ud_qp);
-    ASSERT_EQ(kOk, ulp_post_send_list(provider(), hcas[0], ud_qp.record, 2, wrs.data(), dp_const("ox_operation_type_send_ud")));
+    ASSERT_EQ(kOk, ulp_post_send_list(provider(), hcas[0], ud_qp.record, 2, wrs.data(),
+                                      dp_const("ox_operation_type_send_ud")));
     EXPECT_EQ(takes + 1, send_lock_takes(ud_qp));
     EXPECT_EQ(0, send_lock_held(ud_qp));
     EXPECT_EQ(2, stats()["post_s_list_num"]);
@@ -194,7 +211,7 @@ TEST_F(SendVariants, ListAllocationFailureReleasesTheLock) {
     k::add_alloc_fault(fault);
     DpRecords wrs("ox_wr_t", 2);
     EXPECT_EQ(kAllocMem, ulp_post_send_list(provider(), hcas[0], ud_qp.record, 2, wrs.data(),
-                                           dp_const("ox_operation_type_send_ud")));
+                                            dp_const("ox_operation_type_send_ud")));
     EXPECT_EQ(0, send_lock_held(ud_qp));
     EXPECT_TRUE(contains(log(), ad_error("oxi_mlx_post_send_list", "Fail to allocate memory: mlx_p")));
     EXPECT_EQ(1, stats()["mem_alloc_error_num"]);
@@ -207,13 +224,14 @@ TEST_F(SendVariants, ListWithAnUnsupportedTypePostsNothing) {
     DpRecords wrs("ox_wr_t", 3);
     const size_t before = module_allocations();
     EXPECT_EQ(kNotImplemented, ulp_post_send_list(provider(), hcas[0], ud_qp.record, 3, wrs.data(),
-                                                 dp_const("ox_operation_type_send_raw")));
+                                                  dp_const("ox_operation_type_send_raw")));
     EXPECT_EQ(2, stats()["error_num"]);
     EXPECT_EQ(0ul, hca::call_count("EVAPI_post_sr_list"));
     EXPECT_EQ(before, module_allocations());
     EXPECT_EQ(0, send_lock_held(ud_qp));
     const auto lines = log();
-    EXPECT_TRUE(contains(lines, ad_error("oxi_mlx_post_send_list", "ERROR - ox_mlx_common_post_send_prep() returned error")));
+    EXPECT_TRUE(contains(
+        lines, ad_error("oxi_mlx_post_send_list", "ERROR - ox_mlx_common_post_send_prep() returned error")));
     EXPECT_EQ(0u, lines.back().find(ad_debug("oxi_mlx_post_send_list", "---->OX_SPECIFIC_SL_UNLOCK cpu[")));
 }
 
@@ -221,13 +239,15 @@ TEST_F(SendVariants, ListVapiFailureFreesTheBlockAndRecords) {
     hca::inject_fault("EVAPI_post_sr_list", kDev[0], VAPI_EAGAIN);
     DpRecords wrs("ox_wr_t", 2);
     const size_t before = module_allocations();
-    EXPECT_EQ(kErr, ulp_post_send_list(provider(), hcas[0], rc.record, 2, wrs.data(), dp_const("ox_operation_type_send_rc")));
+    EXPECT_EQ(kErr, ulp_post_send_list(provider(), hcas[0], rc.record, 2, wrs.data(),
+                                       dp_const("ox_operation_type_send_rc")));
     EXPECT_EQ(before, module_allocations());
     EXPECT_EQ(dp_const("tavor_post_send_list_indx"), ring_entry(0)["func_ix_st"]);
     EXPECT_EQ(VAPI_EAGAIN, ring_entry(0)["stat_st"]);
-    EXPECT_TRUE(contains(log(), ad_error("oxi_mlx_post_send_list", "MLXAD_ERR: VAPI Fail to EVAPI_post_sr_list(), hca_h: " +
-                                                                       std::to_string(vapi_hca(0)) + ", (mlx:" +
-                                                                       std::to_string(VAPI_EAGAIN) + ", MLX)")));
+    EXPECT_TRUE(contains(
+        log(), ad_error("oxi_mlx_post_send_list", "MLXAD_ERR: VAPI Fail to EVAPI_post_sr_list(), hca_h: " +
+                                                      std::to_string(vapi_hca(0)) +
+                                                      ", (mlx:" + std::to_string(VAPI_EAGAIN) + ", MLX)")));
     EXPECT_EQ(0, stats()["post_s_list_num"]);
     EXPECT_EQ(1, stats()["VAPI_error_num"]);
 }

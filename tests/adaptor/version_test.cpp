@@ -1,4 +1,5 @@
 // The module's version record.
+#include <algorithm>
 #include <regex>
 
 #include "adaptor_fixture.hpp"
@@ -92,6 +93,33 @@ TEST_F(VersionRecord, FailureLeavesNothing) {
     ASSERT_EQ(0, init_(const_cast<char *>("adaptor-mlx"), const_cast<char *>("1.0.0"),
                        const_cast<char *>("$Name: REL_TAG_V1_0_20060112 $")));
     EXPECT_EQ(before, module_allocations());
+}
+
+// Unloading removes the record even when allocations fail: the first one of rmmod, or all of them.
+TEST_F(VersionRecord, UnloadRemovesTheFileWhateverAllocationsFail) {
+    for (bool always : {false, true}) {
+        SCOPED_TRACE(always ? "every allocation fails" : "the first allocation fails");
+        if (!k::find_module("adaptor_mlx")) load_ok();
+        ASSERT_TRUE(k::file_exists(kVersion));
+        size_t before = module_allocations();
+        ASSERT_GT(before, 0u);
+        k::AllocFault fault;
+        fault.nth = 1;
+        fault.always = always;
+        k::add_alloc_fault(fault);
+        k::log_clear();
+        unload();
+        k::clear_alloc_faults();
+        EXPECT_FALSE(k::file_exists(kVersion));
+        EXPECT_EQ(0u, count_with(log(), "still registered at unload"));
+        EXPECT_EQ(0u, count_with(log(), "kmemleak"));
+        EXPECT_EQ(0u, module_allocations());
+    }
+    // Loading again finds no stale entry: there is exactly one version file.
+    load_ok();
+    std::vector<std::string> names;
+    ASSERT_EQ(0, k::list_dir("/proc/marlix/adaptor-mlx", names));
+    EXPECT_EQ(1u, std::count(names.begin(), names.end(), "version"));
 }
 
 }  // namespace

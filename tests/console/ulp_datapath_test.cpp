@@ -67,7 +67,8 @@ TEST_F(UlpDatapathTest, PostAndPollWithTheGenericFieldNames) {
     ASSERT_EQ(0, run("ulp post send qp1 64")) << err();
     EXPECT_EQ("post send on qp1: wr_id 1, 64 bytes\n", out());
     ASSERT_EQ(0, run("ulp post write qp1 128; ulp post read qp1 32")) << err();
-    EXPECT_EQ("post write on qp1 on qp2: wr_id 2, 128 bytes\npost read on qp1 on qp2: wr_id 3, 32 bytes\n", out());
+    EXPECT_EQ("post write on qp1 on qp2: wr_id 2, 128 bytes\npost read on qp1 on qp2: wr_id 3, 32 bytes\n",
+              out());
     ASSERT_EQ(0, run("ulp poll cq1")) << err();
     EXPECT_EQ(
         "cq1: wr_id: 1, operation_type: ox_wc_send_sq, num_bytes_transfered: 64, completion_status: "
@@ -80,7 +81,8 @@ TEST_F(UlpDatapathTest, PostAndPollWithTheGenericFieldNames) {
     ASSERT_EQ(0, run("ulp poll cq2")) << err();
     EXPECT_EQ(
         "cq2: wr_id: 1, operation_type: ox_wc_send_rq, num_bytes_transfered: 64, completion_status: "
-        "ox_comp_status_success, immidiate_data_indicator: 0, immidiate_data: 0x0, source_qp: 0x400, slid: 1\n",
+        "ox_comp_status_success, immidiate_data_indicator: 0, immidiate_data: 0x0, source_qp: 0x400, slid: "
+        "1\n",
         out());
     ASSERT_EQ(0, run("ulp poll cq2")) << err();
     EXPECT_EQ("cq2: empty\n", out());
@@ -92,12 +94,14 @@ TEST_F(UlpDatapathTest, AddressHandlesAndUdPosts) {
     ASSERT_EQ(0, run("ulp ah create pd1 2 3")) << err();
     EXPECT_EQ("ah1: created on hca1 in pd1, dlid 2, sl 3, add_h 1\n", out());
     ASSERT_EQ(0, run("ulp post recv qp2 140; ulp post send qp1 100")) << err();
-    EXPECT_EQ("post recv on qp2: wr_id 1, 140 bytes\npost send on qp1 to qp2 through ah1: wr_id 1, 100 bytes\n",
-              out());
+    EXPECT_EQ(
+        "post recv on qp2: wr_id 1, 140 bytes\npost send on qp1 to qp2 through ah1: wr_id 1, 100 bytes\n",
+        out());
     ASSERT_EQ(0, run("ulp poll cq2")) << err();
     EXPECT_EQ(
         "cq2: wr_id: 1, operation_type: ox_wc_send_rq, num_bytes_transfered: 140, completion_status: "
-        "ox_comp_status_success, immidiate_data_indicator: 0, immidiate_data: 0x0, source_qp: 0x400, slid: 1\n",
+        "ox_comp_status_success, immidiate_data_indicator: 0, immidiate_data: 0x0, source_qp: 0x400, slid: "
+        "1\n",
         out());
     EXPECT_EQ(1, run("ulp post write qp1 8"));
     EXPECT_EQ("ulp: post write: a datagram QP only sends\n", err());

@@ -182,6 +182,9 @@ TEST_F(UlpTest, FailedCallsPrintTheStatusAndFail) {
     EXPECT_EQ("ulp: close hca1: ox_return_err (1)\n", err());
     EXPECT_EQ(0, run("ulp list"));
     EXPECT_EQ("", out());
+    // An allocation of the open fails.
+    EXPECT_EQ(1, run("fault kmalloc site oxi_mlx_hca_open; ulp open InfiniHost1"));
+    EXPECT_EQ("ulp: open InfiniHost1: ox_return_err_alloc_mem (2)\n", err());
     // The kept quirk: the handler cannot be set, the provider says ok and gives no handle.
     EXPECT_EQ(1, run("fault InfiniHost1 VAPI_set_async_event_handler VAPI_EGEN; ulp open InfiniHost1"));
     EXPECT_EQ("ulp: open InfiniHost1: ox_return_ok (0) without an HCA handle\n", err());

@@ -1,7 +1,9 @@
-// ibstat, cable and fault: the software HCA's fabric and fault injection from the console.
+// ibstat, cable and fault: the software HCA's fabric and fault injection from the console
+// (`fault kmalloc ...`, the kernel's allocation faults, lives in kmalloc_fault_commands.cpp).
 #include <charconv>
 
 #include "console.hpp"
+#include "kmalloc_fault.hpp"
 #include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 
@@ -40,10 +42,12 @@ int cmd_cable(Console &c, const std::vector<std::string> &args) {
     return 0;
 }
 
-// fault DEVICE CALL STATUS [once|nth N|always]   or   fault clear
+// fault DEVICE CALL STATUS [once|nth N|always]   or   fault kmalloc ...   or   fault clear
 int cmd_fault(Console &c, const std::vector<std::string> &args) {
+    if (args.size() >= 2 && args[1] == "kmalloc") return fault_kmalloc(c, args);
     if (args.size() == 2 && args[1] == "clear") {
         softhca::clear_faults();
+        clear_kmalloc_faults();
         return 0;
     }
     if (args.size() < 4 || args.size() > 6) return c.usage();
@@ -77,8 +81,12 @@ MARLIX_CONSOLE_COMMAND(ibstat, "ibstat", "ibstat", "Show the adapters and the st
 MARLIX_CONSOLE_COMMAND(cable, "cable", "cable DEVICE PORT unplug|plug",
                        "Pull or plug the cable between a port and the switch.", cmd_cable)
 MARLIX_CONSOLE_COMMAND(
-    fault, "fault", "fault DEVICE|* CALL|* STATUS [once|nth N|always] | fault clear",
-    "Make a verb fail with STATUS (a number or a VAPI_ symbol), or clear every such fault.", cmd_fault)
+    fault, "fault",
+    "fault DEVICE|* CALL|* STATUS [once|nth N|always] | fault kmalloc [nth N] [size BYTES] "
+    "[site FUNCTION|FILE:LINE] [once|always] | fault kmalloc clear|status | fault clear",
+    "Make a verb fail with STATUS (a number or a VAPI_ symbol), or kernel allocations return null; "
+    "or clear every such fault.",
+    cmd_fault)
 
 }  // namespace
 }  // namespace marlix::console

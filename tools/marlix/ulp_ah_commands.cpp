@@ -30,8 +30,8 @@ int ulp_ah_create(Console &c, ulp::Session &s, const std::vector<std::string> &a
     object.handle = ah;
     object.values = {{"dlid", dlid}, {"sl", sl}, {"pd", pd->handle}};
     const ulp::Object &added = s.add(std::move(object));
-    c.out() << added.name << ": created on " << hca->name << " in " << pd->name << ", dlid " << dlid << ", sl "
-            << sl << ", add_h " << ah << "\n";
+    c.out() << added.name << ": created on " << hca->name << " in " << pd->name << ", dlid " << dlid
+            << ", sl " << sl << ", add_h " << ah << "\n";
     return 0;
 }
 

@@ -64,35 +64,44 @@ int ulp_mcast_detach(const ulp_funcs_t *funcs, void *hca, uint16_t dlid, const u
                      void *qp);
 
 int ulp_fmr_alloc(const ulp_funcs_t *funcs, void *hca, void *fmr, uint64_t *fmr_h);
-int ulp_fmr_map(const ulp_funcs_t *funcs, void *hca, uint64_t fmr_h, void *map, uint32_t *l_key, uint32_t *r_key);
+int ulp_fmr_map(const ulp_funcs_t *funcs, void *hca, uint64_t fmr_h, void *map, uint32_t *l_key,
+                uint32_t *r_key);
 int ulp_fmr_unmap(const ulp_funcs_t *funcs, void *hca, uint32_t count, uint64_t *fmr_hs);
 int ulp_fmr_free(const ulp_funcs_t *funcs, void *hca, uint64_t fmr_h);
 
 int ulp_alloc_dev_mem(const ulp_funcs_t *funcs, void *hca, int arg);
 int ulp_free_dev_mem(const ulp_funcs_t *funcs, void *hca, int arg);
-int ulp_process_local_mad(const ulp_funcs_t *funcs, void *hca, unsigned port, uint16_t slid, const void *mad_in,
-                          void *mad_out);
+int ulp_process_local_mad(const ulp_funcs_t *funcs, void *hca, unsigned port, uint16_t slid,
+                          const void *mad_in, void *mad_out);
 
 /* ---- Simple calls ------------------------------------------------------------------------------ */
 
 /* Operations of a simple send. */
-enum ulp_send_op { ulp_op_send, ulp_op_send_imm, ulp_op_write, ulp_op_write_imm, ulp_op_read, ulp_op_cas, ulp_op_faa };
+enum ulp_send_op {
+    ulp_op_send,
+    ulp_op_send_imm,
+    ulp_op_write,
+    ulp_op_write_imm,
+    ulp_op_read,
+    ulp_op_cas,
+    ulp_op_faa
+};
 
 /* Where a simple send goes: a connected QP's remote buffer (RC, UC), or a datagram destination. */
 struct ulp_send_target {
     uint64_t remote_addr; /* RDMA and atomics */
     uint32_t r_key;
-    uint64_t ah;          /* UD */
-    uint32_t remote_qpn;  /* UD */
-    uint32_t q_key;       /* UD */
+    uint64_t ah;         /* UD */
+    uint32_t remote_qpn; /* UD */
+    uint32_t q_key;      /* UD */
 };
 
 /* Transport of a simple send: "rc", "uc", "ud" as ox_wr_operation_type_t. */
 int ulp_operation_type(const char *transport);
 
 /* One request with one gather entry (or none when `length` is 0), signalled. */
-int ulp_post_send_simple(const ulp_funcs_t *funcs, void *hca, void *qp, int operation_type, enum ulp_send_op op,
-                         uint64_t wr_id, void *addr, uint32_t length, uint32_t l_key,
+int ulp_post_send_simple(const ulp_funcs_t *funcs, void *hca, void *qp, int operation_type,
+                         enum ulp_send_op op, uint64_t wr_id, void *addr, uint32_t length, uint32_t l_key,
                          const struct ulp_send_target *target);
 int ulp_post_receive_simple(const ulp_funcs_t *funcs, void *hca, void *qp, uint64_t wr_id, void *addr,
                             uint32_t length, uint32_t l_key);

@@ -78,8 +78,8 @@ inline GenericRegion keys_for(Session &s, Object &qp) {
         const uint64_t start = 0, size = 0xFFFFFFFFFFFFC000ull;
         uint64_t mr = 0, assigned = 0;
         uint32_t l_key = 0, r_key = 0;
-        if (ulp_phy_mr_register(hca->funcs, hca->ptr, 1, &start, &size, iova, size, 0, static_cast<uint32_t>(pd_h),
-                                0x0f, &mr, &assigned, &l_key, &r_key) != 0)
+        if (ulp_phy_mr_register(hca->funcs, hca->ptr, 1, &start, &size, iova, size, 0,
+                                static_cast<uint32_t>(pd_h), 0x0f, &mr, &assigned, &l_key, &r_key) != 0)
             return g;
         pd->values["mirror_mr"] = mr;
         pd->values["mirror_l_key"] = l_key;

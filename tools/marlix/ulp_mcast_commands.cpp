@@ -22,9 +22,11 @@ int ulp_mcast(Console &c, ulp::Session &s, const std::vector<std::string> &args)
     if (args[g].find(':') == std::string::npos) qp_name = args[g++];
     if (g >= args.size()) return ulp::usage(c, "mcast");
     unsigned char wire[16];
-    if (inet_pton(AF_INET6, args[g].c_str(), wire) != 1) return ulp::refused(c, "mcast: not a GID: " + args[g]);
+    if (inet_pton(AF_INET6, args[g].c_str(), wire) != 1)
+        return ulp::refused(c, "mcast: not a GID: " + args[g]);
     uint64_t mlid = kDefaultMlid;
-    if (g + 1 < args.size() && (!ulp::parse_number(args[g + 1], mlid) || mlid > 0xffff)) return ulp::usage(c, "mcast");
+    if (g + 1 < args.size() && (!ulp::parse_number(args[g + 1], mlid) || mlid > 0xffff))
+        return ulp::usage(c, "mcast");
     if (g + 2 < args.size()) return ulp::usage(c, "mcast");
     std::string error;
     ulp::Object *qp = s.find("qp", qp_name, error);
@@ -42,8 +44,8 @@ int ulp_mcast(Console &c, ulp::Session &s, const std::vector<std::string> &args)
     inet_ntop(AF_INET6, wire, text, sizeof(text));
     char lid[16];
     std::snprintf(lid, sizeof(lid), "0x%04llx", static_cast<unsigned long long>(mlid));
-    c.out() << qp->name << ": " << (args[1] == "attach" ? "attached to " : "detached from ") << text << " (mlid "
-            << lid << ")\n";
+    c.out() << qp->name << ": " << (args[1] == "attach" ? "attached to " : "detached from ") << text
+            << " (mlid " << lid << ")\n";
     return 0;
 }
 

@@ -22,9 +22,9 @@ inline constexpr uint32_t kPsn = 0x100;
 struct Side {
     const ulp_funcs_t *funcs = nullptr;
     void *hca = nullptr;
-    uint16_t lid = 0;      // port 1's LID
-    uint32_t pd = 0;       // the HCA's generic PD
-    uint32_t l_key = 0;    // the generic region's keys
+    uint16_t lid = 0;    // port 1's LID
+    uint32_t pd = 0;     // the HCA's generic PD
+    uint32_t l_key = 0;  // the generic region's keys
     uint32_t r_key = 0;
     void *cq = nullptr;
     void *qp = nullptr;
@@ -95,12 +95,17 @@ inline int create(Side &s, const char *type, uint32_t entries, uint32_t depth) {
 inline int connect_one(const Side &s, const Side &peer, const std::string &type) {
     int rc;
     if (type == "ud") {
-        if ((rc = Modify("init").set("p_key_indx", 0).set("phy_port_num", 1).set("q_key", kQkey).apply(s)) != 0)
+        if ((rc = Modify("init").set("p_key_indx", 0).set("phy_port_num", 1).set("q_key", kQkey).apply(s)) !=
+            0)
             return rc;
         if ((rc = Modify("rtr").apply(s)) != 0) return rc;
         return Modify("rts").set("send_psn", kPsn).apply(s);
     }
-    if ((rc = Modify("init").set("p_key_indx", 0).set("phy_port_num", 1).set("access_control", 0x0e).apply(s)) != 0)
+    if ((rc = Modify("init")
+                  .set("p_key_indx", 0)
+                  .set("phy_port_num", 1)
+                  .set("access_control", 0x0e)
+                  .apply(s)) != 0)
         return rc;
     Modify rtr("rtr");
     rtr.set("destanation_qp", peer.qpn)
@@ -113,7 +118,10 @@ inline int connect_one(const Side &s, const Side &peer, const std::string &type)
     Modify rts("rts");
     rts.set("send_psn", kPsn);
     if (type == "rc")
-        rts.set("local_ack_timeout", 14).set("retry_num", 7).set("rnr_num", 7).set("dest_out_rdma_r_atom_num", 4);
+        rts.set("local_ack_timeout", 14)
+            .set("retry_num", 7)
+            .set("rnr_num", 7)
+            .set("dest_out_rdma_r_atom_num", 4);
     return rts.apply(s);
 }
 

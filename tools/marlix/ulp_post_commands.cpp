@@ -50,12 +50,17 @@ int post_recv(Console &c, ulp::Session &s, ulp::Object &qp, uint64_t bytes) {
 }
 
 int post_send(Console &c, ulp::Session &s, ulp::Object &qp, const std::string &op_name, uint64_t bytes) {
-    static const std::map<std::string, ulp_send_op> ops = {
-        {"send", ulp_op_send}, {"write", ulp_op_write}, {"read", ulp_op_read}, {"cas", ulp_op_cas}, {"faa", ulp_op_faa}};
+    static const std::map<std::string, ulp_send_op> ops = {{"send", ulp_op_send},
+                                                           {"write", ulp_op_write},
+                                                           {"read", ulp_op_read},
+                                                           {"cas", ulp_op_cas},
+                                                           {"faa", ulp_op_faa}};
     const ulp_send_op op = ops.at(op_name);
     ulp::Object *hca = s.hca_of(qp);
     const int type = static_cast<int>(qp.values.at("type"));
-    const char *transport = type == ulp_qp_type_value("rc") ? "rc" : type == ulp_qp_type_value("uc") ? "uc" : "ud";
+    const char *transport = type == ulp_qp_type_value("rc")   ? "rc"
+                            : type == ulp_qp_type_value("uc") ? "uc"
+                                                              : "ud";
     ulp_send_target target{};
     std::string to;
     if (std::string(transport) == "ud") {
@@ -65,7 +70,9 @@ int post_send(Console &c, ulp::Session &s, ulp::Object &qp, const std::string &o
             if (o->kind == "ah" && o->hca == hca->name) ah = const_cast<ulp::Object *>(o);
         if (!ah) return ulp::refused(c, "post send: no address handle on " + hca->name);
         ulp::Object *dest = datagram_destination(s, qp, ah->values.at("dlid"));
-        if (!dest) return ulp::refused(c, "post send: no datagram QP at dlid " + std::to_string(ah->values.at("dlid")));
+        if (!dest)
+            return ulp::refused(c,
+                                "post send: no datagram QP at dlid " + std::to_string(ah->values.at("dlid")));
         target.ah = ah->handle;
         target.remote_qpn = static_cast<uint32_t>(dest->values.at("qp_num"));
         target.q_key = 0x11111111;
@@ -81,10 +88,11 @@ int post_send(Console &c, ulp::Session &s, ulp::Object &qp, const std::string &o
     uint8_t *buf = ulp::qp_buffer(qp, bytes);
     const uint64_t id = next_wr_id(qp);
     if (op == ulp_op_send || op == ulp_op_write) fill_pattern(buf, bytes, id);
-    int status = ulp_post_send_simple(hca->funcs, hca->ptr, qp.ptr, ulp_operation_type(transport), op, id, buf,
-                                      static_cast<uint32_t>(bytes), ulp::keys_for(s, qp).l_key, &target);
+    int status = ulp_post_send_simple(hca->funcs, hca->ptr, qp.ptr, ulp_operation_type(transport), op, id,
+                                      buf, static_cast<uint32_t>(bytes), ulp::keys_for(s, qp).l_key, &target);
     if (status != 0) return ulp::failed(c, "post " + op_name + " on " + qp.name, status);
-    c.out() << "post " << op_name << " on " << qp.name << to << ": wr_id " << id << ", " << bytes << " bytes\n";
+    c.out() << "post " << op_name << " on " << qp.name << to << ": wr_id " << id << ", " << bytes
+            << " bytes\n";
     return 0;
 }
 

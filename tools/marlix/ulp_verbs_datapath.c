@@ -45,15 +45,16 @@ int ulp_instant_send(const ulp_funcs_t *funcs, void *hca, void *qp, void *packet
 }
 int ulp_post_gsi_send_on_pkey(const ulp_funcs_t *funcs, void *hca, void *qp, void *wr, int operation_type,
                               int pkey_index) {
-    return funcs->ox_post_gsi_send_on_pkey(HCA(hca), qp, (ox_wr_t *)wr, (ox_wr_operation_type_t)operation_type,
-                                           pkey_index);
+    return funcs->ox_post_gsi_send_on_pkey(HCA(hca), qp, (ox_wr_t *)wr,
+                                           (ox_wr_operation_type_t)operation_type, pkey_index);
 }
 int ulp_inline_post_send(const ulp_funcs_t *funcs, void *hca, void *qp, void *wr, int operation_type) {
     return funcs->ox_inline_post_send(HCA(hca), qp, (ox_wr_t *)wr, (ox_wr_operation_type_t)operation_type);
 }
 int ulp_post_send_list(const ulp_funcs_t *funcs, void *hca, void *qp, uint32_t count, void *wrs,
                        int operation_type) {
-    return funcs->ox_post_send_list(HCA(hca), qp, count, (ox_wr_t *)wrs, (ox_wr_operation_type_t)operation_type);
+    return funcs->ox_post_send_list(HCA(hca), qp, count, (ox_wr_t *)wrs,
+                                    (ox_wr_operation_type_t)operation_type);
 }
 int ulp_post_receive(const ulp_funcs_t *funcs, void *hca, void *qp, void *wr) {
     return funcs->ox_post_receive(HCA(hca), qp, (ox_wr_t *)wr);
@@ -123,7 +124,8 @@ int ulp_mcast_detach(const ulp_funcs_t *funcs, void *hca, uint16_t dlid, const u
 int ulp_fmr_alloc(const ulp_funcs_t *funcs, void *hca, void *fmr, uint64_t *fmr_h) {
     return funcs->ox_alloc_fmr(HCA(hca), (ox_fmr_t *)fmr, fmr_h);
 }
-int ulp_fmr_map(const ulp_funcs_t *funcs, void *hca, uint64_t fmr_h, void *map, uint32_t *l_key, uint32_t *r_key) {
+int ulp_fmr_map(const ulp_funcs_t *funcs, void *hca, uint64_t fmr_h, void *map, uint32_t *l_key,
+                uint32_t *r_key) {
     return funcs->ox_map_fmr(HCA(hca), fmr_h, (ox_fmr_map_t *)map, l_key, r_key);
 }
 int ulp_fmr_unmap(const ulp_funcs_t *funcs, void *hca, uint32_t count, uint64_t *fmr_hs) {
@@ -139,8 +141,8 @@ int ulp_alloc_dev_mem(const ulp_funcs_t *funcs, void *hca, int arg) {
 int ulp_free_dev_mem(const ulp_funcs_t *funcs, void *hca, int arg) {
     return funcs->ox_free_dev_mem(HCA(hca), arg);
 }
-int ulp_process_local_mad(const ulp_funcs_t *funcs, void *hca, unsigned port, uint16_t slid, const void *mad_in,
-                          void *mad_out) {
+int ulp_process_local_mad(const ulp_funcs_t *funcs, void *hca, unsigned port, uint16_t slid,
+                          const void *mad_in, void *mad_out) {
     return funcs->ox_process_local_mad(HCA(hca), (ox_port_num_t)port, slid, mad_in, mad_out);
 }
 
@@ -153,12 +155,12 @@ int ulp_operation_type(const char *transport) {
     return -1;
 }
 
-int ulp_post_send_simple(const ulp_funcs_t *funcs, void *hca, void *qp, int operation_type, enum ulp_send_op op,
-                         uint64_t wr_id, void *addr, uint32_t length, uint32_t l_key,
+int ulp_post_send_simple(const ulp_funcs_t *funcs, void *hca, void *qp, int operation_type,
+                         enum ulp_send_op op, uint64_t wr_id, void *addr, uint32_t length, uint32_t l_key,
                          const struct ulp_send_target *target) {
-    static const ox_wr_operation_t ops[] = {ox_wr_send,      ox_wr_send_immed,   ox_wr_rdma_write,
-                                            ox_wr_rdma_write_immed, ox_wr_rdma_read, ox_wr_compare_swap,
-                                            ox_wr_fetch_add};
+    static const ox_wr_operation_t ops[] = {
+        ox_wr_send,      ox_wr_send_immed,   ox_wr_rdma_write, ox_wr_rdma_write_immed,
+        ox_wr_rdma_read, ox_wr_compare_swap, ox_wr_fetch_add};
     ox_scatgat_t sg;
     ox_wr_t wr;
 
@@ -209,23 +211,36 @@ int ulp_post_receive_simple(const ulp_funcs_t *funcs, void *hca, void *qp, uint6
 }
 
 const char *ulp_wc_operation_name(int operation_type) {
-    static const char *const names[] = {"ox_wc_send_sq",         "ox_wc_rdma_write_sq", "ox_wc_rdma_read_sq",
-                                        "ox_wc_comare_swap_sq",  "ox_wc_fetch_add_sq",  "ox_wc_mem_win_bind_sq",
-                                        "ox_wc_send_rq",         "ox_wc_rdma_immidiate"};
+    static const char *const names[] = {
+        "ox_wc_send_sq",      "ox_wc_rdma_write_sq",   "ox_wc_rdma_read_sq", "ox_wc_comare_swap_sq",
+        "ox_wc_fetch_add_sq", "ox_wc_mem_win_bind_sq", "ox_wc_send_rq",      "ox_wc_rdma_immidiate"};
     if (operation_type < 0 || (size_t)operation_type >= sizeof(names) / sizeof(names[0])) return "ox_wc_?";
     return names[operation_type];
 }
 
 const char *ulp_comp_status_name(int completion_status) {
-    static const char *const names[] = {
-        "ox_comp_status_success",           "ox_comp_status_loc_len_err",       "ox_comp_status_loc_qp_op_err",
-        "ox_comp_status_loc_eec_op_err",    "ox_comp_status_loc_portection_err", "ox_comp_status_wr_flush_err",
-        "ox_comp_status_mw_bind_err",       "ox_comp_status_bad_resp_err",      "ox_comp_status_loc_access_err",
-        "ox_comp_status_rem_inv_req_err",   "ox_comp_status_rem_access_err",    "ox_comp_status_rem_op_err",
-        "ox_comp_status_retry_exc_err",     "ox_comp_status_rnr_retry_exc_err", "ox_comp_status_loc_rdd_vio_err",
-        "ox_comp_status_rem_inv_rd_req_err", "ox_comp_status_rem_aborted_err",  "ox_comp_status_inv_eec_num_err",
-        "ox_comp_status_inv_eec_state_err", "ox_comp_status_general_err",       "ox_comp_status_timeout_err",
-        "ox_comp_status_rnr_timeout_err"};
+    static const char *const names[] = {"ox_comp_status_success",
+                                        "ox_comp_status_loc_len_err",
+                                        "ox_comp_status_loc_qp_op_err",
+                                        "ox_comp_status_loc_eec_op_err",
+                                        "ox_comp_status_loc_portection_err",
+                                        "ox_comp_status_wr_flush_err",
+                                        "ox_comp_status_mw_bind_err",
+                                        "ox_comp_status_bad_resp_err",
+                                        "ox_comp_status_loc_access_err",
+                                        "ox_comp_status_rem_inv_req_err",
+                                        "ox_comp_status_rem_access_err",
+                                        "ox_comp_status_rem_op_err",
+                                        "ox_comp_status_retry_exc_err",
+                                        "ox_comp_status_rnr_retry_exc_err",
+                                        "ox_comp_status_loc_rdd_vio_err",
+                                        "ox_comp_status_rem_inv_rd_req_err",
+                                        "ox_comp_status_rem_aborted_err",
+                                        "ox_comp_status_inv_eec_num_err",
+                                        "ox_comp_status_inv_eec_state_err",
+                                        "ox_comp_status_general_err",
+                                        "ox_comp_status_timeout_err",
+                                        "ox_comp_status_rnr_timeout_err"};
     if (completion_status < 0 || (size_t)completion_status >= sizeof(names) / sizeof(names[0]))
         return "ox_comp_status_?";
     return names[completion_status];
@@ -253,9 +268,10 @@ int ulp_poll_simple(const ulp_funcs_t *funcs, void *hca, void *cq, struct ulp_co
         snprintf(line, len,
                  "wr_id: %llu, operation_type: %s, num_bytes_transfered: %lu, completion_status: %s, "
                  "immidiate_data_indicator: %d, immidiate_data: 0x%x, source_qp: 0x%x, slid: %u",
-                 (unsigned long long)wc.wr_id, ulp_wc_operation_name(wc.operation_type), wc.num_bytes_transfered,
-                 ulp_comp_status_name(wc.completion_status), (int)wc.immidiate_data_indicator,
-                 (unsigned)wc.immidiate_data, (unsigned)wc.addres_info.source_qp, (unsigned)wc.addres_info.slid);
+                 (unsigned long long)wc.wr_id, ulp_wc_operation_name(wc.operation_type),
+                 wc.num_bytes_transfered, ulp_comp_status_name(wc.completion_status),
+                 (int)wc.immidiate_data_indicator, (unsigned)wc.immidiate_data,
+                 (unsigned)wc.addres_info.source_qp, (unsigned)wc.addres_info.slid);
     return rc;
 }
 

@@ -26,6 +26,7 @@ void boot(const BootOptions &options) {
     detail::reset_tasks();
     detail::log_reset(options);
     detail::slab_reset();
+    reset_spinlock_bug_count();
     detail::proc_reset();
     detail::tasklets_reset();
     detail::modules_boot();

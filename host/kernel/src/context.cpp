@@ -17,6 +17,21 @@ std::atomic<int> g_next_pid{1000};
 
 namespace {
 thread_local ThreadContext t_ctx;
+
+struct TaskStore {
+    std::mutex m;
+    std::deque<task_struct> tasks;  // a deque never moves its elements
+};
+TaskStore &task_store() {
+    static auto *s = new TaskStore;
+    return *s;
+}
+}  // namespace
+
+task_struct *new_task() {
+    TaskStore &s = task_store();
+    std::lock_guard<std::mutex> g(s.m);
+    return &s.tasks.emplace_back();
 }
 
 ThreadContext &ctx() {
@@ -27,8 +42,8 @@ ThreadContext &ctx() {
         t.preempt = 0;
         t.irqs_off = 0;
         t.cpu = 0;
-        t.task.pid = g_next_pid.fetch_add(1);
-        std::strncpy(t.task.comm, "marlix", TASK_COMM_LEN - 1);
+        t.task->pid = g_next_pid.fetch_add(1);
+        std::strncpy(t.task->comm, "marlix", TASK_COMM_LEN - 1);
     }
     return t;
 }
@@ -39,9 +54,9 @@ void make_service_thread(const char *comm, int pid, int cpu) {
     t.cpu = cpu;
     t.preempt = 0;
     t.irqs_off = 0;
-    t.task.pid = pid;
-    std::memset(t.task.comm, 0, sizeof t.task.comm);
-    std::strncpy(t.task.comm, comm, TASK_COMM_LEN - 1);
+    t.task->pid = pid;
+    std::memset(t.task->comm, 0, sizeof t.task->comm);
+    std::strncpy(t.task->comm, comm, TASK_COMM_LEN - 1);
 }
 
 void reset_tasks() {
@@ -203,7 +218,7 @@ int __marlix_smp_processor_id(void) {
 }
 
 struct task_struct *get_current(void) {
-    return &ctx().task;
+    return ctx().task;
 }
 
 void(might_sleep)(void) {

@@ -46,13 +46,17 @@ namespace marlix::kernel::detail {
 
 // ---- Execution contexts ---------------------------------------------------------------------------
 
+task_struct *new_task();
+
 struct ThreadContext {
     unsigned long preempt = 0;
     int irqs_off = 0;
     int cpu = 0;
     unsigned long generation = 0;  // boot generation the task identity belongs to
     bool service = false;          // softirq/irq thread: identity fixed by the kernel
-    task_struct task{};
+    // Tasks are never freed (not even when their host thread ends), so that a lock's record of
+    // its holder can always be named in a report.
+    task_struct *task = new_task();
 };
 // The running thread's context; process threads get a fresh task (pid) once per boot.
 ThreadContext &ctx();

@@ -50,6 +50,10 @@ const char *source_relative(const char *file) {
     static const std::string root = std::string(MARLIX_SOURCE_DIR) + "/";
     if (std::strncmp(file, root.c_str(), root.size()) == 0) return file + root.size();
 #endif
+    // A compiler cache may hand the compiler paths relative to the build directory, which lies
+    // inside the tree ("../../host/..."); without its leading "../" the rest is tree-relative.
+    while (std::strncmp(file, "../", 3) == 0 || std::strncmp(file, "./", 2) == 0)
+        file += file[0] == '.' && file[1] == '/' ? 2 : 3;
     return file;
 }
 

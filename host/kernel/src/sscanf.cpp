@@ -1,6 +1,7 @@
 // sscanf as the kernel has it: white space in the format skips white space in the input,
 // conversions %c %s %d %i %u %o %x %X %n with * (no assignment), widths and the h/l/L/ll/Z/z
-// qualifiers; numbers go through simple_strto*, so there is no overflow detection.
+// qualifiers; numbers go through simple_strto*, so there is no overflow detection (values wrap,
+// without undefined arithmetic). Widths are read without overflow; beyond INT_MAX they mean INT_MAX.
 #include "internal.hpp"
 #include <linux/ctype.h>
 #include <linux/kernel.h>
@@ -30,7 +31,10 @@ int marlix_k_vsscanf(const char *buf, const char *fmt, va_list args) {
         int field_width = -1;
         if (isdigit(*fmt)) {
             field_width = 0;
-            while (isdigit(*fmt)) field_width = field_width * 10 + (*fmt++ - '0');
+            while (isdigit(*fmt)) {
+                int d = *fmt++ - '0';
+                field_width = field_width > (INT_MAX - d) / 10 ? INT_MAX : field_width * 10 + d;
+            }
         }
         int qualifier = -1;
         if (*fmt == 'h' || *fmt == 'l' || *fmt == 'L' || *fmt == 'Z' || *fmt == 'z') {

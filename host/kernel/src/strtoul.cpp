@@ -1,6 +1,7 @@
 // simple_strtoul and friends: no white space skipping, base 0 guesses from the prefix
 // ("0x" hex, leading "0" octal, else decimal), conversion stops at the first character that is
-// not a digit of the base.
+// not a digit of the base. Values that do not fit wrap around as the kernel's do; a leading '-'
+// negates in unsigned arithmetic, so "-9223372036854775808" is LONG_MIN and nothing overflows.
 #include "internal.hpp"
 #include <linux/ctype.h>
 #include <linux/kernel.h>
@@ -40,14 +41,14 @@ unsigned long simple_strtoul(const char *cp, char **endp, unsigned int base) {
     return strtou<unsigned long>(cp, endp, base);
 }
 long simple_strtol(const char *cp, char **endp, unsigned int base) {
-    if (*cp == '-') return -static_cast<long>(strtou<unsigned long>(cp + 1, endp, base));
+    if (*cp == '-') return static_cast<long>(0 - strtou<unsigned long>(cp + 1, endp, base));
     return static_cast<long>(strtou<unsigned long>(cp, endp, base));
 }
 unsigned long long simple_strtoull(const char *cp, char **endp, unsigned int base) {
     return strtou<unsigned long long>(cp, endp, base);
 }
 long long simple_strtoll(const char *cp, char **endp, unsigned int base) {
-    if (*cp == '-') return -static_cast<long long>(strtou<unsigned long long>(cp + 1, endp, base));
+    if (*cp == '-') return static_cast<long long>(0 - strtou<unsigned long long>(cp + 1, endp, base));
     return static_cast<long long>(strtou<unsigned long long>(cp, endp, base));
 }
 }

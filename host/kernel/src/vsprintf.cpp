@@ -1,17 +1,31 @@
 // The kernel's formatting routines. They differ from the C library's on purpose: %p prints
 // sixteen zero-padded hex digits without "0x", a %s whose pointer lies in the first page prints
 // "<NULL>", "ll" reads as "L", and unknown conversions are copied through.
+//
+// Every step is defined for every argument: the most negative value of each width is negated in
+// unsigned arithmetic, and field widths and precisions, however they are written, are held to
+// kMaxFieldWidth, so no count in here can overflow.
 #include "internal.hpp"
 #include <linux/ctype.h>
 #include <linux/kernel.h>
 #include <asm/page.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 
 namespace {
 
 enum { ZEROPAD = 1, SIGN = 2, PLUS = 4, SPACE = 8, LEFT = 16, SPECIAL = 32, LARGE = 64 };
+
+// Largest field width or precision honoured; larger ones (written out, or passed with '*') are
+// cut to it. Far more than any page or log line holds, and small enough that the padding
+// arithmetic stays within an int.
+constexpr int kMaxFieldWidth = (1 << 23) - 1;
+
+int clamp_width(long w) {
+    return static_cast<int>(std::clamp<long>(w, -kMaxFieldWidth, kMaxFieldWidth));
+}
 
 // Output cursor: counts every character, stores only those that fit before `end`.
 struct Out {
@@ -24,10 +38,15 @@ struct Out {
     }
 };
 
+// Reads a decimal width or precision; every digit is consumed, the value stops growing past
+// kMaxFieldWidth.
 int skip_atoi(const char **s) {
     int i = 0;
-    while (isdigit(**s)) i = i * 10 + *((*s)++) - '0';
-    return i;
+    while (isdigit(**s)) {
+        int d = *((*s)++) - '0';
+        if (i <= kMaxFieldWidth) i = i * 10 + d;
+    }
+    return clamp_width(i);
 }
 
 void number(Out &o, unsigned long long num, int base, int size, int precision, int type) {
@@ -41,7 +60,7 @@ void number(Out &o, unsigned long long num, int base, int size, int precision, i
     if (type & SIGN) {
         if (static_cast<long long>(num) < 0) {
             sign = '-';
-            num = -static_cast<long long>(num);
+            num = 0 - num;  // unsigned: the magnitude of LLONG_MIN has no signed counterpart
             size--;
         } else if (type & PLUS) {
             sign = '+';
@@ -125,7 +144,7 @@ int marlix_k_vsnprintf(char *buf, size_t size, const char *fmt, va_list args) {
             field_width = skip_atoi(&fmt);
         } else if (*fmt == '*') {
             ++fmt;
-            field_width = va_arg(args, int);
+            field_width = clamp_width(va_arg(args, int));
             if (field_width < 0) {
                 field_width = -field_width;
                 flags |= LEFT;
@@ -139,7 +158,7 @@ int marlix_k_vsnprintf(char *buf, size_t size, const char *fmt, va_list args) {
                 precision = skip_atoi(&fmt);
             } else if (*fmt == '*') {
                 ++fmt;
-                precision = va_arg(args, int);
+                precision = clamp_width(va_arg(args, int));
             }
             if (precision < 0) precision = 0;
         }
@@ -239,7 +258,7 @@ int marlix_k_vsnprintf(char *buf, size_t size, const char *fmt, va_list args) {
         buf[o.pos] = '\0';
     else if (size > 0)
         buf[o.end] = '\0';  // no terminator at all when the buffer has no room
-    return static_cast<int>(o.pos);
+    return static_cast<int>(std::min<long>(o.pos, INT_MAX));
 }
 
 int marlix_k_vscnprintf(char *buf, size_t size, const char *fmt, va_list args) {

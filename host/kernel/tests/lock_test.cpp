@@ -54,6 +54,39 @@ TEST_F(KernelTest, SpinlockStateOfTheRunningContext) {
     EXPECT_EQ(lock.acquisitions, 2u);
 }
 
+TEST_F(KernelTest, TrylockOfALockTheTaskHoldsFailsWithoutReport) {
+    spinlock_t lock = SPIN_LOCK_UNLOCKED;
+    spin_lock(&lock);
+    EXPECT_FALSE(spin_trylock(&lock));
+    EXPECT_EQ(preempt_count(), 1u);
+    spin_unlock(&lock);
+    EXPECT_EQ(texts(), Lines{});
+    EXPECT_EQ(mk::spinlock_bug_count(), 0u);
+}
+
+TEST_F(KernelTest, SpinlockReportsAreCountedUntilTheNextBoot) {
+    spinlock_t lock = SPIN_LOCK_UNLOCKED;
+    spin_lock_bh(&lock);
+    spin_lock_bh(&lock);  // recursion: reported, not hung
+    spin_unlock_bh(&lock);
+    EXPECT_TRUE(spin_is_locked(&lock));  // still held by the outer section
+    spin_unlock_bh(&lock);
+    EXPECT_FALSE(spin_is_locked(&lock));
+    EXPECT_FALSE(in_softirq());
+    spin_unlock_irq(&lock);  // already unlocked: interrupts stay as they were
+    EXPECT_FALSE(irqs_disabled());
+    EXPECT_EQ(preempt_count(), 0u);
+    EXPECT_EQ(mk::spinlock_bug_count(), 2u);
+    auto t = texts();
+    ASSERT_EQ(t.size(), 8u);
+    EXPECT_EQ(t[0], "BUG: spinlock recursion on CPU#0, marlix/1000");
+    EXPECT_EQ(t[4], "BUG: spinlock already unlocked on CPU#0, marlix/1000");
+    mk::halt(true);
+    mk::boot({});
+    EXPECT_EQ(mk::spinlock_bug_count(), 0u);
+    mk::reset_spinlock_bug_count();
+}
+
 TEST_F(KernelTest, SleepingAllocationWhileAtomicIsReported) {
     spinlock_t lock = SPIN_LOCK_UNLOCKED;
     unsigned long flags;

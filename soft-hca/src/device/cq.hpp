@@ -4,6 +4,7 @@
 // event after releasing it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -34,6 +35,8 @@ class CompletionQueue : public Object {
 
     uint32_t size() const { return static_cast<uint32_t>(slots_.size()); }
     uint32_t count() const { return count_; }
+    // The same, readable without the device lock (the poll fast path).
+    uint32_t ready() const { return ready_.load(std::memory_order_acquire); }
     bool overrun() const { return overrun_; }
 
     // Appends a completion. A full ring drops it and marks the CQ overrun (a CQ error).
@@ -74,6 +77,7 @@ class CompletionQueue : public Object {
     std::vector<VAPI_wc_desc_t> slots_;
     uint32_t head_ = 0;
     uint32_t count_ = 0;
+    std::atomic<uint32_t> ready_{0};
     bool overrun_ = false;
     VAPI_cq_notif_type_t armed_ = VAPI_NOTIF_NONE;
     uint32_t armed_count_ = 0;

@@ -17,6 +17,7 @@ bool CompletionQueue::push(const VAPI_wc_desc_t &wc) {
     }
     slots_[(head_ + count_) % slots_.size()] = wc;
     ++count_;
+    ready_.store(count_, std::memory_order_release);
     return true;
 }
 
@@ -25,6 +26,7 @@ bool CompletionQueue::pop(VAPI_wc_desc_t *wc) {
     *wc = slots_[head_];
     head_ = static_cast<uint32_t>((head_ + 1) % slots_.size());
     --count_;
+    ready_.store(count_, std::memory_order_release);
     return true;
 }
 

@@ -219,6 +219,7 @@ VAPI_ret_t Device::translate(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_
 }
 
 void Device::release_all() {
+    for (auto &c : fast_cqs) c.store(nullptr, std::memory_order_release);
     active_qps.clear();
     sent_unreliable.clear();
     qp_by_number.clear();
@@ -380,6 +381,18 @@ Call::Call(Verb verb, VAPI_hca_hndl_t hca) {
     }
 }
 
+Call::Call(Device *dev, Checked) : dev_(dev) {
+    if (!dev_) {
+        status_ = VAPI_EINVAL_HCA_HNDL;
+        return;
+    }
+    lock_ = std::unique_lock<std::mutex>(dev_->mu);
+    if (!dev_->open) {
+        lock_.unlock();
+        status_ = VAPI_EINVAL_HCA_HNDL;
+    }
+}
+
 Call::Call(Verb verb, const std::string &device_name, ByName) {
     dev_ = device_by_name(device_name);
     status_ = check_faults(verb, nullptr, device_name);
@@ -398,7 +411,7 @@ auto with_device(const std::string &name, F f) -> decltype(f(std::declval<Device
 }  // namespace
 
 bool is_open(const std::string &device) {
-    return with_device(device, [](Device &d) { return d.open; });
+    return with_device(device, [](Device &d) { return d.open.load(); });
 }
 size_t pd_count(const std::string &device) {
     return with_device(device, [](Device &d) { return d.pds.size(); });

@@ -88,6 +88,7 @@
 namespace marlix::softhca {
 
 struct Options;
+class CompletionQueue;
 
 // Base of every record a device keeps on behalf of a verb implementation.
 struct Object {
@@ -204,7 +205,7 @@ class Device {
     std::vector<Port> ports;  // ports[0] is port 1
 
     // Open state.
-    bool open = false;
+    std::atomic<bool> open{false};  // read without the lock by the poll fast path
     int borrowed = 0;  // EVAPI_get_hca_hndl handles not yet released
 
     // Asynchronous event handler (VAPI_set_async_event_handler).
@@ -233,6 +234,10 @@ class Device {
     std::vector<struct Qp *> sent_unreliable;
     std::vector<std::unique_ptr<Object>> retired;
     uint64_t round = 0;  // engine rounds run on this device
+    // CQs by handle, read without the lock by VAPI_poll_cq to answer "empty" at once; handles
+    // beyond the table take the locked path.
+    static constexpr size_t kFastCqHandles = 4096;
+    std::array<std::atomic<CompletionQueue *>, kFastCqHandles> fast_cqs{};
     // Calls of each verb addressed to this device (fault injection counts them).
     std::array<std::atomic<uint64_t>, kVerbCount> call_counts{};
     // Set when the device fails (injected local catastrophic error): no more work is done.
@@ -333,6 +338,9 @@ class Call {
     // A call addressed to a device by name; the device need not be open (dev() may be null if the
     // name is unknown) and is not locked.
     Call(Verb verb, const std::string &device_name, ByName);
+    // A call whose counting and fault check already happened (check_faults()).
+    struct Checked {};
+    Call(Device *dev, Checked);
     bool failed() const { return status_ != VAPI_OK; }
     VAPI_ret_t status() const { return status_; }
     Device &dev() { return *dev_; }

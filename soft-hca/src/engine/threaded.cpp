@@ -15,6 +15,7 @@ namespace {
 
 class ThreadedEngine : public Engine {
   public:
+
     ThreadedEngine() : worker_([this] { loop(); }) {}
     ~ThreadedEngine() override {
         {

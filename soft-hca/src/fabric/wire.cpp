@@ -142,7 +142,31 @@ void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies) {
         send_packet(e.from, e.port, e.pkt, now, replies);
         return;
     }
-    for (uint32_t i = 0; i < e.segments; ++i) send_packet(e.from, e.port, train_segment(e, i), now, replies);
+    const bool multicast = e.pkt.dlid >= limits::kFirstMulticastLid && e.pkt.dlid != 0xffff;
+    if (e.segments == 1 || multicast || wire().any_fault.load(std::memory_order_acquire)) {
+        for (uint32_t i = 0; i < e.segments; ++i) send_packet(e.from, e.port, train_segment(e, i), now, replies);
+        return;
+    }
+    // A healthy unicast link: the whole train goes the same way, so route it once and hand its
+    // packets to the receiver under one hold of its lock.
+    IB_port_t lid_port = 0;
+    if (!e.from || device_by_lid(e.pkt.slid, &lid_port) != e.from || lid_port != e.port) return;
+    IB_port_t port = 0;
+    Device *dest = device_by_lid(e.pkt.dlid, &port);
+    if (!dest) return;
+    PendingEvents events;
+    {
+        std::lock_guard lk(dest->mu);
+        if (!dest->open || dest->failed) return;
+        for (uint32_t i = 0; i < e.segments; ++i) {
+            Packet p = train_segment(e, i);
+            if (op::is_response(p.opcode))
+                complete(*dest, port, p, now, events);
+            else
+                respond(*dest, port, p, replies, events);
+        }
+    }
+    events.deliver(*dest);
 }
 
 size_t deliver_delayed(uint64_t now, Outbox &replies) {

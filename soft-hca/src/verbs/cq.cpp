@@ -1,6 +1,7 @@
 // Completion queue verbs: create, query, resize, destroy, completion handlers, arming, peeking
 // and polling.
 #include <atomic>
+#include <string>
 
 #include "device/cq.hpp"
 #include "device/qp.hpp"
@@ -36,6 +37,7 @@ VAPI_ret_t VAPI_create_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cqe_num_t cqe_num, VAPI
     cq->hndl = dev.cq_handles.allocate();
     *cq_hndl_p = cq->hndl;
     *num_of_entries_p = cq->size();
+    if (cq->hndl < Device::kFastCqHandles) dev.fast_cqs[cq->hndl].store(cq.get(), std::memory_order_release);
     dev.cqs[cq->hndl] = std::move(cq);
     return VAPI_OK;
 }
@@ -74,13 +76,27 @@ VAPI_ret_t VAPI_destroy_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl) {
     CompletionQueue *cq = find_cq(dev, cq_hndl);
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
     if (cq->qp_users != 0) return VAPI_EBUSY;
-    dev.cqs.erase(cq_hndl);
+    if (cq_hndl < Device::kFastCqHandles) dev.fast_cqs[cq_hndl].store(nullptr, std::memory_order_release);
+    // A poll that looked the CQ up without the lock may still be reading it: the record waits
+    // for the engine's next round.
+    auto it = dev.cqs.find(cq_hndl);
+    dev.retired.push_back(std::move(it->second));
+    dev.cqs.erase(it);
     dev.cq_handles.release(cq_hndl);
     return VAPI_OK;
 }
 
 VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_wc_desc_t *comp_desc_p) {
-    Call call(Verb::VAPI_poll_cq, hca_hndl);
+    Device *dev = device_by_handle(hca_hndl);
+    static const std::string unknown("?");
+    if (VAPI_ret_t rc = check_faults(Verb::VAPI_poll_cq, dev, dev ? dev->name : unknown); rc != VAPI_OK) return rc;
+    // Polling an empty CQ is the common case of a busy poller: answered without the device lock,
+    // which the engine needs to fill the CQ.
+    if (dev && dev->open.load(std::memory_order_acquire) && comp_desc_p && cq_hndl < Device::kFastCqHandles) {
+        CompletionQueue *fast = dev->fast_cqs[cq_hndl].load(std::memory_order_acquire);
+        if (fast && fast->ready() == 0) return VAPI_CQ_EMPTY;
+    }
+    Call call(dev, Call::Checked{});
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
     if (!cq) return VAPI_EINVAL_CQ_HNDL;

@@ -1,6 +1,11 @@
 /* Spinlocks: real mutual exclusion between host threads. Taking one disables preemption;
  * the _irqsave form also disables interrupts for the running context and saves the previous
- * state in `flags`. Each lock counts its acquisitions so tests can assert locking behaviour. */
+ * state in `flags`. Each lock counts its acquisitions so tests can assert locking behaviour.
+ *
+ * Locks are checked as a kernel with spinlock debugging checks them, and misuse is reported in
+ * the log instead of hanging or corrupting the lock: taking a lock that the running task
+ * already holds ("BUG: spinlock recursion"), releasing a lock that is not held ("BUG: spinlock
+ * already unlocked") and releasing one held by another task ("BUG: spinlock wrong owner"). */
 #ifndef _LINUX_SPINLOCK_H
 #define _LINUX_SPINLOCK_H
 
@@ -8,13 +13,17 @@
 #include <linux/preempt.h>
 #include <linux/irqflags.h>
 
+struct task_struct;
+
 typedef struct {
     volatile int slock;          /* 0 free, 1 held */
     int owner_cpu;               /* cpu of the holder, -1 when free */
     unsigned long acquisitions;  /* number of times the lock was taken */
+    struct task_struct *owner;   /* the holding task, null when free */
+    unsigned int recursion;      /* reported re-takes by the holder not yet released */
 } spinlock_t;
 
-#define SPIN_LOCK_UNLOCKED {0, -1, 0}
+#define SPIN_LOCK_UNLOCKED {0, -1, 0, 0, 0}
 #define __SPIN_LOCK_UNLOCKED(name) SPIN_LOCK_UNLOCKED
 #define DEFINE_SPINLOCK(x) spinlock_t x = SPIN_LOCK_UNLOCKED
 

@@ -80,6 +80,10 @@ std::vector<Allocation> live_allocations(const struct module *owner = nullptr, b
 size_t live_allocation_count();
 unsigned long sleeping_in_atomic_count();  // "BUG: sleeping function called from invalid context"
 void reset_sleeping_in_atomic_count();
+// Spinlock misuse reported so far ("BUG: spinlock recursion", "... already unlocked", "... wrong
+// owner").
+unsigned long spinlock_bug_count();
+void reset_spinlock_bug_count();
 
 // Allocation fault injection. Each rule makes matching kmalloc calls return null.
 struct AllocFault {
