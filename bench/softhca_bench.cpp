@@ -83,7 +83,8 @@ struct Fabric {
         a.qp_state = VAPI_INIT;
         a.port = 1;
         a.remote_atomic_flags = VAPI_EN_REM_WRITE | VAPI_EN_REM_READ;
-        VAPI_qp_attr_mask_t m = QP_ATTR_QP_STATE | QP_ATTR_PORT | QP_ATTR_PKEY_IX | QP_ATTR_REMOTE_ATOMIC_FLAGS;
+        VAPI_qp_attr_mask_t m =
+            QP_ATTR_QP_STATE | QP_ATTR_PORT | QP_ATTR_PKEY_IX | QP_ATTR_REMOTE_ATOMIC_FLAGS;
         VAPI_modify_qp(s[i].hca, qp[i], &a, &m, &cap);
         a.qp_state = VAPI_RTR;
         a.av.dlid = s[peer].lid;

@@ -130,7 +130,8 @@ TEST_F(DataPathErrors, TooManyReadsForTheResponderIsAnInvalidRequest) {
 TEST_F(DataPathErrors, MisalignedAtomicIsAnInvalidRequest) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Buffer &local = buffer(s0, 64), &remote = buffer(s1, 64);
-    ASSERT_EQ(post_send(a, 1, VAPI_ATOMIC_FETCH_AND_ADD, {local.sg(0, 8)}, remote.addr() + 4, remote.rkey), VAPI_OK);
+    ASSERT_EQ(post_send(a, 1, VAPI_ATOMIC_FETCH_AND_ADD, {local.sg(0, 8)}, remote.addr() + 4, remote.rkey),
+              VAPI_OK);
     run();
     auto s = poll(s0);
     ASSERT_EQ(s.size(), 1u);
@@ -293,7 +294,8 @@ TEST_F(DataPathErrors, DelayedPacketsArriveWhenTheirTimeComes) {
 TEST_F(DataPathErrors, ForcedStatusesForTests) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
-    ASSERT_TRUE(sh::complete_next_with_status("InfiniHost0", a.hndl, sh::WorkQueue::Send, VAPI_BAD_RESP_ERR, 0x77));
+    ASSERT_TRUE(
+        sh::complete_next_with_status("InfiniHost0", a.hndl, sh::WorkQueue::Send, VAPI_BAD_RESP_ERR, 0x77));
     ASSERT_EQ(post_send(a, 1, VAPI_SEND, {src.sg(0, 8)}), VAPI_OK);
     ASSERT_EQ(post_send(a, 2, VAPI_SEND, {src.sg(0, 8)}), VAPI_OK);
     run();
@@ -306,7 +308,8 @@ TEST_F(DataPathErrors, ForcedStatusesForTests) {
     // A receive forced to succeed without data.
     auto [c, d] = pair(VAPI_TS_RC, s0, s1);
     ASSERT_EQ(post_recv(d, 9, {dst.sg(0, 64)}), VAPI_OK);
-    ASSERT_TRUE(sh::complete_next_with_status("InfiniHost1", d.hndl, sh::WorkQueue::Receive, VAPI_COMP_GENERAL_ERR));
+    ASSERT_TRUE(
+        sh::complete_next_with_status("InfiniHost1", d.hndl, sh::WorkQueue::Receive, VAPI_COMP_GENERAL_ERR));
     ASSERT_EQ(post_send(c, 3, VAPI_SEND, {src.sg(0, 8)}), VAPI_OK);
     run();
     auto r = poll(s1);

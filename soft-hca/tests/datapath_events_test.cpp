@@ -117,7 +117,8 @@ TEST_F(DataPathEvents, FirstPacketInRtrEstablishesTheConnection) {
     at.qp_state = VAPI_INIT;
     at.port = 1;
     at.remote_atomic_flags = VAPI_EN_REM_WRITE;
-    ASSERT_EQ(modify(b, at, QP_ATTR_QP_STATE | QP_ATTR_PORT | QP_ATTR_PKEY_IX | QP_ATTR_REMOTE_ATOMIC_FLAGS), VAPI_OK);
+    ASSERT_EQ(modify(b, at, QP_ATTR_QP_STATE | QP_ATTR_PORT | QP_ATTR_PKEY_IX | QP_ATTR_REMOTE_ATOMIC_FLAGS),
+              VAPI_OK);
     at.qp_state = VAPI_RTR;
     at.av.dlid = s0.lid;
     at.path_mtu = MTU2048;
@@ -133,7 +134,8 @@ TEST_F(DataPathEvents, FirstPacketInRtrEstablishesTheConnection) {
     ASSERT_EQ(post_send(a, 2, VAPI_RDMA_WRITE, {src.sg(0, 8)}, dst.addr(), dst.rkey), VAPI_OK);
     settle();
     int established = 0;
-    for (auto &e : async1.events) established += e.type == VAPI_QP_COMM_ESTABLISHED && e.modifier.qp_hndl == b.hndl;
+    for (auto &e : async1.events)
+        established += e.type == VAPI_QP_COMM_ESTABLISHED && e.modifier.qp_hndl == b.hndl;
     EXPECT_EQ(established, 1);
     EXPECT_EQ(poll(s0).size(), 2u);
 }

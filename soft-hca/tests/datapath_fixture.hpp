@@ -56,7 +56,6 @@ struct Conn {
     IB_mtu_t mtu = MTU2048;
 };
 
-
 class DataPathTest : public SoftHcaTest {
   protected:
     sh::Options options() override {
@@ -125,8 +124,9 @@ class DataPathTest : public SoftHcaTest {
         a.port = 1;
         a.pkey_ix = 0;
         a.remote_atomic_flags = c.access;
-        ASSERT_EQ(modify(q, a, QP_ATTR_QP_STATE | QP_ATTR_PORT | QP_ATTR_PKEY_IX | QP_ATTR_REMOTE_ATOMIC_FLAGS),
-                  VAPI_OK);
+        ASSERT_EQ(
+            modify(q, a, QP_ATTR_QP_STATE | QP_ATTR_PORT | QP_ATTR_PKEY_IX | QP_ATTR_REMOTE_ATOMIC_FLAGS),
+            VAPI_OK);
         a.qp_state = VAPI_RTR;
         a.av.dlid = peer.side->lid;
         a.av.port = 1;
@@ -135,7 +135,8 @@ class DataPathTest : public SoftHcaTest {
         a.rq_psn = 0x100;
         a.qp_ous_rd_atom = c.rd_atom;
         a.min_rnr_timer = c.min_rnr_timer;
-        VAPI_qp_attr_mask_t m = QP_ATTR_QP_STATE | QP_ATTR_AV | QP_ATTR_PATH_MTU | QP_ATTR_DEST_QP_NUM | QP_ATTR_RQ_PSN;
+        VAPI_qp_attr_mask_t m =
+            QP_ATTR_QP_STATE | QP_ATTR_AV | QP_ATTR_PATH_MTU | QP_ATTR_DEST_QP_NUM | QP_ATTR_RQ_PSN;
         if (ts == VAPI_TS_RC) m |= QP_ATTR_QP_OUS_RD_ATOM | QP_ATTR_MIN_RNR_TIMER;
         ASSERT_EQ(modify(q, a, m), VAPI_OK);
         a.qp_state = VAPI_RTS;
@@ -145,7 +146,8 @@ class DataPathTest : public SoftHcaTest {
         a.rnr_retry = c.rnr_retry;
         a.ous_dst_rd_atom = c.rd_atom;
         m = QP_ATTR_QP_STATE | QP_ATTR_SQ_PSN;
-        if (ts == VAPI_TS_RC) m |= QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY | QP_ATTR_OUS_DST_RD_ATOM;
+        if (ts == VAPI_TS_RC)
+            m |= QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY | QP_ATTR_OUS_DST_RD_ATOM;
         ASSERT_EQ(modify(q, a, m), VAPI_OK);
     }
 
@@ -184,8 +186,9 @@ class DataPathTest : public SoftHcaTest {
         return h;
     }
 
-    VAPI_ret_t post_send(const Qp &q, VAPI_wr_id_t id, VAPI_wr_opcode_t op, std::vector<VAPI_sg_lst_entry_t> sg,
-                         uint64_t remote_addr = 0, VAPI_rkey_t rkey = 0, bool signalled = true) {
+    VAPI_ret_t post_send(const Qp &q, VAPI_wr_id_t id, VAPI_wr_opcode_t op,
+                         std::vector<VAPI_sg_lst_entry_t> sg, uint64_t remote_addr = 0, VAPI_rkey_t rkey = 0,
+                         bool signalled = true) {
         VAPI_sr_desc_t d{};
         d.id = id;
         d.opcode = op;

@@ -41,7 +41,8 @@ TEST_F(DataPath, ReliableSendAcrossDevicesGathersAndScattersEveryByte) {
     std::vector<uint8_t> msg(src.bytes.begin(), src.bytes.begin() + 1000);
     msg.insert(msg.end(), src.bytes.begin() + 2000, src.bytes.begin() + 6000);
     EXPECT_TRUE(std::equal(msg.begin(), msg.begin() + 3000, dst.bytes.begin()));
-    EXPECT_TRUE(std::all_of(dst.bytes.begin() + 3000, dst.bytes.begin() + 4000, [](uint8_t v) { return v == 0xee; }));
+    EXPECT_TRUE(
+        std::all_of(dst.bytes.begin() + 3000, dst.bytes.begin() + 4000, [](uint8_t v) { return v == 0xee; }));
     EXPECT_TRUE(std::equal(msg.begin() + 3000, msg.end(), dst.bytes.begin() + 4000));
     EXPECT_TRUE(std::all_of(dst.bytes.begin() + 6000, dst.bytes.end(), [](uint8_t v) { return v == 0xee; }));
 }
@@ -441,7 +442,8 @@ TEST_F(DataPath, WholeMemoryPhysicalRegionCarriesKernelAddresses) {
     static uint8_t src[3000], dst[3000];
     for (int i = 0; i < 3000; ++i) src[i] = uint8_t(i * 13);
     auto iova = [](void *p) { return uint64_t(reinterpret_cast<uintptr_t>(p)) - PAGE_OFFSET; };
-    ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {{iova(src), 3000, rep0.l_key}}, iova(dst), rep1.r_key), VAPI_OK);
+    ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {{iova(src), 3000, rep0.l_key}}, iova(dst), rep1.r_key),
+              VAPI_OK);
     run();
     auto wcs = poll(s0);
     ASSERT_EQ(wcs.size(), 1u);
@@ -459,11 +461,12 @@ TEST_F(DataPath, PortCountersCountPacketsAndWords) {
         in[2] = 1;     // class version
         in[3] = 0x01;  // Get
         in[16] = 0x00;
-        in[17] = 0x12;  // PortCounters
-        in[64 + 1] = 1; // port 1
+        in[17] = 0x12;   // PortCounters
+        in[64 + 1] = 1;  // port 1
         EXPECT_EQ(EVAPI_process_local_mad(h, 1, 0, EVAPI_MAD_IGNORE_MKEY, in, out), VAPI_OK);
         auto be32 = [&](int off) {
-            return uint32_t(out[off]) << 24 | uint32_t(out[off + 1]) << 16 | uint32_t(out[off + 2]) << 8 | out[off + 3];
+            return uint32_t(out[off]) << 24 | uint32_t(out[off + 1]) << 16 | uint32_t(out[off + 2]) << 8 |
+                   out[off + 3];
         };
         // PortXmitData, PortRcvData, PortXmitPkts, PortRcvPkts.
         return std::array<uint32_t, 4>{be32(64 + 24), be32(64 + 28), be32(64 + 32), be32(64 + 36)};

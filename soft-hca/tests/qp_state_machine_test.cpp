@@ -82,8 +82,8 @@ std::vector<Row> expected_rows(const Kind &k) {
         rows.push_back({QpState::Reset, QpState::Init, kPkeyIx | kPort | kRemoteAtomicFlags, 0});
         rows.push_back({QpState::Init, QpState::Init, 0, kPkeyIx | kPort | kRemoteAtomicFlags});
         uint32_t rtr_req = kAv | kPathMtu | kDestQpNum | kRqPsn | (rc ? kQpOusRdAtom : 0);
-        uint32_t rtr_opt = kAltPath | kRemoteAtomicFlags | kPkeyIx | kCap | kTimeout | kRetryCount | kRnrRetry |
-                           (rc ? kMinRnrTimer : 0);
+        uint32_t rtr_opt = kAltPath | kRemoteAtomicFlags | kPkeyIx | kCap | kTimeout | kRetryCount |
+                           kRnrRetry | (rc ? kMinRnrTimer : 0);
         rows.push_back({QpState::Init, QpState::Rtr, rtr_req, rtr_opt});
         uint32_t rts_req = kSqPsn | (rc ? kTimeout | kRetryCount | kRnrRetry | kOusDstRdAtom : 0);
         rows.push_back({QpState::Rtr, QpState::Rts, rts_req, running});
@@ -98,7 +98,8 @@ std::vector<Row> expected_rows(const Kind &k) {
         else
             rows.push_back({QpState::Reset, QpState::Init, kPkeyIx | kPort | kQkey, 0});
         rows.push_back({QpState::Init, QpState::Init, 0, kPkeyIx | kPort | kQkey});
-        rows.push_back({QpState::Init, QpState::Rtr, 0, kPkeyIx | kQkey | kCap | kTimeout | kRetryCount | kRnrRetry});
+        rows.push_back(
+            {QpState::Init, QpState::Rtr, 0, kPkeyIx | kQkey | kCap | kTimeout | kRetryCount | kRnrRetry});
         rows.push_back({QpState::Rtr, QpState::Rts, kSqPsn, running});
         rows.push_back({QpState::Sqd, QpState::Sqd, 0, kPkeyIx | kQkey | kCap});
         rows.push_back({QpState::Sqe, QpState::Rts, 0, kQkey});

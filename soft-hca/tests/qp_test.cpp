@@ -423,7 +423,8 @@ TEST_F(QpTest, RtrAcceptsTheRequesterTimersAndIgnoresThem) {
         a.timeout = 20;
         a.retry_count = 3;
         a.rnr_retry = 5;
-        ASSERT_EQ(modify(qp, a, rtr_mask(ts) | QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY), VAPI_OK);
+        ASSERT_EQ(modify(qp, a, rtr_mask(ts) | QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY),
+                  VAPI_OK);
         VAPI_qp_attr_t q{};
         VAPI_qp_attr_mask_t m = 0;
         VAPI_qp_init_attr_t i{};

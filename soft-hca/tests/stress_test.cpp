@@ -11,7 +11,7 @@ using namespace dp;
 namespace {
 
 constexpr int kPairs = 4;
-constexpr uint32_t kSlots = 16;     // messages in flight per connection
+constexpr uint32_t kSlots = 16;       // messages in flight per connection
 constexpr uint32_t kMsgBytes = 3000;  // two packets each
 
 struct Connection {

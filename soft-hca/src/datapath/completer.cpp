@@ -14,7 +14,8 @@ using qpsm::QpState;
 namespace {
 
 bool is_read_or_atomic(uint32_t opcode) {
-    return opcode == VAPI_RDMA_READ || opcode == VAPI_ATOMIC_CMP_AND_SWP || opcode == VAPI_ATOMIC_FETCH_AND_ADD;
+    return opcode == VAPI_RDMA_READ || opcode == VAPI_ATOMIC_CMP_AND_SWP ||
+           opcode == VAPI_ATOMIC_FETCH_AND_ADD;
 }
 
 bool psn_in(uint32_t psn, const SendEntry &w) {
@@ -39,7 +40,8 @@ void rewind_to(Device &dev, Qp &qp, uint64_t pos) {
     for (uint64_t p = qp.sq.head(); p < qp.next_send; ++p) {
         SendEntry &w = qp.sq.at(p);
         if (p >= pos && w.phase == SendPhase::Sent) w.phase = SendPhase::Queued;
-        if (p < pos && w.phase == SendPhase::Sent && is_read_or_atomic(w.desc.opcode)) ++qp.rd_atom_outstanding;
+        if (p < pos && w.phase == SendPhase::Sent && is_read_or_atomic(w.desc.opcode))
+            ++qp.rd_atom_outstanding;
     }
     if (pos < qp.next_send) {
         qp.next_psn = qp.sq.at(pos).first_psn;
@@ -73,7 +75,8 @@ void ack_before(Qp &qp, uint64_t pos, uint32_t psn_acked, bool inclusive) {
     }
 }
 
-void fail(Device &dev, Qp &qp, SendEntry &w, VAPI_wc_status_t status, uint32_t syndrome, PendingEvents &events) {
+void fail(Device &dev, Qp &qp, SendEntry &w, VAPI_wc_status_t status, uint32_t syndrome,
+          PendingEvents &events) {
     // Everything before it that was acknowledged by implication completes first.
     w.phase = SendPhase::Done;
     w.status = status;

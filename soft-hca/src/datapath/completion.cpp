@@ -37,7 +37,7 @@ void push_send_cqe(Device &dev, Qp &qp, const SendEntry &w, PendingEvents &event
 uint64_t rnr_timer_ns(uint8_t code) {
     // The RNR NAK timer field: 0 is 655.36 ms, 1..31 run from 0.01 ms to 491.52 ms.
     static constexpr uint32_t kMicros100[32] = {
-        65536, 1,   2,   3,   4,   6,   8,   12,  16,   24,   32,   48,   64,   96,   128,  192,
+        65536, 1,   2,   3,   4,    6,    8,    12,   16,   24,   32,   48,    64,    96,    128,   192,
         256,   384, 512, 768, 1024, 1536, 2048, 3072, 4096, 6144, 8192, 12288, 16384, 24576, 32768, 49152};
     return uint64_t(kMicros100[code & 31]) * 10000ull;  // units of 10 us
 }

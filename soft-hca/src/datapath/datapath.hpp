@@ -71,7 +71,8 @@ uint64_t next_timer(Device &dev);
 void respond(Device &dev, IB_port_t port, const Packet &pkt, Outbox &replies, PendingEvents &events);
 // A multicast packet arriving on `port`: every QP of the device attached to the group gets it
 // (except the sending QP itself, for a packet that loops back to its own port).
-void respond_multicast(Device &dev, IB_port_t port, const Packet &pkt, Outbox &replies, PendingEvents &events);
+void respond_multicast(Device &dev, IB_port_t port, const Packet &pkt, Outbox &replies,
+                       PendingEvents &events);
 // The completer: a response packet arriving on `port` at the requester.
 void complete(Device &dev, IB_port_t port, const Packet &pkt, uint64_t now, PendingEvents &events);
 // The responder's read and atomic resources are counted per engine round.

@@ -44,14 +44,24 @@ constexpr uint8_t kRc = 0x00;
 constexpr uint8_t kUc = 0x20;
 constexpr uint8_t kUd = 0x60;
 
-constexpr uint8_t operation(uint8_t opcode) { return opcode & 0x1f; }
-constexpr uint8_t transport(uint8_t opcode) { return opcode & 0xe0; }
-constexpr bool is_send(uint8_t o) { return operation(o) <= kSendOnlyImm; }
-constexpr bool is_write(uint8_t o) { return operation(o) >= kWriteFirst && operation(o) <= kWriteOnlyImm; }
+constexpr uint8_t operation(uint8_t opcode) {
+    return opcode & 0x1f;
+}
+constexpr uint8_t transport(uint8_t opcode) {
+    return opcode & 0xe0;
+}
+constexpr bool is_send(uint8_t o) {
+    return operation(o) <= kSendOnlyImm;
+}
+constexpr bool is_write(uint8_t o) {
+    return operation(o) >= kWriteFirst && operation(o) <= kWriteOnlyImm;
+}
 constexpr bool is_read_response(uint8_t o) {
     return operation(o) >= kReadResponseFirst && operation(o) <= kReadResponseOnly;
 }
-constexpr bool is_atomic(uint8_t o) { return operation(o) == kCompareSwap || operation(o) == kFetchAdd; }
+constexpr bool is_atomic(uint8_t o) {
+    return operation(o) == kCompareSwap || operation(o) == kFetchAdd;
+}
 constexpr bool is_response(uint8_t o) {
     return is_read_response(o) || operation(o) == kAck || operation(o) == kAtomicAck;
 }
@@ -78,14 +88,16 @@ constexpr bool has_reth(uint8_t o) {
 
 // AETH syndromes: ACK with credits, RNR NAK with the timer code, NAK with a code.
 namespace aeth {
-constexpr uint8_t kAck = 0x00;      // 000x xxxx (credit field unused here)
-constexpr uint8_t kRnrNak = 0x20;   // 001t tttt: t = the responder's minimum RNR timer
-constexpr uint8_t kNak = 0x60;      // 011c cccc
+constexpr uint8_t kAck = 0x00;     // 000x xxxx (credit field unused here)
+constexpr uint8_t kRnrNak = 0x20;  // 001t tttt: t = the responder's minimum RNR timer
+constexpr uint8_t kNak = 0x60;     // 011c cccc
 constexpr uint8_t kNakPsnSeq = 0x60;
 constexpr uint8_t kNakInvalidRequest = 0x61;
 constexpr uint8_t kNakRemoteAccess = 0x62;
 constexpr uint8_t kNakRemoteOp = 0x63;
-constexpr uint8_t kind(uint8_t s) { return s & 0x60; }
+constexpr uint8_t kind(uint8_t s) {
+    return s & 0x60;
+}
 }  // namespace aeth
 
 // A piece of host memory.

@@ -13,7 +13,8 @@ using qpsm::QpState;
 namespace {
 
 bool is_read_or_atomic(uint32_t opcode) {
-    return opcode == VAPI_RDMA_READ || opcode == VAPI_ATOMIC_CMP_AND_SWP || opcode == VAPI_ATOMIC_FETCH_AND_ADD;
+    return opcode == VAPI_RDMA_READ || opcode == VAPI_ATOMIC_CMP_AND_SWP ||
+           opcode == VAPI_ATOMIC_FETCH_AND_ADD;
 }
 
 uint8_t transport_bits(const Qp &qp) {
@@ -263,7 +264,8 @@ size_t run_qp(Device &dev, Qp &qp, uint64_t now, Outbox &out, PendingEvents &eve
         ++handled;
         if (ts == op::kRc) {
             if (is_read_or_atomic(opcode)) ++qp.rd_atom_outstanding;
-            if (qp.retransmit_at == 0 && qp.attr.timeout != 0) qp.retransmit_at = now + timeout_ns(qp.attr.timeout);
+            if (qp.retransmit_at == 0 && qp.attr.timeout != 0)
+                qp.retransmit_at = now + timeout_ns(qp.attr.timeout);
         } else if (!qp.on_sent_list) {
             qp.on_sent_list = true;
             dev.sent_unreliable.push_back(&qp);
@@ -283,19 +285,19 @@ Packet train_segment(const Outbox::Entry &e, uint32_t i) {
     uint8_t o = 0;
     switch (e.train) {
         case Outbox::Train::Send:
-            o = n == 1 ? (imm ? op::kSendOnlyImm : op::kSendOnly)
+            o = n == 1  ? (imm ? op::kSendOnlyImm : op::kSendOnly)
                 : first ? op::kSendFirst
                 : last  ? (imm ? op::kSendLastImm : op::kSendLast)
                         : op::kSendMiddle;
             break;
         case Outbox::Train::Write:
-            o = n == 1 ? (imm ? op::kWriteOnlyImm : op::kWriteOnly)
+            o = n == 1  ? (imm ? op::kWriteOnlyImm : op::kWriteOnly)
                 : first ? op::kWriteFirst
                 : last  ? (imm ? op::kWriteLastImm : op::kWriteLast)
                         : op::kWriteMiddle;
             break;
         case Outbox::Train::ReadResponse:
-            o = n == 1 ? op::kReadResponseOnly
+            o = n == 1  ? op::kReadResponseOnly
                 : first ? op::kReadResponseFirst
                 : last  ? op::kReadResponseLast
                         : op::kReadResponseMiddle;

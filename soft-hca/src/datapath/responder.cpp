@@ -321,7 +321,8 @@ void respond_atomic(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox
         // Answer again with the value the operation found the first time.
         for (const Qp::AtomicReplay &r : qp.atomic_replay)
             if (r.valid && r.psn == p.psn)
-                if (Outbox::Entry *e = reply(dev, qp, port, p, out, op::kAtomicAck)) e->pkt.atomic_orig = r.orig;
+                if (Outbox::Entry *e = reply(dev, qp, port, p, out, op::kAtomicAck))
+                    e->pkt.atomic_orig = r.orig;
         return;
     }
     if (!(qp.attr.remote_atomic_flags & VAPI_EN_REM_ATOMIC_OP)) {
@@ -357,7 +358,8 @@ void respond_atomic(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox
     qp.expected_psn = psn_add(p.psn, 1);
 }
 
-void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &out, PendingEvents &events) {
+void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &out,
+                       PendingEvents &events) {
     const bool rc = transport_bits(qp) == op::kRc;
     const uint8_t o = op::operation(p.opcode);
     const int32_t d = psn_diff(p.psn, qp.expected_psn);
@@ -410,7 +412,8 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
         if (op::is_first(p.opcode)) {
             if (!(qp.attr.remote_atomic_flags & VAPI_EN_REM_WRITE)) {
                 if (rc)
-                    refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
+                    refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR,
+                           events);
                 else
                     qp.message_failed = true, qp.expected_psn = psn_add(p.psn, 1);
                 return;
@@ -419,7 +422,8 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
                                          [](uint8_t *, size_t) { return true; });
             if (rc_key != VAPI_OK) {
                 if (rc)
-                    refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
+                    refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR,
+                           events);
                 else
                     qp.message_failed = true, qp.expected_psn = psn_add(p.psn, 1);
                 return;
@@ -442,7 +446,8 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
                                  });
         if (wr != VAPI_OK) {
             if (rc)
-                refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
+                refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR,
+                       events);
             return;
         }
         qp.message_bytes = offset + p.payload_len;

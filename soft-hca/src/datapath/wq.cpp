@@ -59,7 +59,10 @@ bool WorkRing<Entry>::resize(uint32_t depth, uint32_t sg_stride, uint32_t inline
         VAPI_sg_lst_entry_t *sgp = to.sg;
         Entry saved = at(p);
         to = saved;
-        set_areas(to, sgp, fresh.inline_stride_ ? fresh.inline_area_.data() + size_t(p & fresh.mask_) * fresh.inline_stride_ : nullptr);
+        set_areas(to, sgp,
+                  fresh.inline_stride_
+                      ? fresh.inline_area_.data() + size_t(p & fresh.mask_) * fresh.inline_stride_
+                      : nullptr);
         copy_payload(to, saved, fresh.sg_stride_, fresh.inline_stride_);
         ++fresh.tail_;
     }

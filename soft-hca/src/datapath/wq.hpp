@@ -16,9 +16,9 @@ namespace marlix::softhca {
 
 // Where a send entry stands.
 enum class SendPhase : uint8_t {
-    Queued,    // posted, not yet (re)transmitted
-    Sent,      // every packet sent; waiting for the acknowledgement or response
-    Done,      // completed (success or error), waiting to be retired in order
+    Queued,  // posted, not yet (re)transmitted
+    Sent,    // every packet sent; waiting for the acknowledgement or response
+    Done,    // completed (success or error), waiting to be retired in order
 };
 
 struct SendEntry {
@@ -30,10 +30,10 @@ struct SendEntry {
     VAPI_pkey_ix_t pkey_ix = 0;
     // Requester state.
     SendPhase phase = SendPhase::Queued;
-    uint32_t first_psn = 0;  // RC/UC: PSN of the first packet
-    uint32_t last_psn = 0;   // RC/UC: PSN of the last packet (reads: of the last response)
-    uint64_t length = 0;     // message length
-    uint32_t read_received = 0;  // RDMA read: bytes of response data placed so far
+    uint32_t first_psn = 0;                  // RC/UC: PSN of the first packet
+    uint32_t last_psn = 0;                   // RC/UC: PSN of the last packet (reads: of the last response)
+    uint64_t length = 0;                     // message length
+    uint32_t read_received = 0;              // RDMA read: bytes of response data placed so far
     VAPI_wc_status_t status = VAPI_SUCCESS;  // outcome once Done
     uint32_t syndrome = 0;
     VAPI_sg_lst_entry_t *sg = nullptr;  // into the ring's gather area

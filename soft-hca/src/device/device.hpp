@@ -206,7 +206,7 @@ class Device {
 
     // Open state.
     std::atomic<bool> open{false};  // read without the lock by the poll fast path
-    int borrowed = 0;  // EVAPI_get_hca_hndl handles not yet released
+    int borrowed = 0;               // EVAPI_get_hca_hndl handles not yet released
 
     // Asynchronous event handler (VAPI_set_async_event_handler).
     VAPI_async_event_handler_t async_handler = nullptr;

@@ -28,13 +28,13 @@ struct Qp : Object {
     qpsm::QpKind kind = qpsm::QpKind::Regular;
     VAPI_qp_init_attr_t init{};  // as created, with the capabilities actually granted
     VAPI_qp_attr_t attr{};       // current attributes (attr.qp_state is the IB state)
-    SendRing sq;  // [head, next_send) sent, [next_send, tail) queued
+    SendRing sq;                 // [head, next_send) sent, [next_send, tail) queued
     RecvRing rq;
 
     // ---- Requester -----------------------------------------------------------------------
-    uint64_t next_send = 0;    // position in sq of the next request to (re)transmit
-    uint64_t sent_high = 0;    // positions below this were sent at least once
-    uint32_t next_psn = 0;     // PSN of the next packet to send
+    uint64_t next_send = 0;            // position in sq of the next request to (re)transmit
+    uint64_t sent_high = 0;            // positions below this were sent at least once
+    uint32_t next_psn = 0;             // PSN of the next packet to send
     uint32_t rd_atom_outstanding = 0;  // RDMA reads and atomics sent and not yet answered
     uint8_t retries_left = 0;          // transport retries left for the oldest request
     uint8_t rnr_retries_left = 0;      // RNR retries left (7 in rnr_retry means for ever)
@@ -42,19 +42,19 @@ struct Qp : Object {
     uint64_t rnr_wait_until = 0;       // RNR NAK: nothing is sent before this (ns)
     bool sqd_event_due = false;        // SQD entered with notification asked; raise when drained
     // ---- Responder -----------------------------------------------------------------------
-    uint32_t expected_psn = 0;        // RC/UC: the PSN the next request must carry
-    uint32_t msn = 0;                 // messages completed as responder
-    bool in_message = false;          // a multi-packet send or write is in progress
-    bool recv_taken = false;          // ... and has taken the receive request at rq.head()
-    uint64_t write_va = 0;            // RDMA write in progress: where the next packet goes
+    uint32_t expected_psn = 0;  // RC/UC: the PSN the next request must carry
+    uint32_t msn = 0;           // messages completed as responder
+    bool in_message = false;    // a multi-packet send or write is in progress
+    bool recv_taken = false;    // ... and has taken the receive request at rq.head()
+    uint64_t write_va = 0;      // RDMA write in progress: where the next packet goes
     uint32_t write_rkey = 0;
     uint32_t write_first_psn = 0;
-    uint64_t message_bytes = 0;       // bytes of the message in progress so far
-    bool message_failed = false;      // UC: the message in progress is being dropped
-    bool nak_sent = false;            // RC: a sequence NAK went out; quiet until the PSN comes
-    uint32_t reads_in_progress = 0;   // responder resources used in this round (reads, atomics)
+    uint64_t message_bytes = 0;      // bytes of the message in progress so far
+    bool message_failed = false;     // UC: the message in progress is being dropped
+    bool nak_sent = false;           // RC: a sequence NAK went out; quiet until the PSN comes
+    uint32_t reads_in_progress = 0;  // responder resources used in this round (reads, atomics)
     uint64_t reads_round = 0;
-    bool comm_established = false;    // the first packet in RTR raised the event
+    bool comm_established = false;  // the first packet in RTR raised the event
     // The last atomic operations answered, to answer a duplicate with the same original value.
     struct AtomicReplay {
         uint32_t psn = 0;
@@ -74,7 +74,7 @@ struct Qp : Object {
     bool on_sent_list = false;    // on the device's list of UD/UC QPs with sent requests
     bool destroyed = false;       // destroyed; the record waits in Device::retired
     std::set<std::pair<Mgid, IB_lid_t>> mcast_groups;  // groups this QP is attached to
-    std::optional<uint32_t> reported_state;             // what VAPI_query_qp says instead (tests)
+    std::optional<uint32_t> reported_state;            // what VAPI_query_qp says instead (tests)
 
     VAPI_ts_type_t transport() const { return init.ts_type; }
     qpsm::QpState state() const { return static_cast<qpsm::QpState>(attr.qp_state); }

@@ -72,9 +72,9 @@ AttrRules rules_for(Service s, QpState from, QpState to) {
                 switch (s) {
                     case Service::RC:
                         // Without a minimum RNR timer the responder uses the QP's default.
-                        return legal(kAv | kPathMtu | kDestQpNum | kRqPsn | kQpOusRdAtom,
-                                     kMinRnrTimer | kAltPath | kRemoteAtomicFlags | kPkeyIx | kCap |
-                                         kRtsTimers);
+                        return legal(
+                            kAv | kPathMtu | kDestQpNum | kRqPsn | kQpOusRdAtom,
+                            kMinRnrTimer | kAltPath | kRemoteAtomicFlags | kPkeyIx | kCap | kRtsTimers);
                     case Service::UC:
                         return legal(kAv | kPathMtu | kDestQpNum | kRqPsn,
                                      kAltPath | kRemoteAtomicFlags | kPkeyIx | kCap | kRtsTimers);

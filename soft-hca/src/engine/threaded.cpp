@@ -15,7 +15,6 @@ namespace {
 
 class ThreadedEngine : public Engine {
   public:
-
     ThreadedEngine() : worker_([this] { loop(); }) {}
     ~ThreadedEngine() override {
         {

@@ -25,8 +25,8 @@ struct Delayed {
 struct Wire {
     std::mutex mu;  // a leaf lock: taken with no device lock, or under one for nothing else
     std::map<std::pair<int, int>, LinkState> links;  // (device index, port)
-    std::atomic<bool> any_fault{false};               // fast path: no lock when no link is faulty
-    std::deque<Delayed> delayed;                       // in order of arrival (equal delays keep order)
+    std::atomic<bool> any_fault{false};              // fast path: no lock when no link is faulty
+    std::deque<Delayed> delayed;                     // in order of arrival (equal delays keep order)
     std::atomic<size_t> delayed_count{0};
 };
 
@@ -144,7 +144,8 @@ void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies) {
     }
     const bool multicast = e.pkt.dlid >= limits::kFirstMulticastLid && e.pkt.dlid != 0xffff;
     if (e.segments == 1 || multicast || wire().any_fault.load(std::memory_order_acquire)) {
-        for (uint32_t i = 0; i < e.segments; ++i) send_packet(e.from, e.port, train_segment(e, i), now, replies);
+        for (uint32_t i = 0; i < e.segments; ++i)
+            send_packet(e.from, e.port, train_segment(e, i), now, replies);
         return;
     }
     // A healthy unicast link: the whole train goes the same way, so route it once and hand its

@@ -89,7 +89,8 @@ VAPI_ret_t VAPI_destroy_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl) {
 VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_wc_desc_t *comp_desc_p) {
     Device *dev = device_by_handle(hca_hndl);
     static const std::string unknown("?");
-    if (VAPI_ret_t rc = check_faults(Verb::VAPI_poll_cq, dev, dev ? dev->name : unknown); rc != VAPI_OK) return rc;
+    if (VAPI_ret_t rc = check_faults(Verb::VAPI_poll_cq, dev, dev ? dev->name : unknown); rc != VAPI_OK)
+        return rc;
     // Polling an empty CQ is the common case of a busy poller: answered without the device lock,
     // which the engine needs to fill the CQ.
     if (dev && dev->open.load(std::memory_order_acquire) && comp_desc_p && cq_hndl < Device::kFastCqHandles) {

@@ -76,7 +76,8 @@ VAPI_ret_t check_send(Device &dev, const Qp &qp, const VAPI_sr_desc_t *d, bool i
 }
 
 // Writes a send request into the next free entry of the ring.
-void write_send(Qp &qp, const VAPI_sr_desc_t &d, bool is_inline, const std::optional<VAPI_pkey_ix_t> &pkey_ix) {
+void write_send(Qp &qp, const VAPI_sr_desc_t &d, bool is_inline,
+                const std::optional<VAPI_pkey_ix_t> &pkey_ix) {
     SendEntry &w = qp.sq.next_free();
     w.desc = d;
     w.desc.sg_lst_p = nullptr;
@@ -93,7 +94,8 @@ void write_send(Qp &qp, const VAPI_sr_desc_t &d, bool is_inline, const std::opti
         w.sg_count = 0;
         for (uint32_t i = 0; i < d.sg_lst_len; ++i) {
             const VAPI_sg_lst_entry_t &e = d.sg_lst_p[i];
-            std::memcpy(w.inline_data + w.inline_len, reinterpret_cast<const void *>(uintptr_t(e.addr)), e.len);
+            std::memcpy(w.inline_data + w.inline_len, reinterpret_cast<const void *>(uintptr_t(e.addr)),
+                        e.len);
             w.inline_len += e.len;
         }
     } else {

@@ -250,7 +250,6 @@ void apply(Qp &qp, const VAPI_qp_attr_t &a, VAPI_qp_attr_mask_t mask) {
     if (mask & QP_ATTR_DEST_QP_NUM) t.dest_qp_num = a.dest_qp_num;
 }
 
-
 }  // namespace
 
 }  // namespace marlix::softhca
@@ -367,7 +366,8 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
         qp->expected_psn = qp->attr.rq_psn;
         qp->comm_established = false;
     }
-    if (to == QpState::Rts && (from == QpState::Rtr || (mask & QP_ATTR_SQ_PSN))) qp->next_psn = qp->attr.sq_psn;
+    if (to == QpState::Rts && (from == QpState::Rtr || (mask & QP_ATTR_SQ_PSN)))
+        qp->next_psn = qp->attr.sq_psn;
     if (to == QpState::Rts) {
         qp->retries_left = qp->attr.retry_count;
         qp->rnr_retries_left = qp->attr.rnr_retry;
