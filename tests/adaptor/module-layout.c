@@ -72,57 +72,39 @@ static const struct adp_field fields[] = {
                                             ox_opened_hca_t, events_lists.async_tasklet.data)
 
                                             ADP_PTR(ox_gen_mr_element_t, next) ADP_PTR(
-                                                ox_gen_mr_element_t,
-                                                prev) ADP_PTR(ox_gen_mr_element_t,
-                                                              hca_h) ADP_INT(ox_gen_mr_element_t, pd_h)
-                                                ADP_INT(ox_gen_mr_element_t, mr_h) ADP_PTR(
-                                                    ox_gen_mr_element_t,
-                                                    start_mr) ADP_INT(ox_gen_mr_element_t,
-                                                                      length) ADP_PTR(ox_gen_mr_element_t,
-                                                                                      end_mr)
-                                                    ADP_INT(ox_gen_mr_element_t, access_con) ADP_INT(
+                                                ox_gen_mr_element_t, prev) ADP_PTR(ox_gen_mr_element_t, hca_h)
+                                                ADP_INT(ox_gen_mr_element_t, pd_h) ADP_INT(
+                                                    ox_gen_mr_element_t, mr_h) ADP_PTR(ox_gen_mr_element_t,
+                                                                                       start_mr)
+                                                    ADP_INT(ox_gen_mr_element_t, length) ADP_PTR(
                                                         ox_gen_mr_element_t,
-                                                        l_key) ADP_INT(ox_gen_mr_element_t,
-                                                                       r_key) ADP_INT(ox_gen_mr_element_t,
-                                                                                      iova)
-                                                        ADP_INT(ox_gen_mr_element_t, phy_length) ADP_INT(
-                                                            ox_gen_mr_element_t, phy_offset)
+                                                        end_mr) ADP_INT(ox_gen_mr_element_t, access_con)
+                                                        ADP_INT(ox_gen_mr_element_t, l_key) ADP_INT(
+                                                            ox_gen_mr_element_t,
+                                                            r_key) ADP_INT(ox_gen_mr_element_t, iova)
+                                                            ADP_INT(ox_gen_mr_element_t, phy_length) ADP_INT(
+                                                                ox_gen_mr_element_t, phy_offset)
 
-                                                            ADP_PTR(ox_asy_ev_element_t, next) ADP_PTR(
-                                                                ox_asy_ev_element_t,
-                                                                prev) ADP_INT(ox_asy_ev_element_t, req_asy_ev.req_event_type)
-                                                                ADP_PTR(ox_asy_ev_element_t, app_cb) ADP_PTR(
-                                                                    ox_asy_ev_element_t,
-                                                                    req_asy_ev.type
-                                                                        .qp_h) ADP_INT(ox_asy_ev_element_t,
-                                                                                       vend_h
-                                                                                           .qp_vend_h)
+                                                                ADP_PTR(ox_asy_ev_element_t, next) ADP_PTR(
+                                                                    ox_asy_ev_element_t, prev)
+                                                                    ADP_INT(ox_asy_ev_element_t,
+                                                                            req_asy_ev.req_event_type)
+                                                                        ADP_PTR(ox_asy_ev_element_t, app_cb)
+    /* Nested members are named by literal strings: a
+       line break inside the macro argument would enter
+       the name. */
+    {"ox_asy_ev_element_t", "req_asy_ev.type.qp_h", offsetof(ox_asy_ev_element_t, req_asy_ev.type.qp_h),
+     sizeof(void *), 0},
+    {"ox_asy_ev_element_t", "vend_h.qp_vend_h", offsetof(ox_asy_ev_element_t, vend_h.qp_vend_h),
+     sizeof(VAPI_qp_hndl_t), 0},
 
-                                                                    ADP_PTR(ox_opened_cq_t, next) ADP_PTR(
-                                                                        ox_opened_cq_t,
-                                                                        prev) ADP_PTR(ox_opened_cq_t, cq_h)
-                                                                        ADP_PTR(ox_opened_cq_t, cq_oxuser_context) ADP_PTR(
-                                                                            ox_opened_cq_t,
-                                                                            app_com_callback) ADP_PTR(ox_opened_cq_t,
-                                                                                                      internal_p)
-                                                                            ADP_INT(
-                                                                                ox_opened_cq_t,
-                                                                                comp_handler_hndl)
+    ADP_PTR(ox_opened_cq_t, next) ADP_PTR(ox_opened_cq_t, prev) ADP_PTR(ox_opened_cq_t, cq_h)
+        ADP_PTR(ox_opened_cq_t, cq_oxuser_context) ADP_PTR(ox_opened_cq_t, app_com_callback)
+            ADP_PTR(ox_opened_cq_t, internal_p) ADP_INT(ox_opened_cq_t, comp_handler_hndl)
 
-                                                                                ADP_PTR(
-                                                                                    ox_opened_qp_t,
-                                                                                    next) ADP_PTR(ox_opened_qp_t,
-                                                                                                  prev)
-                                                                                    ADP_PTR(
-                                                                                        ox_opened_qp_t,
-                                                                                        qp_h) ADP_INT(ox_opened_qp_t,
-                                                                                                      qp_num)
-                                                                                        ADP_PTR(
-                                                                                            ox_opened_qp_t,
-                                                                                            qp_oxuser_context)
-                                                                                            ADP_INT(
-                                                                                                ox_opened_qp_t,
-                                                                                                type)};
+                ADP_PTR(ox_opened_qp_t, next) ADP_PTR(ox_opened_qp_t, prev) ADP_PTR(ox_opened_qp_t, qp_h)
+                    ADP_INT(ox_opened_qp_t, qp_num) ADP_PTR(ox_opened_qp_t, qp_oxuser_context)
+                        ADP_INT(ox_opened_qp_t, type)};
 
 /* Fields that are list heads or arrays are reached by offset only. */
 static const struct adp_field offsets_only[] = {
