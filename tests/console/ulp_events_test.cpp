@@ -83,16 +83,15 @@ TEST_F(UlpEventsTest, PingpongWithEventsArmsWaitsAndPolls) {
     ASSERT_EQ(0, run("ulp pingpong rc 64 20 events")) << err();
     const std::string last = lines_of(out()).back();
     EXPECT_EQ(0u, last.find("pingpong rc: 20 exchanges, 64 bytes, 2560 bytes verified, 0 errors, ")) << last;
-    // Each of the 80 completions waited for is preceded by an arming; the events are what arrived.
+    // At most one arming per completion waited for, at most one event per arming.
     unsigned long notifications = 0, events = 0;
     ASSERT_EQ(2, std::sscanf(last.c_str(),
                              "pingpong rc: 20 exchanges, 64 bytes, 2560 bytes verified, 0 errors, %lu "
                              "notifications, %lu completion events",
                              &notifications, &events))
         << last;
-    EXPECT_GE(notifications, 1u);
+    // On the threaded engine a completion may already be there at the first poll: fewer armings.
     EXPECT_LE(notifications, 80u);
-    EXPECT_GE(events, 1u);
     EXPECT_LE(events, notifications);
     std::string p = page();
     std::ostringstream notify, event;
@@ -100,24 +99,6 @@ TEST_F(UlpEventsTest, PingpongWithEventsArmsWaitsAndPolls) {
     event << " comp event: " << events << " (" << events << ")";
     EXPECT_TRUE(has_line(p, notify.str())) << p;
     EXPECT_TRUE(has_line(p, event.str())) << p;
-}
-
-TEST_F(UlpEventsTest, EventControlSuppressesArmingForReal) {
-    ASSERT_EQ(0, run(std::string("echo event_ctrl 1 > ") + kControl)) << err();
-    // No CQ is armed, so no completion event comes: every message is lost to the waiting side.
-    EXPECT_EQ(1, run("ulp pingpong rc 8 1 events"));
-    const std::string last = lines_of(out()).back();
-    EXPECT_EQ(0u, last.find("pingpong rc: 1 exchanges, 8 bytes, ")) << last;
-    EXPECT_EQ(std::string::npos, last.find(" 0 errors")) << last;
-    EXPECT_NE(std::string::npos, last.find(" notifications, 0 completion events")) << last;
-    // Suppressed requests are not counted as notifications by the module.
-    std::string p = page();
-    EXPECT_TRUE(has_line(p, "comp notify: 0 (0)")) << p;
-    EXPECT_TRUE(has_line(p, " comp event: 0 (0)")) << p;
-    ASSERT_EQ(0, run(std::string("echo event_ctrl 0 > ") + kControl)) << err();
-    ASSERT_EQ(0, run("ulp pingpong rc 8 1 events")) << err();
-    EXPECT_EQ(
-        0u, lines_of(out()).back().find("pingpong rc: 1 exchanges, 8 bytes, 16 bytes verified, 0 errors, "));
 }
 
 TEST_F(UlpEventsTest, GeneratorAndEventCommandsOnRealCqs) {
@@ -143,6 +124,53 @@ TEST_F(UlpEventsTest, GeneratorAndEventCommandsOnRealCqs) {
     ASSERT_EQ(0, run(std::string("echo comshow > ") + kControl + "; dmesg -t -c")) << err();
     EXPECT_TRUE(has_line(out(), "g_com_cq_array: 0000000000000000")) << out();
     EXPECT_TRUE(has_line(out(), "g_com_index_of_selected_cq: 0")) << out();
+}
+
+// The stepped engine does the adapters' work only when the console lets them settle: what a
+// pingpong waiting for events sees is then the same on every run.
+class UlpEventsSteppedTest : public UlpEventsTest {
+  protected:
+    void SetUp() override {
+        ConsoleTest::SetUp();
+        ASSERT_EQ(
+            0, run("engine stepped; rep set marlix/modules/adaptor-mlx/ debug-level 1; insmod adaptor-mlx"))
+            << err();
+        ASSERT_EQ(0, run("ulp open InfiniHost0; ulp open InfiniHost1")) << err();
+    }
+};
+
+TEST_F(UlpEventsSteppedTest, EachWaitArmsOnceAndIsWokenByOneEvent) {
+    page();
+    ASSERT_EQ(0, run("ulp pingpong rc 64 20 events")) << err();
+    EXPECT_EQ(
+        "pingpong rc: 20 exchanges, 64 bytes, 2560 bytes verified, 0 errors, 40 notifications, 40 "
+        "completion events",
+        lines_of(out()).back());
+    std::string p = page();
+    EXPECT_TRUE(has_line(p, "comp notify: 40 (40)")) << p;
+    EXPECT_TRUE(has_line(p, " comp event: 40 (40)")) << p;
+    EXPECT_TRUE(has_line(p, "    send WR: 40 (40) [0 (0)] {0 (0)}")) << p;
+}
+
+TEST_F(UlpEventsSteppedTest, EventControlSuppressesArmingForReal) {
+    ASSERT_EQ(0, run(std::string("echo event_ctrl 1 > ") + kControl)) << err();
+    // No CQ is armed, so no completion event comes: each message is lost to its waiting sender.
+    EXPECT_EQ(1, run("ulp pingpong rc 8 1 events"));
+    EXPECT_EQ(
+        "pingpong rc: 1 exchanges, 8 bytes, 0 bytes verified, 2 errors, 2 notifications, 0 completion events",
+        lines_of(out()).back());
+    // Suppressed requests are not counted by the module.
+    std::string p = page();
+    EXPECT_TRUE(has_line(p, "comp notify: 0 (0)")) << p;
+    EXPECT_TRUE(has_line(p, " comp event: 0 (0)")) << p;
+    // Busy polling still moves the data.
+    ASSERT_EQ(0, run("ulp pingpong rc 8 1")) << err();
+    ASSERT_EQ(0, run(std::string("echo event_ctrl 0 > ") + kControl)) << err();
+    ASSERT_EQ(0, run("ulp pingpong rc 8 1 events")) << err();
+    EXPECT_EQ(
+        "pingpong rc: 1 exchanges, 8 bytes, 16 bytes verified, 0 errors, 2 notifications, 2 completion "
+        "events",
+        lines_of(out()).back());
 }
 
 }  // namespace
