@@ -88,16 +88,15 @@ class AsyncEvents : public QueuesFixture {
         return out;
     }
 
-    // An RC QP brought to RTS, connected to itself; remote access as given.
-    void loopback(void *q, uint64_t access = 0) {
+    // An RC QP brought to RTS, connected to itself, without remote access rights.
+    void loopback(void *q) {
         auto modify = [&](QpAttr &r) { return ulp_qp_modify(provider(), hca_, q, r.data(), nullptr); };
         const uint16_t lid = hca::port_status("InfiniHost0", 1)->lid;
         QpAttr i;
         i.set("modify.qp_modify_into_state", qp_state("init"))
             .set("modify.ox_qp_attr_mask",
                  at("OX_QP_AT_P_KEY_IX") | at("OX_QP_AT_PHY_PORT_NUM") | at("OX_QP_AT_ACCESS_CON_F"))
-            .set("modify.params.init.phy_port_num", 1)
-            .set("modify.params.init.access_control", access);
+            .set("modify.params.init.phy_port_num", 1);
         ASSERT_EQ(kQOk, modify(i));
         QpAttr r;
         r.set("modify.qp_modify_into_state", qp_state("rtr"))
