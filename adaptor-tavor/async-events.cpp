@@ -86,7 +86,9 @@ void ox_mlx_async_event_callback(VAPI_hca_hndl_t hca_hndl, VAPI_event_record_t *
         AD_TAVOR_ERROR("hca not found in g_opened_mlx_hcas_list  -  bailing out");
         goto error_exit;
     }
-    vapi_type = (u32)event_record_p->type;
+    /* Any 32-bit value may arrive here: read it raw, not as the enumeration it should be. */
+    static_assert(sizeof(event_record_p->type) == sizeof(vapi_type), "VAPI event types are 32 bits");
+    memcpy(&vapi_type, &event_record_p->type, sizeof(vapi_type));
     if (vapi_type >= MAX_MLX_ASYNC_RECORD) {
         AD_TAVOR_ERROR("event_record_p->type (%d) >= MAX_MLX_ASYNC_RECORD (%d) or type < 0", (int)vapi_type,
                        MAX_MLX_ASYNC_RECORD);
