@@ -72,53 +72,39 @@ static const struct adp_field fields[] = {
                                             ox_opened_hca_t, events_lists.async_tasklet.data)
 
                                             ADP_PTR(ox_gen_mr_element_t, next) ADP_PTR(
-                                                ox_gen_mr_element_t,
-                                                prev) ADP_PTR(ox_gen_mr_element_t,
-                                                              hca_h) ADP_INT(ox_gen_mr_element_t, pd_h)
-                                                ADP_INT(ox_gen_mr_element_t, mr_h) ADP_PTR(
-                                                    ox_gen_mr_element_t,
-                                                    start_mr) ADP_INT(ox_gen_mr_element_t,
-                                                                      length) ADP_PTR(ox_gen_mr_element_t,
-                                                                                      end_mr)
-                                                    ADP_INT(ox_gen_mr_element_t, access_con) ADP_INT(
+                                                ox_gen_mr_element_t, prev) ADP_PTR(ox_gen_mr_element_t, hca_h)
+                                                ADP_INT(ox_gen_mr_element_t, pd_h) ADP_INT(
+                                                    ox_gen_mr_element_t, mr_h) ADP_PTR(ox_gen_mr_element_t,
+                                                                                       start_mr)
+                                                    ADP_INT(ox_gen_mr_element_t, length) ADP_PTR(
                                                         ox_gen_mr_element_t,
-                                                        l_key) ADP_INT(ox_gen_mr_element_t,
-                                                                       r_key) ADP_INT(ox_gen_mr_element_t,
-                                                                                      iova)
-                                                        ADP_INT(ox_gen_mr_element_t, phy_length) ADP_INT(
-                                                            ox_gen_mr_element_t, phy_offset)
+                                                        end_mr) ADP_INT(ox_gen_mr_element_t, access_con)
+                                                        ADP_INT(ox_gen_mr_element_t, l_key) ADP_INT(
+                                                            ox_gen_mr_element_t,
+                                                            r_key) ADP_INT(ox_gen_mr_element_t, iova)
+                                                            ADP_INT(ox_gen_mr_element_t, phy_length) ADP_INT(
+                                                                ox_gen_mr_element_t, phy_offset)
 
-                                                            ADP_PTR(ox_asy_ev_element_t, next)
-                                                                ADP_PTR(ox_asy_ev_element_t, prev) ADP_INT(
-                                                                    ox_asy_ev_element_t,
-                                                                    req_asy_ev.req_event_type) ADP_PTR(ox_asy_ev_element_t,
-                                                                                                       app_cb)
+                                                                ADP_PTR(ox_asy_ev_element_t, next) ADP_PTR(
+                                                                    ox_asy_ev_element_t, prev)
+                                                                    ADP_INT(ox_asy_ev_element_t,
+                                                                            req_asy_ev.req_event_type)
+                                                                        ADP_PTR(ox_asy_ev_element_t, app_cb)
+    /* Nested members are named by literal strings: a
+       line break inside the macro argument would enter
+       the name. */
+    {"ox_asy_ev_element_t", "req_asy_ev.type.qp_h", offsetof(ox_asy_ev_element_t, req_asy_ev.type.qp_h),
+     sizeof(void *), 0},
+    {"ox_asy_ev_element_t", "vend_h.qp_vend_h", offsetof(ox_asy_ev_element_t, vend_h.qp_vend_h),
+     sizeof(VAPI_qp_hndl_t), 0},
 
-                                                                    ADP_PTR(ox_opened_cq_t, next) ADP_PTR(
-                                                                        ox_opened_cq_t,
-                                                                        prev) ADP_PTR(ox_opened_cq_t, cq_h)
-                                                                        ADP_PTR(ox_opened_cq_t, cq_oxuser_context) ADP_PTR(
-                                                                            ox_opened_cq_t,
-                                                                            app_com_callback) ADP_PTR(ox_opened_cq_t,
-                                                                                                      internal_p)
-                                                                            ADP_INT(
-                                                                                ox_opened_cq_t,
-                                                                                comp_handler_hndl)
+    ADP_PTR(ox_opened_cq_t, next) ADP_PTR(ox_opened_cq_t, prev) ADP_PTR(ox_opened_cq_t, cq_h)
+        ADP_PTR(ox_opened_cq_t, cq_oxuser_context) ADP_PTR(ox_opened_cq_t, app_com_callback)
+            ADP_PTR(ox_opened_cq_t, internal_p) ADP_INT(ox_opened_cq_t, comp_handler_hndl)
 
-                                                                                ADP_PTR(
-                                                                                    ox_opened_qp_t,
-                                                                                    next) ADP_PTR(ox_opened_qp_t,
-                                                                                                  prev)
-                                                                                    ADP_PTR(
-                                                                                        ox_opened_qp_t,
-                                                                                        qp_h) ADP_INT(ox_opened_qp_t,
-                                                                                                      qp_num)
-                                                                                        ADP_PTR(
-                                                                                            ox_opened_qp_t,
-                                                                                            qp_oxuser_context)
-                                                                                            ADP_INT(
-                                                                                                ox_opened_qp_t,
-                                                                                                type)};
+                ADP_PTR(ox_opened_qp_t, next) ADP_PTR(ox_opened_qp_t, prev) ADP_PTR(ox_opened_qp_t, qp_h)
+                    ADP_INT(ox_opened_qp_t, qp_num) ADP_PTR(ox_opened_qp_t, qp_oxuser_context)
+                        ADP_INT(ox_opened_qp_t, type)};
 
 /* Fields that are list heads or arrays are reached by offset only. */
 static const struct adp_field offsets_only[] = {
@@ -430,4 +416,35 @@ void adp_call_completion_handler(const void *fn, unsigned hca_hndl, unsigned lon
                                  void *private_data) {
     ((__typeof__(&ox_mlx_cq_completion_event_handler))fn)((VAPI_hca_hndl_t)hca_hndl, (VAPI_cq_hndl_t)cq_hndl,
                                                           private_data);
+}
+
+void *adp_make_async_anchor(unsigned event_type, void *hca_app_h, const void *const *callbacks, int n) {
+    ox_async_list_anchor_t *anchor = (ox_async_list_anchor_t *)kzalloc(sizeof(*anchor), GFP_KERNEL);
+    int i;
+
+    INIT_LIST_HEAD(&anchor->cb_list);
+    anchor->event_rec.event_type = (ox_async_record_t)event_type;
+    anchor->event_rec.hca_app_h = (ox_hca_h_t)hca_app_h;
+    for (i = 0; i < n; i++) {
+        ox_async_eve_cb_element_t *element =
+            (ox_async_eve_cb_element_t *)kzalloc(sizeof(*element), GFP_KERNEL);
+
+        element->app_cb = (ox_app_async_event_callback_t)callbacks[i];
+        list_add_tail(&element->list, &anchor->cb_list);
+    }
+    return anchor;
+}
+
+void adp_call_async_tasklet(const void *fn, unsigned long data) {
+    ((__typeof__(&ox_call_app_async_event_cb))fn)(data);
+}
+
+void adp_call_async_handler(const void *fn, unsigned hca_hndl, unsigned type, unsigned long modifier,
+                            void *private_data) {
+    VAPI_event_record_t rec;
+
+    memset(&rec, 0, sizeof(rec));
+    rec.type = (VAPI_event_record_type_t)type;
+    rec.modifier.qp_hndl = (VAPI_qp_hndl_t)modifier;
+    ((__typeof__(&ox_mlx_async_event_callback))fn)((VAPI_hca_hndl_t)hca_hndl, &rec, private_data);
 }

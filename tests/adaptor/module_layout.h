@@ -61,6 +61,12 @@ void *adp_link_qp_record(void *hca, unsigned long vapi_handle);
 void *adp_kmalloc(size_t size);
 /* An asynchronous callback registration linked at the head of the HCA's list. */
 void *adp_link_async_registration(void *hca);
+/* An anchor of the tasklet's deferred delivery: the event record and one element per callback. */
+void *adp_make_async_anchor(unsigned event_type, void *hca_app_h, const void *const *callbacks, int n);
+void adp_call_async_tasklet(const void *fn, unsigned long data);
+/* The VAPI asynchronous event handler called with a record of `type` whose modifier holds `modifier`. */
+void adp_call_async_handler(const void *fn, unsigned hca_hndl, unsigned type, unsigned long modifier,
+                            void *private_data);
 
 /* The module's look-ups by VAPI handle (tracking-lookup.h), run on an HCA record: the record
  * found for `vapi_handle` (array for handles up to 1000, list above), or null. `last_seen`, when

@@ -81,20 +81,36 @@ TEST(Program, DefaultScenarioDemonstratesTheAdaptor) {
         "marlix# cat /proc/marlix/adaptor-mlx/link\nPORT_ACTIVE\n",
         "marlix# cat /sys/module/adaptor_mlx/parameters/oxi_mlx_max_ah_per_pd\n2252\n",
         "LOGGER: Added key marlix/modules/adaptor-mlx/, trace level 1\n",
+        "marlix# ulp open InfiniHost0\nhca1: InfiniHost0 opened\nmarlix# ulp open InfiniHost1\nhca2: "
+        "InfiniHost1 opened\n",
+        "pingpong rc: 10 exchanges, 4096 bytes, 81920 bytes verified, 0 errors\n",
+        "pingpong ud: 10 exchanges, 256 bytes, 5120 bytes verified, 0 errors\n",
+        "pingpong rc: 20 exchanges, 64 bytes, 2560 bytes verified, 0 errors, ",
+        "marlix# cat /proc/marlix/adaptor-mlx/control\nMellanox adaptor:\n- 1) MLX handle: 1, ",
+        "  num of QP: 6 (6)\n",
         "compile with: MLX_EVAPI_CQ_EH_CHANGES\n",
+        "marlix# ulp async on hca1\nhca1: asynchronous events on (InfiniHost0)\n"
+        "marlix# cable InfiniHost0 1 unplug\nulp: async event on hca1: ox_async_r_port, port_num 1\n"
+        "marlix# cat /proc/marlix/adaptor-mlx/link\nPORT_DOWN\n"
+        "marlix# cable InfiniHost0 1 plug\nulp: async event on hca1: ox_async_r_port, port_num 1\n"
+        "marlix# cat /proc/marlix/adaptor-mlx/link\nPORT_ACTIVE\n",
+        "async event: 2 (2)\n",
+        "Empty CQ: cq_index: 3, user: 0x",
         "new_jiff_timer_num: 32, old value: 0\n",
         "Working without events - no interrupts\nWorking in a polling mode\n",
+        "pingpong rc: 5 exchanges, 64 bytes, 640 bytes verified, 0 errors\n",
+        "pingpong rc: 5 exchanges, 64 bytes, 640 bytes verified, 0 errors, ",
         "gen /proc: unknown command: 'no_such_command'\nusage:\n",
-        "marlix# cat /proc/marlix/adaptor-mlx/control\nMellanox adaptor:\n     errors: 0 (0)\n",
-        "marlix# cat /proc/marlix/adaptor-mlx/link\nPORT_DOWN\n",
-        "marlix# cat /proc/marlix/adaptor-mlx/link\nPORT_ACTIVE\n",
+        "marlix# ulp close hca1\nhca1: InfiniHost0 closed\n",
+        "  num of CQ: 0 (-6)\n",
         "marlix# rmmod adaptor-mlx\nmarlix# lsmod\nModule                  Size  Used by\nmarlix# dmesg -t\n",
         "DEBUG   : AD_TAVOR : ox_mlx_exit:(adaptor_tavor):stop g_com_timer\n",
     };
     size_t at = 0;
     for (const auto &piece : expected_in_order) {
         size_t found = r.out.find(piece, at);
-        ASSERT_NE(found, std::string::npos) << "missing after offset " << at << ": " << piece << "\n" << r.out;
+        ASSERT_NE(found, std::string::npos) << "missing after offset " << at << ": " << piece << "\n"
+                                            << r.out;
         at = found + piece.size();
     }
 }

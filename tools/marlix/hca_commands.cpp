@@ -4,6 +4,7 @@
 
 #include "console.hpp"
 #include "kmalloc_fault.hpp"
+#include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 
 namespace marlix::console {
@@ -35,6 +36,9 @@ int cmd_cable(Console &c, const std::vector<std::string> &args) {
         c.err() << "cable: no such port: " << args[1] << " " << args[2] << "\n";
         return 1;
     }
+    // The port events the cable raised are handled before the command ends, so what they print
+    // belongs to this command.
+    kernel::irq_sync();
     return 0;
 }
 

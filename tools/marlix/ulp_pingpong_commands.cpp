@@ -6,9 +6,15 @@
 // and fails (exit status 1) when E is not 0. An exchange is one message from the first QP to the
 // second and one back; each message is a receive posted by the receiver, a send posted by the
 // sender, and both completions polled.
+//
+// With the word "events" at the end, a completion is waited for as an upper layer driven by
+// interrupts does: poll, and when the CQ is empty arm it (a completion notification request),
+// poll once more for what arrived before the arming, then wait for the CQ's completion event and
+// poll again. The line then ends with ", R notifications, V completion events".
 #include <ostream>
 #include <vector>
 
+#include "marlix/kernel.hpp"
 #include "ulp_datapath.hpp"
 
 namespace marlix::console {
@@ -36,18 +42,57 @@ ulp::Object *latest_on(ulp::Session &s, const std::string &kind, const std::stri
     return found;
 }
 
+// Completion notifications requested and completion events received in events mode.
+struct EventCounts {
+    bool enabled = false;
+    uint64_t notifications = 0;
+    uint64_t events = 0;  // counted by the CQs' callbacks
+};
+
+bool poll_for(End &end, uint64_t wr_id, ulp_completion &wc) {
+    while (ulp_poll_simple(end.hca->funcs, end.hca->ptr, end.cq->ptr, &wc, nullptr, 0) == 0)
+        if (wc.wr_id == wr_id) return true;
+    return false;
+}
+
 // Polls `end`'s CQ until a completion of `wr_id` arrives; fills `wc`. False when none came.
-bool wait_for(End &end, uint64_t wr_id, ulp_completion &wc) {
+bool busy_wait_for(End &end, uint64_t wr_id, ulp_completion &wc) {
     for (int round = 0; round < kPollRounds; ++round) {
         ulp::settle();
-        while (ulp_poll_simple(end.hca->funcs, end.hca->ptr, end.cq->ptr, &wc, nullptr, 0) == 0)
-            if (wc.wr_id == wr_id) return true;
+        if (poll_for(end, wr_id, wc)) return true;
     }
     return false;
 }
 
+// Arm, event, poll: the CQ is polled only when it may hold something new, that is before it is
+// armed (what completed earlier raises no event) and after each of its completion events.
+bool event_wait_for(End &end, uint64_t wr_id, ulp_completion &wc, EventCounts &counts) {
+    bool armed = false;
+    uint64_t seen = 0;
+    for (int round = 0; round < kPollRounds; ++round) {
+        if (!armed) {
+            if (poll_for(end, wr_id, wc)) return true;
+            if (ulp_request_notification(end.hca->funcs, end.hca->ptr, end.cq->ptr, 0) != 0) return false;
+            ++counts.notifications;
+            armed = true;
+            seen = ulp::completion_events(*end.cq);
+            if (poll_for(end, wr_id, wc)) return true;
+            continue;
+        }
+        ulp::settle();
+        kernel::irq_sync();
+        if (ulp::completion_events(*end.cq) != seen) armed = false;
+    }
+    return false;
+}
+
+bool wait_for(End &end, uint64_t wr_id, ulp_completion &wc, EventCounts &counts) {
+    return counts.enabled ? event_wait_for(end, wr_id, wc, counts) : busy_wait_for(end, wr_id, wc);
+}
+
 // One message from `from` to `to`; returns the bytes verified (0 on any error).
-uint64_t message(End &from, End &to, const std::string &type, uint64_t bytes, uint64_t wr_id) {
+uint64_t message(End &from, End &to, const std::string &type, uint64_t bytes, uint64_t wr_id,
+                 EventCounts &counts) {
     const bool datagram = type == "ud";
     const size_t room = bytes + (datagram ? kGrhBytes : 0);
     std::fill(to.in.begin(), to.in.end(), 0);
@@ -66,7 +111,7 @@ uint64_t message(End &from, End &to, const std::string &type, uint64_t bytes, ui
                              &target) != 0)
         return 0;
     ulp_completion sent{}, received{};
-    if (!wait_for(from, wr_id, sent) || !wait_for(to, wr_id, received)) return 0;
+    if (!wait_for(from, wr_id, sent, counts) || !wait_for(to, wr_id, received, counts)) return 0;
     if (sent.completion_status != 0 || received.completion_status != 0) return 0;
     if (received.num_bytes_transfered != room) return 0;
     const uint8_t *data = to.in.data() + (datagram ? kGrhBytes : 0);
@@ -75,9 +120,11 @@ uint64_t message(End &from, End &to, const std::string &type, uint64_t bytes, ui
     return bytes;
 }
 
-// ulp pingpong rc|uc|ud BYTES COUNT
+// ulp pingpong rc|uc|ud BYTES COUNT [events]
 int ulp_pingpong(Console &c, ulp::Session &s, const std::vector<std::string> &args) {
-    if (args.size() != 4) return ulp::usage(c, "pingpong");
+    EventCounts counts;
+    if (args.size() == 5 && args[4] == "events") counts.enabled = true;
+    if (args.size() != 4 && !counts.enabled) return ulp::usage(c, "pingpong");
     const std::string type = args[1];
     if (type != "rc" && type != "uc" && type != "ud")
         return ulp::refused(c, "pingpong: not a QP type: " + type);
@@ -113,28 +160,37 @@ int ulp_pingpong(Console &c, ulp::Session &s, const std::vector<std::string> &ar
         }
     }
 
+    // The completion events both CQs received during the exchanges.
+    const uint64_t events_before = ulp::completion_events(*ends[0].cq) + ulp::completion_events(*ends[1].cq);
     uint64_t verified = 0, errors = 0, wr_id = 1;
     for (uint64_t n = 0; n < count; ++n) {
         for (int dir = 0; dir < 2; ++dir) {
-            const uint64_t got = message(ends[dir], ends[1 - dir], type, bytes, wr_id++);
+            const uint64_t got = message(ends[dir], ends[1 - dir], type, bytes, wr_id++, counts);
             verified += got;
             if (got != bytes) ++errors;
         }
     }
     if (type == "ud")
         for (End &e : ends) ulp_ah_destroy(e.hca->funcs, e.hca->ptr, e.ah);
+    kernel::irq_sync();
+    counts.events = ulp::completion_events(*ends[0].cq) + ulp::completion_events(*ends[1].cq) - events_before;
 
     c.out() << "pingpong " << type << ": " << count << " exchanges, " << bytes << " bytes, " << verified
-            << " bytes verified, " << errors << " errors\n";
+            << " bytes verified, " << errors << " errors";
+    if (counts.enabled)
+        c.out() << ", " << counts.notifications << " notifications, " << counts.events
+                << " completion events";
+    c.out() << "\n";
     return errors ? 1 : 0;
 }
 
 }  // namespace
 
 MARLIX_ULP_SUBCOMMAND(
-    pingpong, "pingpong", "ulp pingpong rc|uc|ud BYTES COUNT",
+    pingpong, "pingpong", "ulp pingpong rc|uc|ud BYTES COUNT [events]",
     "Connect a pair as ulp connect does and exchange COUNT messages of BYTES each way through "
-    "the module, checking every byte.",
+    "the module, checking every byte; with events, wait for completion events instead of "
+    "busy polling.",
     ulp_pingpong)
 
 }  // namespace marlix::console
