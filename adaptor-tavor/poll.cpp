@@ -12,6 +12,7 @@
 #include "adaptor-tavor.h"
 #include "ox-entry-points.h"
 #include "translate-completion.h"
+#include "translate.h"
 
 /* Completion errors logged so far (flushes are not logged); a diagnostic, not locked. */
 static u32 ox_mlx_logged_completion_errors;
@@ -21,6 +22,7 @@ ox_return_t oxi_mlx_poll_for_completion(ox_opened_hca_t *opened_hca_p, ox_cq_h_t
     ox_opened_cq_t *cq = (ox_opened_cq_t *)cq_h;
     VAPI_wc_desc_t wc_desc;
     VAPI_ret_t stat;
+    u32 completion_status;
 
     g_stat.poll_num++;
     g_stat.last_poll_num++;
@@ -78,8 +80,11 @@ ox_return_t oxi_mlx_poll_for_completion(ox_opened_hca_t *opened_hca_p, ox_cq_h_t
         g_stat.last_rx_byte += wc_desc.byte_len;
     }
 
-    if (work_completion->completion_status != ox_comp_status_success) {
-        if (work_completion->operation_type != ox_wc_send_rq) {
+    /* Read raw: the status table maps one VAPI status to 100, which is none of the generic
+     * enumerators, and the caller reads it back as it stands. */
+    completion_status = ox_mlx_raw_enum(&work_completion->completion_status);
+    if (completion_status != (u32)ox_comp_status_success) {
+        if (ox_mlx_raw_enum(&work_completion->operation_type) != (u32)ox_wc_send_rq) {
             g_stat.ox_send_error_status++;
             g_stat.ox_send_last_error_status++;
         } else {
@@ -91,7 +96,7 @@ ox_return_t oxi_mlx_poll_for_completion(ox_opened_hca_t *opened_hca_p, ox_cq_h_t
             AD_TAVOR_ERROR(
                 "MRX: completion_status: %d (MLX: %d, syndrom: %d), total err num: %d (not print flush "
                 "errors)",
-                (int)work_completion->completion_status, (int)wc_desc.status,
+                (int)completion_status, (int)wc_desc.status,
                 (int)wc_desc.vendor_err_syndrome, (int)ox_mlx_logged_completion_errors);
         }
     }
