@@ -4,6 +4,8 @@
 #include <stddef.h>
 #include <string.h>
 
+#include "record-field.h"
+
 #include <linux/slab.h>
 #include <linux/spinlock.h>
 
@@ -135,52 +137,16 @@ long dpl_offset(const char *record, const char *field) {
 
 int dpl_get(const char *record, const void *base, const char *field, long long *value) {
     const struct dpl_field *f = find(record, field);
-    const char *p;
 
     if (!f || !f->size) return -1;
-    p = (const char *)base + f->offset;
-    switch (f->size) {
-        case 1:
-            *value = f->is_signed ? (long long)*(const s8 *)p : (long long)*(const u8 *)p;
-            return 0;
-        case 2:
-            *value = f->is_signed ? (long long)*(const s16 *)(const void *)p
-                                  : (long long)*(const u16 *)(const void *)p;
-            return 0;
-        case 4:
-            *value = f->is_signed ? (long long)*(const s32 *)(const void *)p
-                                  : (long long)*(const u32 *)(const void *)p;
-            return 0;
-        case 8:
-            *value = (long long)*(const u64 *)(const void *)p;
-            return 0;
-        default:
-            return -1;
-    }
+    return record_field_load((const char *)base + f->offset, f->size, f->is_signed, value);
 }
 
 int dpl_set(const char *record, void *base, const char *field, long long value) {
     const struct dpl_field *f = find(record, field);
-    char *p;
 
     if (!f || !f->size) return -1;
-    p = (char *)base + f->offset;
-    switch (f->size) {
-        case 1:
-            *(u8 *)p = (u8)value;
-            return 0;
-        case 2:
-            *(u16 *)(void *)p = (u16)value;
-            return 0;
-        case 4:
-            *(u32 *)(void *)p = (u32)value;
-            return 0;
-        case 8:
-            *(u64 *)(void *)p = (u64)value;
-            return 0;
-        default:
-            return -1;
-    }
+    return record_field_store((char *)base + f->offset, f->size, (unsigned long long)value);
 }
 
 long long dpl_const(const char *name, int *found) {

@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "record-field.h"
+
 #include "ox-types.h"
 #include "ox-provider.h"
 #include "ox-verbs-core.h"
@@ -170,25 +172,13 @@ static int read_field(const struct ulp_field *fields, size_t count, const void *
     size_t i;
 
     for (i = 0; i < count; i++) {
-        const unsigned char *p = (const unsigned char *)record + fields[i].offset;
+        long long loaded;
 
         if (strcmp(fields[i].name, name) != 0) continue;
-        switch (fields[i].size) {
-            case 1:
-                *value = *(const uint8_t *)p;
-                return 0;
-            case 2:
-                *value = *(const uint16_t *)(const void *)p;
-                return 0;
-            case 4:
-                *value = *(const uint32_t *)(const void *)p;
-                return 0;
-            case 8:
-                *value = *(const uint64_t *)(const void *)p;
-                return 0;
-            default:
-                return -1;
-        }
+        if (record_field_load((const unsigned char *)record + fields[i].offset, fields[i].size, 0, &loaded))
+            return -1;
+        *value = (uint64_t)loaded;
+        return 0;
     }
     return -1;
 }

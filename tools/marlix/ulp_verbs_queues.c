@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "record-field.h"
+
 #include "ox-types.h"
 #include "ox-provider.h"
 
@@ -154,50 +156,18 @@ size_t ulp_sizeof_qp_attr(void) {
 
 int ulp_qp_attr_set(void *attr, const char *field, uint64_t value) {
     const struct ulp_qp_field *f = find_qp_field(field);
-    unsigned char *p;
 
     if (!f) return -1;
-    p = (unsigned char *)attr + f->offset;
-    switch (f->size) {
-        case 1:
-            *(uint8_t *)p = (uint8_t)value;
-            return 0;
-        case 2:
-            *(uint16_t *)(void *)p = (uint16_t)value;
-            return 0;
-        case 4:
-            *(uint32_t *)(void *)p = (uint32_t)value;
-            return 0;
-        case 8:
-            *(uint64_t *)(void *)p = value;
-            return 0;
-        default:
-            return -1;
-    }
+    return record_field_store((unsigned char *)attr + f->offset, f->size, value);
 }
 
 int ulp_qp_attr_get(const void *attr, const char *field, uint64_t *value) {
     const struct ulp_qp_field *f = find_qp_field(field);
-    const unsigned char *p;
+    long long loaded;
 
-    if (!f) return -1;
-    p = (const unsigned char *)attr + f->offset;
-    switch (f->size) {
-        case 1:
-            *value = *(const uint8_t *)p;
-            return 0;
-        case 2:
-            *value = *(const uint16_t *)(const void *)p;
-            return 0;
-        case 4:
-            *value = *(const uint32_t *)(const void *)p;
-            return 0;
-        case 8:
-            *value = *(const uint64_t *)(const void *)p;
-            return 0;
-        default:
-            return -1;
-    }
+    if (!f || record_field_load((const unsigned char *)attr + f->offset, f->size, 0, &loaded)) return -1;
+    *value = (uint64_t)loaded;
+    return 0;
 }
 
 uint8_t *ulp_qp_attr_bytes(void *attr, const char *field) {
