@@ -9,6 +9,8 @@
 #include <mutex>
 #include <vector>
 
+#include <marlix/kernel.hpp>
+
 #include "perftest/ox_verbs.h"
 #include "perftest/transport.hpp"
 #include "ulp_datapath.h"
@@ -319,6 +321,9 @@ class AdaptorEndpoint final : public Endpoint {
             for (void *cq : cqs_) ulp_cq_destroy(funcs_, hca_, cq);
             ulp_hca_close(funcs_, hca_);
             hca_ = nullptr;
+            // A completion event raised before the CQs went may still be running on the interrupt
+            // thread; the CqEvents it touches live until this returns.
+            marlix::kernel::irq_sync();
         }
         for (void *p : buffers_) std::free(p);
         buffers_.clear();

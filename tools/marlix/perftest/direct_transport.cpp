@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <evapi.h>
+#include <marlix/kernel.hpp>
 
 #include "perftest/transport.hpp"
 
@@ -346,6 +347,9 @@ class DirectEndpoint final : public Endpoint {
         for (VAPI_qp_hndl_t qp : qps_) VAPI_destroy_qp(hca_, qp);
         for (VAPI_ud_av_hndl_t ah : ahs_) VAPI_destroy_addr_hndl(hca_, ah);
         for (EVAPI_compl_handler_hndl_t h : handlers_) EVAPI_clear_comp_eventh(hca_, h);
+        // An event raised before the handlers were cleared may still be running on the interrupt
+        // thread; the CqEvents it touches live until this returns.
+        marlix::kernel::irq_sync();
         for (VAPI_cq_hndl_t cq : cqs_) VAPI_destroy_cq(hca_, cq);
         for (VAPI_mr_hndl_t mr : mrs_) VAPI_deregister_mr(hca_, mr);
         if (have_pd_) VAPI_dealloc_pd(hca_, pd_);
