@@ -114,7 +114,16 @@ STRING_RE = re.compile(r'"((?:[^"\\\n]|\\.)*)"')
 
 
 def literals(text):
-    return [m.group(1) for m in STRING_RE.finditer(text)]
+    """The string literals of a text; adjacent literals ("a" "b", also across lines) are joined
+    into one, as the compiler joins them, so a long message split over two lines still counts."""
+    found, last_end = [], None
+    for m in STRING_RE.finditer(text):
+        if found and last_end is not None and text[last_end : m.start()].strip() == "":
+            found[-1] += m.group(1)
+        else:
+            found.append(m.group(1))
+        last_end = m.end()
+    return found
 
 
 def call_text(lines, i):

@@ -425,6 +425,33 @@ TEST_F(HcaOpenFailure, AsyncHandlerRegistrationReturnsOkWithoutAHandle) {
     EXPECT_EQ(baseline_, module_allocations());
 }
 
+// The close that undoes a failed handler registration fails too: open says so and still answers
+// ox_return_ok; the record is gone either way, and the device stays open in VAPI.
+TEST_F(HcaOpenFailure, AsyncHandlerRegistrationAndTheCloseAfterItFail) {
+    hca::inject_fault("VAPI_set_async_event_handler", "InfiniHost0", VAPI_EGEN);
+    hca::inject_fault("VAPI_close_hca", "InfiniHost0", VAPI_EINVAL_HCA_HNDL);
+    EXPECT_EQ(kOk, open_failing());
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            ad_error("oxi_mlx_hca_open",
+                     "MLXAD_ERR: VAPI Fail to set async event callback for device handle: 0 (mlx:-255, MLX)"),
+            ad_error("oxi_mlx_hca_open", "error4: Will close mlx device with handle: 0"),
+            ad_error("oxi_mlx_hca_close",
+                     "MLXAD_ERR: VAPI Fail to de-allocate PD, The hca_h: 0 (mlx:-241, MLX)"),
+            ad_error("oxi_mlx_hca_close", "MLXAD_ERR: VAPI Fail to close device handle: 0 (mlx:-244, MLX)"),
+            ad_error("oxi_mlx_hca_open", "Fail to close mlx device with handle: 0")}),
+        errors());
+    auto s = stats();
+    EXPECT_EQ(2, s["error_num"]);  // the PD release and the device close, both in close
+    EXPECT_EQ(2, s["VAPI_error_num"]);
+    EXPECT_EQ(0, s["opend_device_num"]);
+    EXPECT_EQ(0, adp_list_count(opened_list_head()));
+    EXPECT_EQ(0u, refcount());
+    EXPECT_EQ(baseline_, module_allocations());
+    EXPECT_TRUE(hca::is_open("InfiniHost0"));
+    EXPECT_EQ(VAPI_OK, VAPI_close_hca(0));
+}
+
 TEST_F(HcaOpenFailure, GenericPdAllocation) {
     hca::inject_fault("EVAPI_alloc_pd", "InfiniHost0", VAPI_EAGAIN);
     EXPECT_EQ(kErr, open_failing());

@@ -181,6 +181,19 @@ TEST_F(PostReceive, ListEntriesOverlapOneSlotPerRequest) {
     for (int i = 32; i < 64; ++i) EXPECT_EQ(0, r.bytes[i]) << i;
 }
 
+// A list whose block of descriptors would not fit a 32-bit size is refused before anything is
+// allocated or read, and the adaptor lock is released.
+TEST_F(PostReceive, ListTooLargeForOneBlockIsRefused) {
+    const size_t before = module_allocations();
+    EXPECT_EQ(kInvalidParameter, ulp_post_receive_list(provider(), hcas[1], b.record, 0xffffffffu, nullptr));
+    EXPECT_TRUE(contains(
+        log(), ad_error("oxi_mlx_post_receive_list", "ERROR - num_of_requests: 4294967295 is too large")));
+    EXPECT_EQ(1, stats()["error_num"]);
+    EXPECT_EQ(0, adaptor_lock_held());
+    EXPECT_EQ(before, module_allocations());
+    EXPECT_EQ(0ul, hca::call_count("EVAPI_post_rr_list"));
+}
+
 TEST_F(PostReceive, EmptyListStillAllocatesAndCallsEvapi) {
     const unsigned long injected = k::injected_alloc_failures();
     k::AllocFault fault;

@@ -5,7 +5,7 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0, kErr = 1, kAllocMem = 2, kNotImplemented = 3;
+constexpr int kOk = 0, kErr = 1, kAllocMem = 2, kNotImplemented = 3, kInvalidParameter = 8;
 
 class SendVariants : public DataPathFixture {
   protected:
@@ -217,6 +217,20 @@ TEST_F(SendVariants, ListAllocationFailureReleasesTheLock) {
     EXPECT_EQ(1, stats()["mem_alloc_error_num"]);
     EXPECT_EQ(1, stats()["last_mem_alloc_error_num"]);
     EXPECT_EQ(1, stats()["error_num"]);
+    EXPECT_EQ(0ul, hca::call_count("EVAPI_post_sr_list"));
+}
+
+// A list whose block of descriptors would not fit a 32-bit size is refused before anything is
+// allocated or read; the UD QP's lock is released again.
+TEST_F(SendVariants, ListTooLargeForOneBlockIsRefused) {
+    const size_t before = module_allocations();
+    EXPECT_EQ(kInvalidParameter, ulp_post_send_list(provider(), hcas[0], ud_qp.record, 0xffffffffu, nullptr,
+                                                    dp_const("ox_operation_type_send_ud")));
+    EXPECT_TRUE(contains(
+        log(), ad_error("oxi_mlx_post_send_list", "ERROR - num_of_requests: 4294967295 is too large")));
+    EXPECT_EQ(1, stats()["error_num"]);
+    EXPECT_EQ(0, send_lock_held(ud_qp));
+    EXPECT_EQ(before, module_allocations());
     EXPECT_EQ(0ul, hca::call_count("EVAPI_post_sr_list"));
 }
 
