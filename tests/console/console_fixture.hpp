@@ -6,8 +6,25 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "console.hpp"
+
+// The adaptor's control file: written with commands, read for the statistics page.
+inline constexpr const char *kControl = "/proc/marlix/adaptor-mlx/control";
+
+// The lines of a command's output, without their newlines.
+inline std::vector<std::string> lines_of(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// Whether the output holds `line` as one whole line.
+inline bool has_line(const std::string &text, const std::string &line) {
+    return ("\n" + text).find("\n" + line + "\n") != std::string::npos;
+}
 
 class ConsoleTest : public ::testing::Test {
   protected:

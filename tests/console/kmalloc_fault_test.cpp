@@ -7,10 +7,6 @@
 
 namespace {
 
-bool has_line(const std::string &text, const std::string &line) {
-    return ("\n" + text).find("\n" + line + "\n") != std::string::npos;
-}
-
 TEST_F(ConsoleTest, FaultKmallocUsage) {
     const std::string usage =
         "usage: fault DEVICE|* CALL|* STATUS [once|nth N|always] | fault kmalloc [nth N] [size BYTES] "

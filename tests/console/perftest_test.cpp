@@ -23,13 +23,6 @@ const char *const kLatHeader =
     " #bytes #iterations    t_min[usec]    t_max[usec]  t_typical[usec]    t_avg[usec]    t_stdev[usec]   "
     "99% percentile[usec]   99.9% percentile[usec] ";
 
-std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string l; std::getline(in, l);) lines.push_back(l);
-    return lines;
-}
-
 // The rows of the result table: the lines between the header and the closing dashes.
 std::vector<std::vector<double>> table_rows(const std::string &text, const std::string &header) {
     std::vector<std::vector<double>> rows;

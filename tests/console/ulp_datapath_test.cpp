@@ -7,21 +7,6 @@
 
 namespace {
 
-constexpr const char *kControl = "/proc/marlix/adaptor-mlx/control";
-
-std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
-
-bool has_line(const std::string &text, const std::string &line) {
-    for (const auto &l : lines_of(text))
-        if (l == line) return true;
-    return false;
-}
-
 class UlpDatapathTest : public ConsoleTest {
   protected:
     void SetUp() override {

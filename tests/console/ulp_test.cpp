@@ -9,15 +9,6 @@
 
 namespace {
 
-constexpr const char *kControl = "/proc/marlix/adaptor-mlx/control";
-
-std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
-
 class UlpTest : public ConsoleTest {
   protected:
     void SetUp() override {
