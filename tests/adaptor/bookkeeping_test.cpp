@@ -162,5 +162,20 @@ TEST_F(Bookkeeping, TheTranslationTableReadByStatusMagnitude) {
     EXPECT_EQ(0, adp_call_status_to_ox(fn, -253));
 }
 
+// The return codes the tests compare with are the module's own, each found in its header.
+TEST(ReturnCodes, AreReadFromTheModuleHeader) {
+    EXPECT_EQ(kOk, module_const("ox_return_ok"));
+    EXPECT_EQ(kErr, module_const("ox_return_err"));
+    EXPECT_EQ(kAllocMem, module_const("ox_return_err_alloc_mem"));
+    EXPECT_EQ(kNotImplemented, module_const("ox_return_err_not_implemented"));
+    EXPECT_EQ(kHcaName, module_const("ox_return_err_hca_name"));
+    EXPECT_EQ(kInsufficient, module_const("ox_return_err_insufficient_resources"));
+    EXPECT_EQ(kInvalidState, module_const("ox_return_err_invalid_state"));
+    EXPECT_EQ(kInvalidVendRet, module_const("ox_return_err_invalid_vend_ret"));
+    EXPECT_EQ(kInvalidParameter, module_const("ox_return_err_invalid_parameter"));
+    EXPECT_EQ(kCqEmpty, module_const("ox_return_err_cq_empty"));
+    EXPECT_NE(kOk, kErr);
+}
+
 }  // namespace
 }  // namespace adaptor_test

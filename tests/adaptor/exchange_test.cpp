@@ -10,7 +10,6 @@ namespace {
 
 namespace pair = marlix::ulp_pair;
 
-constexpr int kOk = 0;
 constexpr long long kSuccess = 0, kLocLen = 1, kFlush = 5, kRemInvReq = 9, kRemAccess = 10;
 constexpr long long kSendSq = 0, kWriteSq = 1, kReadSq = 2, kCasSq = 3, kFaaSq = 4, kSendRq = 6, kRdmaImm = 7;
 

@@ -4,7 +4,6 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0;
 constexpr unsigned long kPageOffset = 0x10000000000ul;
 
 class GenericRegion : public AdaptorFixture {

@@ -7,7 +7,6 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0, kErr = 1;
 
 class HcaClose : public AdaptorFixture {
   protected:

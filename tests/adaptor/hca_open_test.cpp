@@ -8,7 +8,6 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0, kErr = 1, kErrAllocMem = 2, kErrHcaName = 4;
 constexpr unsigned long long kGenMrSize = 0xFFFFFFFFFFFFC000ull;
 
 class HcaOpen : public AdaptorFixture {
@@ -196,7 +195,7 @@ TEST_F(HcaOpen, ANameOf32CharactersIsRefused) {
     load_ok();
     k::log_clear();
     void *hca = reinterpret_cast<void *>(0x1234);
-    EXPECT_EQ(kErrHcaName, try_open(std::string(32, 'H').c_str(), &hca));
+    EXPECT_EQ(kHcaName, try_open(std::string(32, 'H').c_str(), &hca));
     EXPECT_EQ(reinterpret_cast<void *>(0x1234), hca);
     EXPECT_EQ((std::vector<std::string>{ad_error("oxi_mlx_hca_open", "error:")}), log());
     EXPECT_EQ(1, stats()["error_num"]);
@@ -324,7 +323,7 @@ class HcaOpenFailure : public HcaOpen {
 TEST_F(HcaOpenFailure, RecordAllocation) {
     size_t size = adp_sizeof("ox_opened_hca_t");
     fail_alloc(size, "oxi_mlx_hca_open");
-    EXPECT_EQ(kErrAllocMem, open_failing());
+    EXPECT_EQ(kAllocMem, open_failing());
     EXPECT_EQ((std::vector<std::string>{
                   ad_error("oxi_mlx_hca_open",
                            "Fail to allocate memory: ox_opened_hca_t, size: " + std::to_string(size)),
@@ -342,7 +341,7 @@ TEST_F(HcaOpenFailure, RecordAllocation) {
 
 TEST_F(HcaOpenFailure, CqArrayAllocation) {
     fail_alloc(1001 * sizeof(void *), "oxi_mlx_hca_open");
-    EXPECT_EQ(kErrAllocMem, open_failing());
+    EXPECT_EQ(kAllocMem, open_failing());
     EXPECT_EQ((std::vector<std::string>{
                   ad_error("oxi_mlx_hca_open", "Fail to allocate memory: opened_hca_p->opened_cq_array"),
                   ad_error("oxi_mlx_hca_open", "error1: V_FREE(opened_hca_p)"),
@@ -359,7 +358,7 @@ TEST_F(HcaOpenFailure, CqArrayAllocation) {
 
 TEST_F(HcaOpenFailure, QpArrayAllocation) {
     fail_alloc(1001 * sizeof(void *), "oxi_mlx_hca_open", 2);
-    EXPECT_EQ(kErrAllocMem, open_failing());
+    EXPECT_EQ(kAllocMem, open_failing());
     EXPECT_EQ((std::vector<std::string>{
                   ad_error("oxi_mlx_hca_open", "Fail to allocate memory: opened_hca_p->opened_qp_array"),
                   ad_error("oxi_mlx_hca_open", "error2: V_FREE(opened_hca_p->opened_cq_array)"),

@@ -6,7 +6,6 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0, kErr = 1;
 
 class HcaQuery : public AdaptorFixture {
   protected:

@@ -177,6 +177,7 @@ static const struct {
     const char *name;
     long long value;
 } constants[] = {
+    CONST(ox_return_ok) CONST(ox_return_err) CONST(ox_return_err_alloc_mem) CONST(ox_return_err_not_implemented) CONST(ox_return_err_hca_name) CONST(ox_return_err_insufficient_resources) CONST(ox_return_err_invalid_state) CONST(ox_return_err_invalid_vend_ret) CONST(ox_return_err_invalid_parameter) CONST(ox_return_err_cq_empty)
     CONST(mem_hca_ix) CONST(mem_mr_ix) CONST(mem_cq_ix) CONST(mem_tasklet_ix) CONST(mem_qp_ix)
         CONST(mem_async_ix) CONST(mem_gen_mem_array_p_ix) CONST(mem_opened_cq_array_ix) CONST(
             mem_opened_qp_array_ix) CONST(mem_g_com_cq_array_ix) CONST(mem_last_ix) CONST(LAST_VAPI_ERR_NUM)

@@ -17,6 +17,21 @@ inline long long module_const(const char *name) {
     EXPECT_TRUE(found) << "no module constant " << name;
     return value;
 }
+// The module's return codes (ox_return_t), read from its own header when the tests start.
+inline int module_status(const char *name) {
+    int found = 0;
+    return static_cast<int>(adp_const(name, &found));
+}
+inline const int kOk = module_status("ox_return_ok"), kErr = module_status("ox_return_err"),
+                 kAllocMem = module_status("ox_return_err_alloc_mem"),
+                 kNotImplemented = module_status("ox_return_err_not_implemented"),
+                 kHcaName = module_status("ox_return_err_hca_name"),
+                 kInsufficient = module_status("ox_return_err_insufficient_resources"),
+                 kInvalidState = module_status("ox_return_err_invalid_state"),
+                 kInvalidVendRet = module_status("ox_return_err_invalid_vend_ret"),
+                 kInvalidParameter = module_status("ox_return_err_invalid_parameter"),
+                 kCqEmpty = module_status("ox_return_err_cq_empty");
+
 inline int mem_ix(const char *name) {
     return static_cast<int>(module_const(name));
 }

@@ -7,7 +7,6 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0, kErr = 1, kNotImplemented = 3;
 constexpr uint32_t kLocalWrite = 1, kRemoteWrite = 2, kRemoteRead = 4;
 
 class Mr : public AdaptorFixture {

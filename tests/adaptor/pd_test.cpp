@@ -5,7 +5,6 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0, kErr = 1;
 
 class Pd : public AdaptorFixture {
   protected:

@@ -9,7 +9,6 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0, kErr = 1, kInvalidParameter = 8, kCqEmpty = 9;
 
 class Poll : public DataPathFixture {
   protected:

@@ -9,7 +9,6 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0, kErr = 1, kErrAllocMem = 2, kErrInsufficient = 5;
 
 class PortQuery : public AdaptorFixture {
   protected:
@@ -210,7 +209,7 @@ TEST_F(GidTable, TheBufferCannotBeAllocated) {
     fail_alloc(32 * 16, "oxi_mlx_get_port_gid_tbl");
     std::vector<Gid> out(4);
     uint32_t size = 4;
-    EXPECT_EQ(kErrAllocMem, read(1, size, out));
+    EXPECT_EQ(kAllocMem, read(1, size, out));
     EXPECT_EQ((std::vector<std::string>{
                   ad_error("oxi_mlx_get_port_gid_tbl", "Fail to allocate memory: gid_array_p, size: 512")}),
               log());
@@ -237,7 +236,7 @@ TEST_F(GidTable, VapiNeedsALargerBuffer) {
     hca::inject_fault("VAPI_query_hca_gid_tbl", "InfiniHost0", VAPI_EAGAIN);
     std::vector<Gid> out(4);
     uint32_t size = 4;
-    EXPECT_EQ(kErrInsufficient, read(1, size, out));
+    EXPECT_EQ(kInsufficient, read(1, size, out));
     EXPECT_EQ((std::vector<std::string>{
                   ad_error("oxi_mlx_get_port_gid_tbl",
                            "MLXAD_ERR: VAPI Fail to VAPI_query_hca_gid_tbl for port: 1 (mlx:-253, MLX)"),
@@ -312,7 +311,7 @@ TEST_F(PkeyTable, TheBufferCannotBeAllocated) {
     fail_alloc(64 * 2, "oxi_mlx_get_port_partition_tbl");
     std::vector<uint16_t> out(4);
     uint32_t size = 4;
-    EXPECT_EQ(kErrAllocMem, read(1, size, out));
+    EXPECT_EQ(kAllocMem, read(1, size, out));
     EXPECT_EQ((std::vector<std::string>{ad_error("oxi_mlx_get_port_partition_tbl",
                                                  "Fail to allocate memory: pkey_array_p, size: 128")}),
               log());
@@ -336,7 +335,7 @@ TEST_F(PkeyTable, VapiNeedsALargerBuffer) {
     hca::inject_fault("VAPI_query_hca_pkey_tbl", "InfiniHost0", VAPI_EAGAIN);
     std::vector<uint16_t> out(4);
     uint32_t size = 4;
-    EXPECT_EQ(kErrInsufficient, read(1, size, out));
+    EXPECT_EQ(kInsufficient, read(1, size, out));
     EXPECT_EQ(
         (std::vector<std::string>{
             ad_error("oxi_mlx_get_port_partition_tbl",

@@ -6,7 +6,6 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0, kErr = 1, kAllocMem = 2, kInvalidParameter = 8;
 
 class PostReceive : public DataPathFixture {
   protected:

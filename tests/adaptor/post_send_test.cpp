@@ -8,7 +8,6 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0, kErr = 1, kNotImplemented = 3, kInvalidParameter = 8;
 
 std::string hex(unsigned long long v) {
     char buf[32];

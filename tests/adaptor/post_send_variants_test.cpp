@@ -5,7 +5,6 @@
 namespace adaptor_test {
 namespace {
 
-constexpr int kOk = 0, kErr = 1, kAllocMem = 2, kNotImplemented = 3, kInvalidParameter = 8;
 
 class SendVariants : public DataPathFixture {
   protected:

@@ -12,8 +12,9 @@
 
 namespace adaptor_test {
 
-inline constexpr int kQOk = 0, kQErr = 1, kQErrAllocMem = 2, kQErrNotImplemented = 3, kQErrInvalidState = 6,
-                     kQErrInvalidVendRet = 7, kQErrInvalidParameter = 8;
+inline const int kQOk = kOk, kQErr = kErr, kQErrAllocMem = kAllocMem, kQErrNotImplemented = kNotImplemented,
+                 kQErrInvalidState = kInvalidState, kQErrInvalidVendRet = kInvalidVendRet,
+                 kQErrInvalidParameter = kInvalidParameter;
 
 // Generic QP types and states by value, read from the shim's names.
 inline int qp_type(const char *short_name) {
