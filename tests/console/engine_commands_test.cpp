@@ -36,12 +36,14 @@ TEST_F(ConsoleTest, EngineUsageAndBadStepCounts) {
 }
 
 TEST_F(ConsoleTest, LinkFaultsAreSetOnExistingPortsOnly) {
-    ASSERT_EQ(0, run("link InfiniHost0 1 drop 2; link InfiniHost0 1 delay 5; link InfiniHost0 1 drop all")) << err();
+    ASSERT_EQ(0, run("link InfiniHost0 1 drop 2; link InfiniHost0 1 delay 5; link InfiniHost0 1 drop all"))
+        << err();
     ASSERT_EQ(0, run("link InfiniHost0 1 clear")) << err();
     EXPECT_EQ(1, run("link InfiniHost0 9 clear"));
     EXPECT_EQ("link: no such port: InfiniHost0 9\n", err());
     EXPECT_NE(0, run("link InfiniHost0 1 shake"));
-    EXPECT_NE(err().find("usage: link DEVICE PORT drop N|drop all|delay MS|clear"), std::string::npos) << err();
+    EXPECT_NE(err().find("usage: link DEVICE PORT drop N|drop all|delay MS|clear"), std::string::npos)
+        << err();
 }
 
 }  // namespace
