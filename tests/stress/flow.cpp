@@ -1,0 +1,474 @@
+#include "flow.hpp"
+
+#include <chrono>
+#include <cstring>
+#include <sstream>
+#include <thread>
+
+#include "completion_codes.hpp"
+#include "datapath_fixture.hpp"
+#include "payload.hpp"
+#include "queues.hpp"
+
+namespace stress {
+
+namespace pair = marlix::ulp_pair;
+using adaptor_test::DpRecords;
+using Clock = std::chrono::steady_clock;
+
+const char *transport_name(Transport t) {
+    switch (t) {
+    case Transport::Rc:
+        return "rc";
+    case Transport::Uc:
+        return "uc";
+    case Transport::Ud:
+        return "ud";
+    }
+    return "?";
+}
+
+namespace {
+
+// UD receive buffers start with room for the GRH; the byte count includes it.
+constexpr uint32_t kGrhBytes = 40;
+// Gather pieces of one send sit this far apart, the gaps poisoned, so a piece read from the wrong
+// place shows.
+constexpr uint32_t kPieceGap = 64;
+// How long a batch may take before the flow is called stuck, and how long the receiver is given,
+// after the last send completed, for messages a cable pull may have taken.
+constexpr auto kStuck = std::chrono::seconds(60);
+constexpr auto kPullGrace = std::chrono::milliseconds(200);
+// RC QPs give up soon when nothing answers: 4.096 us x 2^10 (4 ms) per try, 3 retries.
+constexpr uint32_t kAckTimeout = 10, kRetries = 3;
+
+}  // namespace
+
+struct Flow::Impl {
+    pair::Side tx, rx;
+    uint64_t ah = 0;
+    bool have_ah = false;
+
+    std::mt19937_64 random;
+    std::vector<uint8_t> send_area, receive_area, scratch;
+    uint32_t send_stride = 0, receive_stride = 0;
+    std::vector<bool> posted;  // receive buffer i is posted and not yet consumed
+
+    DpRecords wr{"ox_wr_t"}, sg{"ox_scatgat_t", kMaxPieces};
+    DpRecords receive_wrs, receive_sgs;
+
+    uint64_t next_seq = 0;     // the next message to send
+    uint64_t rc_expected = 0;  // RC: the next message the receiver must see
+    uint64_t uc_last = 0;      // UC: the last message seen, plus one
+    std::vector<bool> seen;    // the batch's messages that arrived
+
+    Impl(uint32_t id, uint32_t batch)
+        : random(0x5eed0000ull + id), receive_wrs("ox_wr_t", batch), receive_sgs("ox_scatgat_t", batch) {}
+};
+
+Flow::Flow(Rig &rig, const FlowSpec &spec) : rig_(rig), spec_(spec), impl_(std::make_unique<Impl>(spec.id, spec.batch)) {
+    Impl &m = *impl_;
+    const uint32_t extra = spec_.transport == Transport::Ud ? kGrhBytes : 0;
+    m.send_stride = spec_.max_length + kMaxPieces * kPieceGap;
+    m.receive_stride = spec_.max_length + extra;
+    m.send_area.assign(size_t(m.send_stride) * spec_.batch, 0xee);
+    m.receive_area.assign(size_t(m.receive_stride) * spec_.batch, 0);
+    m.scratch.assign(spec_.max_length, 0);
+    m.posted.assign(spec_.batch, false);
+    m.seen.assign(spec_.batch, false);
+    for (int side = 0; side < 2; ++side) {
+        pair::Side &s = side == 0 ? m.tx : m.rx;
+        s.funcs = rig_.funcs;
+        s.hca = rig_.hca[side == 0 ? spec_.from : spec_.to];
+    }
+}
+
+Flow::~Flow() = default;
+
+std::string Flow::name() const {
+    std::ostringstream out;
+    out << "flow " << spec_.id << " (" << transport_name(spec_.transport) << ", InfiniHost" << spec_.from
+        << " -> InfiniHost" << spec_.to << ")";
+    return out.str();
+}
+
+namespace {
+
+// RC or UC `s` to RTS towards `peer`, RC with the short retry budget above.
+int connect_to(const pair::Side &s, const pair::Side &peer, bool rc) {
+    int status = pair::Modify("init")
+                     .set("p_key_indx", 0)
+                     .set("phy_port_num", 1)
+                     .set("access_control", 0x0e)
+                     .apply(s);
+    if (status != 0) return status;
+    pair::Modify rtr("rtr");
+    rtr.set("destanation_qp", peer.qpn)
+        .set("receive_psn", pair::kPsn)
+        .set("remote_add_vec.dlid", peer.lid)
+        .set("remote_add_vec.phy_port_num", 1)
+        .set("remote_add_vec.pmtu", 4);
+    if (rc) rtr.set("responder_rdma_r_atom_num", 4);
+    if ((status = rtr.apply(s)) != 0) return status;
+    pair::Modify rts("rts");
+    rts.set("send_psn", pair::kPsn);
+    if (rc)
+        rts.set("local_ack_timeout", kAckTimeout)
+            .set("retry_num", kRetries)
+            .set("rnr_num", 7)
+            .set("dest_out_rdma_r_atom_num", 4);
+    return rts.apply(s);
+}
+
+}  // namespace
+
+bool Flow::open() {
+    Impl &m = *impl_;
+    Tally &t = rig_.tally;
+    std::lock_guard lock(rig_.control);
+    const char *type = transport_name(spec_.transport);
+    const uint32_t entries = 2 * spec_.batch + 8;
+    int rc;
+    if ((rc = pair::prepare(m.tx)) != 0 || (rc = pair::prepare(m.rx)) != 0) {
+        rig_.fail(name() + ": port and generic region query returned " + std::to_string(rc));
+        return false;
+    }
+    if ((rc = make_cq(m.tx, entries, nullptr, t)) != 0 ||
+        (rc = make_cq(m.rx, entries, spec_.arm ? &t.cq_callbacks : nullptr, t)) != 0) {
+        rig_.fail(name() + ": CQ create returned " + std::to_string(rc));
+        return false;
+    }
+    if ((rc = make_qp(m.tx, type, spec_.batch, t)) != 0 || (rc = make_qp(m.rx, type, spec_.batch, t)) != 0) {
+        rig_.fail(name() + ": QP create returned " + std::to_string(rc));
+        return false;
+    }
+    if (spec_.transport == Transport::Ud) {
+        if ((rc = pair::connect_one(m.tx, m.rx, "ud")) != 0 || (rc = pair::connect_one(m.rx, m.tx, "ud")) != 0) {
+            rig_.fail(name() + ": UD QP modify returned " + std::to_string(rc));
+            return false;
+        }
+        if ((rc = ulp_ah_create_simple(rig_.funcs, m.tx.hca, m.tx.pd, m.rx.lid, 0, &m.ah)) != 0) {
+            rig_.fail(name() + ": address handle create returned " + std::to_string(rc));
+            return false;
+        }
+        m.have_ah = true;
+        t.ahs_created++;
+    } else {
+        const bool is_rc = spec_.transport == Transport::Rc;
+        if ((rc = connect_to(m.tx, m.rx, is_rc)) != 0 || (rc = connect_to(m.rx, m.tx, is_rc)) != 0) {
+            rig_.fail(name() + ": QP modify returned " + std::to_string(rc));
+            return false;
+        }
+    }
+    m.posted.assign(spec_.batch, false);
+    m.rc_expected = m.uc_last = m.next_seq;
+    return true;
+}
+
+void Flow::close() {
+    Impl &m = *impl_;
+    Tally &t = rig_.tally;
+    std::lock_guard lock(rig_.control);
+    for (pair::Side *s : {&m.tx, &m.rx}) {
+        if (s->qp) {
+            if (ulp_qp_destroy(rig_.funcs, s->hca, s->qp) != 0) rig_.fail(name() + ": QP destroy failed");
+            t.qps_destroyed++;
+            s->qp = nullptr;
+        }
+    }
+    if (m.have_ah) {
+        if (ulp_ah_destroy(rig_.funcs, m.tx.hca, m.ah) != 0) rig_.fail(name() + ": address handle destroy failed");
+        t.ahs_destroyed++;
+        m.have_ah = false;
+    }
+    // A completion event raised before the QPs went may still be on its way to the CQ's handler.
+    marlix::kernel::irq_sync();
+    for (pair::Side *s : {&m.tx, &m.rx}) {
+        if (s->cq) {
+            if (ulp_cq_destroy(rig_.funcs, s->hca, s->cq) != 0) rig_.fail(name() + ": CQ destroy failed");
+            t.cqs_destroyed++;
+            s->cq = nullptr;
+        }
+    }
+}
+
+namespace {
+
+// What one batch saw.
+struct BatchState {
+    uint64_t first_seq = 0;
+    uint32_t sends_done = 0, sends_ok = 0, received = 0;
+    int first_error = -1;       // status of the first failed send
+    uint32_t error_index = 0;   // its place in the batch
+    bool bad_error_order = false;
+};
+
+}  // namespace
+
+void Flow::run_batch() {
+    Impl &m = *impl_;
+    Tally &t = rig_.tally;
+    const CompletionCodes &codes = completion_codes();
+    const uint64_t generation_before = rig_.cable.generation.load();
+
+    // Receive buffers first: a UC or UD message without one is dropped, an RC one waits.
+    std::vector<uint32_t> free_slots;
+    for (uint32_t i = 0; i < spec_.batch; ++i)
+        if (!m.posted[i]) free_slots.push_back(i);
+    if (spec_.receive_lists && !free_slots.empty()) {
+        for (size_t k = 0; k < free_slots.size(); ++k) {
+            const uint32_t slot = free_slots[k];
+            m.receive_sgs[k]
+                .set("v_address", reinterpret_cast<long long>(&m.receive_area[size_t(slot) * m.receive_stride]))
+                .set("length", m.receive_stride)
+                .set("l_key", m.rx.l_key);
+            m.receive_wrs[k]
+                .set("wr_id", slot)
+                .set("completion_notification", 1)
+                .set("num_of_data_segments", 1)
+                .set("scatgat_list", reinterpret_cast<long long>(m.receive_sgs[k].base()));
+        }
+        const int rc = ulp_post_receive_list(rig_.funcs, m.rx.hca, m.rx.qp, uint32_t(free_slots.size()),
+                                             m.receive_wrs.data());
+        if (rc != 0) return rig_.fail(name() + ": receive list post returned " + std::to_string(rc));
+        t.receive_list_requests += free_slots.size();
+    } else {
+        for (uint32_t slot : free_slots) {
+            const int rc = ulp_post_receive_simple(rig_.funcs, m.rx.hca, m.rx.qp, slot,
+                                                   &m.receive_area[size_t(slot) * m.receive_stride],
+                                                   m.receive_stride, m.rx.l_key);
+            if (rc != 0) return rig_.fail(name() + ": receive post returned " + std::to_string(rc));
+            t.receive_posts++;
+        }
+    }
+    for (uint32_t slot : free_slots) m.posted[slot] = true;
+    if (spec_.arm) {
+        const int rc = ulp_request_notification(rig_.funcs, m.rx.hca, m.rx.cq, 0);
+        if (rc != 0) return rig_.fail(name() + ": CQ arming returned " + std::to_string(rc));
+        t.arms++;
+    }
+
+    // The sends: RC and UC gather each message from up to four pieces.
+    BatchState b;
+    b.first_seq = m.next_seq;
+    m.seen.assign(spec_.batch, false);
+    const int optype = ulp_operation_type(transport_name(spec_.transport));
+    for (uint32_t i = 0; i < spec_.batch; ++i) {
+        const uint64_t seq = m.next_seq++;
+        uint32_t length;
+        if (m.random() & 1)
+            length = uint32_t(kHeaderBytes + m.random() % (std::min<uint32_t>(spec_.max_length, 2048) - kHeaderBytes + 1));
+        else
+            length = uint32_t(kHeaderBytes + m.random() % (spec_.max_length - kHeaderBytes + 1));
+        uint8_t *slot = &m.send_area[size_t(i) * m.send_stride];
+        int rc;
+        uint32_t pieces = 1;
+        if (spec_.transport == Transport::Ud) {
+            fill_message(slot, spec_.id, seq, length);
+            ulp_send_target target{};
+            target.ah = m.ah;
+            target.remote_qpn = m.rx.qpn;
+            target.q_key = pair::kQkey;
+            rc = ulp_post_send_simple(rig_.funcs, m.tx.hca, m.tx.qp, optype, ulp_op_send, seq, slot, length,
+                                      m.tx.l_key, &target);
+        } else {
+            fill_message(m.scratch.data(), spec_.id, seq, length);
+            pieces = 1 + uint32_t(m.random() % kMaxPieces);
+            if (pieces > length) pieces = 1;
+            uint32_t offset = 0, place = 0;
+            for (uint32_t p = 0; p < pieces; ++p) {
+                const uint32_t piece = p + 1 == pieces ? length - offset : length / pieces;
+                std::memcpy(slot + place, m.scratch.data() + offset, piece);
+                m.sg[p].set("v_address", reinterpret_cast<long long>(slot + place))
+                    .set("length", piece)
+                    .set("l_key", m.tx.l_key);
+                offset += piece;
+                place += piece + kPieceGap;
+            }
+            m.wr[0]
+                .set("wr_id", (long long)seq)
+                .set("completion_notification", 1)
+                .set("wr_type", adaptor_test::dp_const("ox_wr_send"))
+                .set("num_of_data_segments", pieces)
+                .set("scatgat_list", reinterpret_cast<long long>(m.sg.data()));
+            rc = ulp_post_send(rig_.funcs, m.tx.hca, m.tx.qp, m.wr.data(), optype);
+        }
+        if (rc != 0) return rig_.fail(name() + ": send post returned " + std::to_string(rc));
+        t.send_posts++;
+        t.send_segments += pieces;
+        t.tx_bytes += length;
+        t.messages_sent++;
+    }
+
+    // Polls one CQ once, keeping the tally the module's counters are checked against.
+    auto poll = [&](pair::Side &s, ulp_completion &c) -> bool {
+        const int rc = ulp_poll_simple(rig_.funcs, s.hca, s.cq, &c, nullptr, 0);
+        t.polls++;
+        if (rc == codes.cq_empty) {
+            t.polls_empty++;
+            return false;
+        }
+        if (rc != 0) {
+            rig_.fail(name() + ": poll returned " + std::to_string(rc));
+            return false;
+        }
+        if (c.operation_type == codes.send_rq || c.operation_type == codes.rdma_read_sq)
+            t.rx_bytes += c.num_bytes_transfered;
+        if (c.completion_status != codes.success) {
+            if (c.operation_type == codes.send_rq)
+                t.receive_error_completions++;
+            else
+                t.send_error_completions++;
+        }
+        return true;
+    };
+
+    auto on_receive = [&](const ulp_completion &c) {
+        if (c.operation_type != codes.send_rq || c.completion_status != codes.success || c.wr_id >= spec_.batch ||
+            !m.posted[c.wr_id]) {
+            std::ostringstream why;
+            why << name() << ": unexpected receive completion: wr_id " << c.wr_id << ", "
+                << ulp_wc_operation_name(c.operation_type) << ", " << ulp_comp_status_name(c.completion_status);
+            return rig_.fail(why.str());
+        }
+        m.posted[c.wr_id] = false;
+        const uint32_t extra = spec_.transport == Transport::Ud ? kGrhBytes : 0;
+        if (c.num_bytes_transfered < extra) return rig_.fail(name() + ": datagram shorter than the GRH area");
+        const uint8_t *data = &m.receive_area[size_t(c.wr_id) * m.receive_stride] + extra;
+        MessageHeader h{};
+        const std::string bad = check_message(data, c.num_bytes_transfered - extra, spec_.id, &h);
+        if (!bad.empty()) return rig_.fail(name() + ": " + bad);
+        std::ostringstream why;
+        if (h.seq < b.first_seq || h.seq >= m.next_seq) {
+            why << name() << ": message " << h.seq << " arrived outside its batch [" << b.first_seq << ", "
+                << m.next_seq << ")";
+            return rig_.fail(why.str());
+        }
+        const uint64_t index = h.seq - b.first_seq;
+        if (m.seen[index]) {
+            why << name() << ": message " << h.seq << " arrived twice";
+            return rig_.fail(why.str());
+        }
+        if (spec_.transport == Transport::Rc && h.seq != m.rc_expected) {
+            why << name() << ": message " << h.seq << " arrived where " << m.rc_expected << " was due";
+            return rig_.fail(why.str());
+        }
+        if (spec_.transport == Transport::Uc && h.seq < m.uc_last) {
+            why << name() << ": message " << h.seq << " arrived after " << m.uc_last - 1;
+            return rig_.fail(why.str());
+        }
+        m.seen[index] = true;
+        m.rc_expected = m.uc_last = h.seq + 1;
+        b.received++;
+        t.messages_checked++;
+        t.bytes_checked += h.length;
+    };
+
+    auto on_send = [&](const ulp_completion &c) {
+        const uint64_t expect = b.first_seq + b.sends_done;
+        if (c.wr_id != expect || c.operation_type != codes.send_sq) {
+            std::ostringstream why;
+            why << name() << ": send completion " << c.wr_id << " (" << ulp_wc_operation_name(c.operation_type)
+                << ") where " << expect << " was due";
+            return rig_.fail(why.str());
+        }
+        if (c.completion_status == codes.success) {
+            if (b.first_error >= 0) b.bad_error_order = true;
+            b.sends_ok++;
+        } else if (b.first_error < 0) {
+            b.first_error = c.completion_status;
+            b.error_index = b.sends_done;
+        } else if (c.completion_status != codes.flush) {
+            b.bad_error_order = true;
+        }
+        b.sends_done++;
+    };
+
+    // Every send completes, successfully or not; the receiver is polled meanwhile.
+    const auto start = Clock::now();
+    ulp_completion c{};
+    while (b.sends_done < spec_.batch && !rig_.failed()) {
+        bool any = false;
+        while (b.sends_done < spec_.batch && poll(m.tx, c)) {
+            on_send(c);
+            any = true;
+        }
+        while (b.received < spec_.batch && poll(m.rx, c)) {
+            on_receive(c);
+            any = true;
+        }
+        if (any) continue;
+        if (Clock::now() - start > kStuck) {
+            std::ostringstream why;
+            why << name() << ": " << spec_.batch - b.sends_done << " of " << spec_.batch
+                << " sends still incomplete after " << kStuck.count() << " s";
+            return rig_.fail(why.str());
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    if (rig_.failed()) return;
+
+    // A batch met the cable when it was out at either end of the batch or was pulled during it.
+    const uint64_t generation_after = rig_.cable.generation.load();
+    const bool met_pull = crosses_cable() && (generation_before != generation_after || (generation_before & 1));
+    const bool broke = b.first_error >= 0;
+    // Without a break or a pull every message is due; otherwise those still missing a moment
+    // after the last send completed were lost with the cable.
+    const Clock::duration limit = !broke && !met_pull ? Clock::duration(kStuck) : Clock::duration(kPullGrace);
+    const auto settle_start = Clock::now();
+    while (b.received < spec_.batch && !rig_.failed()) {
+        if (poll(m.rx, c)) {
+            on_receive(c);
+            continue;
+        }
+        if (Clock::now() - settle_start > limit) break;
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    if (rig_.failed()) return;
+    batches_++;
+
+    const uint32_t missing = spec_.batch - b.received;
+    std::ostringstream why;
+    if (broke) {
+        // Only RC gives up on a send, and only when nothing answered: the cable was out.
+        if (spec_.transport != Transport::Rc || !met_pull || b.first_error != codes.retry_exc || b.bad_error_order) {
+            why << name() << ": send " << b.first_seq + b.error_index << " completed with "
+                << ulp_comp_status_name(b.first_error) << (met_pull ? "" : " without a cable pull")
+                << (b.bad_error_order ? ", and not every send after it was flushed" : "");
+            return rig_.fail(why.str());
+        }
+        // Every send that completed well arrived; what came after may have arrived too.
+        if (b.received < b.sends_ok) {
+            why << name() << ": " << b.sends_ok << " sends completed but only " << b.received << " arrived";
+            return rig_.fail(why.str());
+        }
+        t.rc_breaks++;
+        t.rc_unfinished += missing;
+        reconnect();
+        return;
+    }
+    if (missing == 0) return;
+    if (spec_.transport == Transport::Rc || !met_pull) {
+        why << name() << ": " << missing << " of " << spec_.batch << " messages from " << b.first_seq
+            << " never arrived" << (met_pull ? "" : " and the cable was in");
+        return rig_.fail(why.str());
+    }
+    t.datagrams_lost += missing;
+}
+
+void Flow::reconnect() {
+    const auto start = Clock::now();
+    while (!(rig_.port_active(spec_.from) && rig_.port_active(spec_.to))) {
+        if (rig_.stop && rig_.failed()) return;
+        if (Clock::now() - start > kStuck) return rig_.fail(name() + ": the port never came back");
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    // The QP's error reaches the adaptor's event handler as an interrupt that may still be
+    // queued; it looks the QP up, so it runs before the QP goes.
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    marlix::kernel::irq_sync();
+    close();
+    open();
+}
+
+}  // namespace stress
