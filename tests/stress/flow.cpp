@@ -458,17 +458,22 @@ void Flow::run_batch() {
 
 void Flow::reconnect() {
     const auto start = Clock::now();
-    while (!(rig_.port_active(spec_.from) && rig_.port_active(spec_.to))) {
-        if (rig_.stop && rig_.failed()) return;
-        if (Clock::now() - start > kStuck) return rig_.fail(name() + ": the port never came back");
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    for (;;) {
+        while (!(rig_.port_active(spec_.from) && rig_.port_active(spec_.to))) {
+            if (rig_.failed()) return;
+            if (Clock::now() - start > kStuck) return rig_.fail(name() + ": the port never came back");
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        const uint64_t generation = rig_.cable.generation.load();
+        // The QP's error reaches the adaptor's event handler as an interrupt that may still be
+        // queued; it looks the QP up, so it runs before the QP goes.
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        marlix::kernel::irq_sync();
+        close();
+        if (!open()) return;
+        // Connected while the cable was in: the peer's LID is right.
+        if (rig_.cable.generation.load() == generation && !(generation & 1)) return;
     }
-    // The QP's error reaches the adaptor's event handler as an interrupt that may still be
-    // queued; it looks the QP up, so it runs before the QP goes.
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    marlix::kernel::irq_sync();
-    close();
-    open();
 }
 
 }  // namespace stress

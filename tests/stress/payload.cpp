@@ -50,21 +50,21 @@ void fill_message(uint8_t *p, uint32_t flow, uint64_t seq, uint32_t length) {
 std::string check_message(const uint8_t *p, size_t length, uint32_t flow, MessageHeader *header) {
     std::ostringstream why;
     if (length < kHeaderBytes) {
-        why << "flow " << flow << ": " << length << " bytes arrived, shorter than a header";
+        why << length << " bytes arrived, shorter than a header";
         return why.str();
     }
     MessageHeader h;
     std::memcpy(&h, p, kHeaderBytes);
     if (h.magic != kMessageMagic || h.check != header_check(h)) {
-        why << "flow " << flow << ": damaged header (" << length << " bytes arrived)";
+        why << "damaged header (" << length << " bytes arrived)";
         return why.str();
     }
     if (h.flow != flow) {
-        why << "flow " << flow << ": message " << h.seq << " of flow " << h.flow << " arrived";
+        why << "message " << h.seq << " of flow " << h.flow << " arrived";
         return why.str();
     }
     if (h.length != length) {
-        why << "flow " << flow << ": message " << h.seq << " of " << h.length << " bytes arrived as " << length;
+        why << "message " << h.seq << " of " << h.length << " bytes arrived as " << length;
         return why.str();
     }
     if (header) *header = h;
@@ -81,7 +81,7 @@ std::string check_message(const uint8_t *p, size_t length, uint32_t flow, Messag
         i = length;
     }
     if (i < length) {
-        why << "flow " << flow << ": message " << h.seq << " (" << length << " bytes) differs from byte " << i;
+        why << "message " << h.seq << " (" << length << " bytes) differs from byte " << i;
         return why.str();
     }
     return {};

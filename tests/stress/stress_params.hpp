@@ -9,7 +9,7 @@ namespace stress {
 
 struct StressParams {
     // The run ends once this many message bytes have arrived and been checked...
-    uint64_t bytes = 32ull << 20;
+    uint64_t bytes = 96ull << 20;
     // ...or after this many seconds, whichever comes first.
     double seconds = 20;
     // When the byte count was asked for explicitly, running out of time first is a failure.
