@@ -47,8 +47,10 @@ struct ChurnQueue {
 };
 
 void destroy_churned(Rig &rig, ChurnQueue &q) {
-    if (ulp_qp_destroy(rig.funcs, q.side.hca, q.side.qp) != 0) rig.fail("churn: QP destroy failed");
-    rig.tally.qps_destroyed++;
+    if (q.side.qp) {
+        if (ulp_qp_destroy(rig.funcs, q.side.hca, q.side.qp) != 0) rig.fail("churn: QP destroy failed");
+        rig.tally.qps_destroyed++;
+    }
     if (ulp_cq_destroy(rig.funcs, q.side.hca, q.side.cq) != 0) rig.fail("churn: CQ destroy failed");
     rig.tally.cqs_destroyed++;
 }
@@ -63,23 +65,16 @@ bool make_churned(Rig &rig, std::mt19937 &random, ChurnQueue &q) {
         return false;
     }
     const uint32_t entries = 4 + random() % 250;
-    if (make_cq(q.side, entries, nullptr, rig.tally) != 0) {
-        rig.fail("churn: CQ create failed");
+    const char *type = kTypes[random() % 3];
+    if (make_queues(q.side, type, entries, 1 + random() % 64, rig.tally) != 0) {
+        rig.fail(std::string("churn: CQ or ") + type + " QP create failed");
+        if (q.side.cq) destroy_churned(rig, q);
         return false;
     }
     uint32_t size = 0;
     void *context = nullptr;
-    if (ulp_cq_query(rig.funcs, q.side.hca, q.side.cq, &size, &context) != 0 || size < entries) {
+    if (ulp_cq_query(rig.funcs, q.side.hca, q.side.cq, &size, &context) != 0 || size < entries)
         rig.fail("churn: CQ query failed or reports fewer entries than asked for");
-        return false;
-    }
-    const char *type = kTypes[random() % 3];
-    if (make_qp(q.side, type, 1 + random() % 64, rig.tally) != 0) {
-        rig.fail(std::string("churn: ") + type + " QP create failed");
-        ulp_cq_destroy(rig.funcs, q.side.hca, q.side.cq);
-        rig.tally.cqs_destroyed++;
-        return false;
-    }
     if (random() % 2) {
         // Some reach INIT, so destroy meets QPs in more than one state.
         pair::Modify init("init");
@@ -127,7 +122,8 @@ void run_statistics_reader(Rig &rig) {
         std::string text;
         {
             std::lock_guard lock(rig.control);
-            if (k::read_file(kControl, text) < 0) return rig.fail("statistics: the control file cannot be read");
+            if (k::read_file(kControl, text) < 0)
+                return rig.fail("statistics: the control file cannot be read");
         }
         rig.tally.statistics_reads++;
         StatisticsPage page;
@@ -198,7 +194,8 @@ std::vector<ControlCheck> control_checks(void *probe_cq) {
         {"pollcq 0x" + probe,
          [probe](const std::vector<std::string> &lines) {
              for (const auto &l : lines)
-                 if (l.rfind("Empty CQ: cq_index: ", 0) == 0 && l.find("user: 0x" + probe) != std::string::npos)
+                 if (l.rfind("Empty CQ: cq_index: ", 0) == 0 &&
+                     l.find("user: 0x" + probe) != std::string::npos)
                      return std::string();
              return "no \"Empty CQ\" line for the probe CQ " + probe;
          }},

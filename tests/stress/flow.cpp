@@ -17,15 +17,8 @@ using adaptor_test::DpRecords;
 using Clock = std::chrono::steady_clock;
 
 const char *transport_name(Transport t) {
-    switch (t) {
-    case Transport::Rc:
-        return "rc";
-    case Transport::Uc:
-        return "uc";
-    case Transport::Ud:
-        return "ud";
-    }
-    return "?";
+    static const char *const kNames[] = {"rc", "uc", "ud"};
+    return kNames[static_cast<int>(t)];
 }
 
 namespace {
@@ -35,6 +28,7 @@ constexpr uint32_t kGrhBytes = 40;
 // Gather pieces of one send sit this far apart, the gaps poisoned, so a piece read from the wrong
 // place shows.
 constexpr uint32_t kPieceGap = 64;
+constexpr uint32_t kMaxPieces = 4;
 // How long a batch may take before the flow is called stuck, and how long the receiver is given,
 // after the last send completed, for messages a cable pull may have taken.
 constexpr auto kStuck = std::chrono::seconds(60);
@@ -66,7 +60,8 @@ struct Flow::Impl {
         : random(0x5eed0000ull + id), receive_wrs("ox_wr_t", batch), receive_sgs("ox_scatgat_t", batch) {}
 };
 
-Flow::Flow(Rig &rig, const FlowSpec &spec) : rig_(rig), spec_(spec), impl_(std::make_unique<Impl>(spec.id, spec.batch)) {
+Flow::Flow(Rig &rig, const FlowSpec &spec)
+    : rig_(rig), spec_(spec), impl_(std::make_unique<Impl>(spec.id, spec.batch)) {
     Impl &m = *impl_;
     const uint32_t extra = spec_.transport == Transport::Ud ? kGrhBytes : 0;
     m.send_stride = spec_.max_length + kMaxPieces * kPieceGap;
@@ -96,11 +91,8 @@ namespace {
 
 // RC or UC `s` to RTS towards `peer`, RC with the short retry budget above.
 int connect_to(const pair::Side &s, const pair::Side &peer, bool rc) {
-    int status = pair::Modify("init")
-                     .set("p_key_indx", 0)
-                     .set("phy_port_num", 1)
-                     .set("access_control", 0x0e)
-                     .apply(s);
+    int status =
+        pair::Modify("init").set("p_key_indx", 0).set("phy_port_num", 1).set("access_control", 0x0e).apply(s);
     if (status != 0) return status;
     pair::Modify rtr("rtr");
     rtr.set("destanation_qp", peer.qpn)
@@ -133,17 +125,19 @@ bool Flow::open() {
         rig_.fail(name() + ": port and generic region query returned " + std::to_string(rc));
         return false;
     }
-    if ((rc = make_cq(m.tx, entries, nullptr, t)) != 0 ||
-        (rc = make_cq(m.rx, entries, spec_.arm ? &t.cq_callbacks : nullptr, t)) != 0) {
-        rig_.fail(name() + ": CQ create returned " + std::to_string(rc));
+    if ((rc = make_queues(m.tx, type, entries, spec_.batch, t)) != 0 ||
+        (rc = make_queues(m.rx, type, entries, spec_.batch, t)) != 0) {
+        rig_.fail(name() + ": CQ or QP create returned " + std::to_string(rc));
         return false;
     }
-    if ((rc = make_qp(m.tx, type, spec_.batch, t)) != 0 || (rc = make_qp(m.rx, type, spec_.batch, t)) != 0) {
-        rig_.fail(name() + ": QP create returned " + std::to_string(rc));
+    if (spec_.arm && (rc = ulp_cq_modify_attrib(rig_.funcs, m.rx.hca, m.rx.cq, &t.cq_callbacks,
+                                                &count_completion_event)) != 0) {
+        rig_.fail(name() + ": CQ modify returned " + std::to_string(rc));
         return false;
     }
     if (spec_.transport == Transport::Ud) {
-        if ((rc = pair::connect_one(m.tx, m.rx, "ud")) != 0 || (rc = pair::connect_one(m.rx, m.tx, "ud")) != 0) {
+        if ((rc = pair::connect_one(m.tx, m.rx, "ud")) != 0 ||
+            (rc = pair::connect_one(m.rx, m.tx, "ud")) != 0) {
             rig_.fail(name() + ": UD QP modify returned " + std::to_string(rc));
             return false;
         }
@@ -177,7 +171,8 @@ void Flow::close() {
         }
     }
     if (m.have_ah) {
-        if (ulp_ah_destroy(rig_.funcs, m.tx.hca, m.ah) != 0) rig_.fail(name() + ": address handle destroy failed");
+        if (ulp_ah_destroy(rig_.funcs, m.tx.hca, m.ah) != 0)
+            rig_.fail(name() + ": address handle destroy failed");
         t.ahs_destroyed++;
         m.have_ah = false;
     }
@@ -198,8 +193,8 @@ namespace {
 struct BatchState {
     uint64_t first_seq = 0;
     uint32_t sends_done = 0, sends_ok = 0, received = 0;
-    int first_error = -1;       // status of the first failed send
-    uint32_t error_index = 0;   // its place in the batch
+    int first_error = -1;      // status of the first failed send
+    uint32_t error_index = 0;  // its place in the batch
     bool bad_error_order = false;
 };
 
@@ -219,7 +214,8 @@ void Flow::run_batch() {
         for (size_t k = 0; k < free_slots.size(); ++k) {
             const uint32_t slot = free_slots[k];
             m.receive_sgs[k]
-                .set("v_address", reinterpret_cast<long long>(&m.receive_area[size_t(slot) * m.receive_stride]))
+                .set("v_address",
+                     reinterpret_cast<long long>(&m.receive_area[size_t(slot) * m.receive_stride]))
                 .set("length", m.receive_stride)
                 .set("l_key", m.rx.l_key);
             m.receive_wrs[k]
@@ -257,7 +253,8 @@ void Flow::run_batch() {
         const uint64_t seq = m.next_seq++;
         uint32_t length;
         if (m.random() & 1)
-            length = uint32_t(kHeaderBytes + m.random() % (std::min<uint32_t>(spec_.max_length, 2048) - kHeaderBytes + 1));
+            length = uint32_t(kHeaderBytes +
+                              m.random() % (std::min<uint32_t>(spec_.max_length, 2048) - kHeaderBytes + 1));
         else
             length = uint32_t(kHeaderBytes + m.random() % (spec_.max_length - kHeaderBytes + 1));
         uint8_t *slot = &m.send_area[size_t(i) * m.send_stride];
@@ -279,7 +276,8 @@ void Flow::run_batch() {
             for (uint32_t p = 0; p < pieces; ++p) {
                 const uint32_t piece = p + 1 == pieces ? length - offset : length / pieces;
                 std::memcpy(slot + place, m.scratch.data() + offset, piece);
-                m.sg[p].set("v_address", reinterpret_cast<long long>(slot + place))
+                m.sg[p]
+                    .set("v_address", reinterpret_cast<long long>(slot + place))
                     .set("length", piece)
                     .set("l_key", m.tx.l_key);
                 offset += piece;
@@ -324,11 +322,12 @@ void Flow::run_batch() {
     };
 
     auto on_receive = [&](const ulp_completion &c) {
-        if (c.operation_type != codes.send_rq || c.completion_status != codes.success || c.wr_id >= spec_.batch ||
-            !m.posted[c.wr_id]) {
+        if (c.operation_type != codes.send_rq || c.completion_status != codes.success ||
+            c.wr_id >= spec_.batch || !m.posted[c.wr_id]) {
             std::ostringstream why;
             why << name() << ": unexpected receive completion: wr_id " << c.wr_id << ", "
-                << ulp_wc_operation_name(c.operation_type) << ", " << ulp_comp_status_name(c.completion_status);
+                << ulp_wc_operation_name(c.operation_type) << ", "
+                << ulp_comp_status_name(c.completion_status);
             return rig_.fail(why.str());
         }
         m.posted[c.wr_id] = false;
@@ -368,8 +367,8 @@ void Flow::run_batch() {
         const uint64_t expect = b.first_seq + b.sends_done;
         if (c.wr_id != expect || c.operation_type != codes.send_sq) {
             std::ostringstream why;
-            why << name() << ": send completion " << c.wr_id << " (" << ulp_wc_operation_name(c.operation_type)
-                << ") where " << expect << " was due";
+            why << name() << ": send completion " << c.wr_id << " ("
+                << ulp_wc_operation_name(c.operation_type) << ") where " << expect << " was due";
             return rig_.fail(why.str());
         }
         if (c.completion_status == codes.success) {
@@ -410,7 +409,8 @@ void Flow::run_batch() {
 
     // A batch met the cable when it was out at either end of the batch or was pulled during it.
     const uint64_t generation_after = rig_.cable.generation.load();
-    const bool met_pull = crosses_cable() && (generation_before != generation_after || (generation_before & 1));
+    const bool met_pull =
+        crosses_cable() && (generation_before != generation_after || (generation_before & 1));
     const bool broke = b.first_error >= 0;
     // Without a break or a pull every message is due; otherwise those still missing a moment
     // after the last send completed were lost with the cable.
@@ -431,7 +431,8 @@ void Flow::run_batch() {
     std::ostringstream why;
     if (broke) {
         // Only RC gives up on a send, and only when nothing answered: the cable was out.
-        if (spec_.transport != Transport::Rc || !met_pull || b.first_error != codes.retry_exc || b.bad_error_order) {
+        if (spec_.transport != Transport::Rc || !met_pull || b.first_error != codes.retry_exc ||
+            b.bad_error_order) {
             why << name() << ": send " << b.first_seq + b.error_index << " completed with "
                 << ulp_comp_status_name(b.first_error) << (met_pull ? "" : " without a cable pull")
                 << (b.bad_error_order ? ", and not every send after it was flushed" : "");

@@ -18,7 +18,8 @@ uint32_t header_check(const MessageHeader &h) {
 struct BodyStream {
     uint64_t state;
     explicit BodyStream(const MessageHeader &h)
-        : state((uint64_t(h.flow) << 40) ^ (h.seq * 0xd1b54a32d192ed03ull) ^ h.length ^ 0x2545f4914f6cdd1dull) {
+        : state((uint64_t(h.flow) << 40) ^ (h.seq * 0xd1b54a32d192ed03ull) ^ h.length ^
+                0x2545f4914f6cdd1dull) {
         if (state == 0) state = 1;
     }
     uint64_t next() {

@@ -9,12 +9,11 @@
 
 namespace stress {
 
-// Gather entries a stress send uses at most.
-inline constexpr uint32_t kMaxPieces = 4;
+// A CQ of `entries` and a QP of `type` ("rc", "uc", "ud") on it, `depth` deep each way, on
+// `s.hca` and `s.pd`; what was made is counted even when the QP failed (its CQ is then in `s.cq`).
+int make_queues(marlix::ulp_pair::Side &s, const char *type, uint32_t entries, uint32_t depth, Tally &tally);
 
-// A CQ of `entries` on `s.hca`; every completion event adds one to `events` when given.
-int make_cq(marlix::ulp_pair::Side &s, uint32_t entries, std::atomic<uint64_t> *events, Tally &tally);
-// A QP of `type` ("rc", "uc", "ud") on `s.hca` and `s.pd`, both queues on `s.cq`, `depth` deep.
-int make_qp(marlix::ulp_pair::Side &s, const char *type, uint32_t depth, Tally &tally);
+// A CQ's completion callback that adds one to the counter its context points at.
+void count_completion_event(uint64_t context);
 
 }  // namespace stress

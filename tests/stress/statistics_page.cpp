@@ -20,7 +20,8 @@ std::string trim(const std::string &s) {
 std::vector<long long> numbers_in(const std::string &s) {
     std::vector<long long> out;
     for (size_t i = 0; i < s.size();) {
-        const bool minus = s[i] == '-' && i + 1 < s.size() && std::isdigit(static_cast<unsigned char>(s[i + 1]));
+        const bool minus =
+            s[i] == '-' && i + 1 < s.size() && std::isdigit(static_cast<unsigned char>(s[i + 1]));
         if (std::isdigit(static_cast<unsigned char>(s[i])) || minus) {
             char *end = nullptr;
             out.push_back(std::strtoll(s.c_str() + i, &end, 10));
@@ -35,9 +36,9 @@ std::vector<long long> numbers_in(const std::string &s) {
 // Lines whose numbers come in "counter (companion)" pairs, and how many pairs.
 const std::map<std::string, size_t> &paired_lines() {
     static const std::map<std::string, size_t> lines = {
-        {"errors", 1},      {"VAPI errors", 1}, {"mem errors", 1}, {"num of CQ", 1},   {"num of QP", 1},
-        {"num of AH", 3},   {"send WR", 3},     {"receive WR", 2}, {"Byte - TX", 2},   {"poll", 2},
-        {"comp err", 2},    {"comp notify", 1}, {"comp event", 1}, {"async event", 1},
+        {"errors", 1},    {"VAPI errors", 1}, {"mem errors", 1}, {"num of CQ", 1},   {"num of QP", 1},
+        {"num of AH", 3}, {"send WR", 3},     {"receive WR", 2}, {"Byte - TX", 2},   {"poll", 2},
+        {"comp err", 2},  {"comp notify", 1}, {"comp event", 1}, {"async event", 1},
     };
     return lines;
 }
@@ -65,7 +66,9 @@ bool parse_statistics_page(const std::string &text, StatisticsPage &page, std::s
     for (const auto &[label, pairs] : paired_lines()) {
         auto it = page.lines.find(label);
         if (it == page.lines.end() || it->second.size() != 2 * pairs) {
-            if (why) *why = "the page has no line \"" + label + "\" with " + std::to_string(2 * pairs) + " numbers";
+            if (why)
+                *why =
+                    "the page has no line \"" + label + "\" with " + std::to_string(2 * pairs) + " numbers";
             return false;
         }
     }
@@ -90,7 +93,8 @@ bool StatisticsPage::companions_zero(std::string *which) const {
         const auto &numbers = lines.at(label);
         for (size_t i = 0; i < pairs; ++i)
             if (numbers[2 * i + 1] != 0) {
-                if (which) *which = label + " #" + std::to_string(i) + ": " + std::to_string(numbers[2 * i + 1]);
+                if (which)
+                    *which = label + " #" + std::to_string(i) + ": " + std::to_string(numbers[2 * i + 1]);
                 return false;
             }
     }

@@ -11,7 +11,6 @@
 #include "adaptor_fixture.hpp"
 #include "background.hpp"
 #include "flow.hpp"
-#include "queues.hpp"
 #include "rig.hpp"
 #include "statistics_page.hpp"
 #include "stress_params.hpp"
@@ -63,16 +62,11 @@ std::string expect_counted(const char *name, uint64_t counted, uint64_t did, boo
 class TrafficStress : public adaptor_test::AdaptorFixture {
   protected:
     void SetUp() override {
-        // The virtual clock, moved by the test's own clock thread once the HCAs are open: opening
-        // an HCA reads jiffies plainly, as kernel code does, which must not meet a tick.
-        k::BootOptions options;
-        options.clock = k::ClockMode::Virtual;
-        k::boot(options);
-        st::boot();
-        hca::Options hca_options;
-        hca_options.device_count = 2;
-        hca_options.engine = hca::EngineKind::Threaded;
-        hca::boot(hca_options);
+        // Both devices on the threaded engine and the virtual clock, which the test's own clock
+        // thread moves once the HCAs are open: opening an HCA reads jiffies plainly, as kernel
+        // code does, which must not meet a tick.
+        AdaptorFixture::SetUp();
+        ASSERT_EQ(hca::EngineKind::Threaded, hca::engine_kind());
         // Nothing of the data path is formatted at trace level 0.
         set_debug_level(0);
         load_ok();
@@ -80,7 +74,8 @@ class TrafficStress : public adaptor_test::AdaptorFixture {
         ASSERT_NE(nullptr, rig.funcs);
         for (uintptr_t dev = 0; dev < 2; ++dev) {
             // The HCA's context names the device in the asynchronous events.
-            rig.hca[dev] = open_hca(dev == 0 ? "InfiniHost0" : "InfiniHost1", reinterpret_cast<void *>(dev + 1));
+            rig.hca[dev] =
+                open_hca(dev == 0 ? "InfiniHost0" : "InfiniHost1", reinterpret_cast<void *>(dev + 1));
             ASSERT_NE(nullptr, rig.hca[dev]);
         }
         std::vector<unsigned char> port(ulp_sizeof_port_attrib(), 0);
@@ -112,7 +107,9 @@ TEST_F(TrafficStress, CountersAddUpAndEveryByteArrivesOnce) {
     marlix::ulp_pair::Side probe;
     probe.funcs = rig.funcs;
     probe.hca = rig.hca[1];
-    ASSERT_EQ(0, make_cq(probe, 16, nullptr, rig.tally));
+    uint32_t probe_entries = 0;
+    ASSERT_EQ(0, ulp_cq_create(rig.funcs, probe.hca, 16, nullptr, nullptr, &probe.cq, &probe_entries));
+    rig.tally.cqs_created++;
 
     // Flows: every transport between every pair of devices, some posting receives as lists, the
     // loopback flows of InfiniHost0 (never cut by the cable) also arming their receive CQs.
@@ -127,8 +124,9 @@ TEST_F(TrafficStress, CountersAddUpAndEveryByteArrivesOnce) {
             spec.from = kRoutes[(spec.id / 3 + spec.id) % 4][0];
             spec.to = kRoutes[(spec.id / 3 + spec.id) % 4][1];
             spec.batch = spec.transport == Transport::Ud ? 16 : 8;
-            spec.max_length =
-                spec.transport == Transport::Rc ? 256u << 10 : spec.transport == Transport::Uc ? 64u << 10 : 2048;
+            spec.max_length = spec.transport == Transport::Rc   ? 256u << 10
+                              : spec.transport == Transport::Uc ? 64u << 10
+                                                                : 2048;
             spec.receive_lists = spec.id % 2 == 1;
             spec.arm = spec.from == 0 && spec.to == 0;
             flows[t].push_back(std::make_unique<Flow>(rig, spec));
@@ -163,7 +161,8 @@ TEST_F(TrafficStress, CountersAddUpAndEveryByteArrivesOnce) {
     for (;;) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         if (rig.failed()) break;
-        const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        const double elapsed =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         if (rig.tally.bytes_checked >= params.bytes && rig.tally.cable_pulls >= 2) break;
         if (elapsed >= params.seconds) {
             out_of_time = true;
@@ -176,15 +175,16 @@ TEST_F(TrafficStress, CountersAddUpAndEveryByteArrivesOnce) {
     clock.join();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     Tally &t = rig.tally;
-    std::printf("traffic stress: %llu bytes in %llu messages checked in %.1f s (%.1f MB/s); %llu datagrams lost, "
-                "%llu RC breaks (%llu messages unfinished), %llu cable pulls; %llu CQs and %llu QPs made and "
-                "destroyed beside; %llu statistics reads, %llu control writes\n",
-                (unsigned long long)t.bytes_checked, (unsigned long long)t.messages_checked, seconds,
-                double(t.bytes_checked) / seconds / 1e6, (unsigned long long)t.datagrams_lost,
-                (unsigned long long)t.rc_breaks, (unsigned long long)t.rc_unfinished,
-                (unsigned long long)t.cable_pulls, (unsigned long long)t.cqs_created.load(),
-                (unsigned long long)t.qps_created.load(), (unsigned long long)t.statistics_reads,
-                (unsigned long long)t.control_writes);
+    std::printf(
+        "traffic stress: %llu bytes in %llu messages checked in %.1f s (%.1f MB/s); %llu datagrams lost, "
+        "%llu RC breaks (%llu messages unfinished), %llu cable pulls; %llu CQs and %llu QPs made and "
+        "destroyed in all; %llu statistics reads, %llu control writes\n",
+        (unsigned long long)t.bytes_checked, (unsigned long long)t.messages_checked, seconds,
+        double(t.bytes_checked) / seconds / 1e6, (unsigned long long)t.datagrams_lost,
+        (unsigned long long)t.rc_breaks, (unsigned long long)t.rc_unfinished,
+        (unsigned long long)t.cable_pulls, (unsigned long long)t.cqs_created.load(),
+        (unsigned long long)t.qps_created.load(), (unsigned long long)t.statistics_reads,
+        (unsigned long long)t.control_writes);
     ASSERT_FALSE(rig.failed());
     if (params.bytes_required) {
         EXPECT_FALSE(out_of_time) << "only " << t.bytes_checked << " of " << params.bytes << " bytes in "
