@@ -60,21 +60,21 @@ struct Flow::Impl {
         : random(0x5eed0000ull + id), receive_wrs("ox_wr_t", batch), receive_sgs("ox_scatgat_t", batch) {}
 };
 
-Flow::Flow(Rig &rig, const FlowSpec &spec)
-    : rig_(rig), spec_(spec), impl_(std::make_unique<Impl>(spec.id, spec.batch)) {
+Flow::Flow(Rig &rig, const FlowPlan &plan)
+    : rig_(rig), plan_(plan), impl_(std::make_unique<Impl>(plan.id, plan.batch)) {
     Impl &m = *impl_;
-    const uint32_t extra = spec_.transport == Transport::Ud ? kGrhBytes : 0;
-    m.send_stride = spec_.max_length + kMaxPieces * kPieceGap;
-    m.receive_stride = spec_.max_length + extra;
-    m.send_area.assign(size_t(m.send_stride) * spec_.batch, 0xee);
-    m.receive_area.assign(size_t(m.receive_stride) * spec_.batch, 0);
-    m.scratch.assign(spec_.max_length, 0);
-    m.posted.assign(spec_.batch, false);
-    m.seen.assign(spec_.batch, false);
+    const uint32_t extra = plan_.transport == Transport::Ud ? kGrhBytes : 0;
+    m.send_stride = plan_.max_length + kMaxPieces * kPieceGap;
+    m.receive_stride = plan_.max_length + extra;
+    m.send_area.assign(size_t(m.send_stride) * plan_.batch, 0xee);
+    m.receive_area.assign(size_t(m.receive_stride) * plan_.batch, 0);
+    m.scratch.assign(plan_.max_length, 0);
+    m.posted.assign(plan_.batch, false);
+    m.seen.assign(plan_.batch, false);
     for (int side = 0; side < 2; ++side) {
         pair::Side &s = side == 0 ? m.tx : m.rx;
         s.funcs = rig_.funcs;
-        s.hca = rig_.hca[side == 0 ? spec_.from : spec_.to];
+        s.hca = rig_.hca[side == 0 ? plan_.from : plan_.to];
     }
 }
 
@@ -82,8 +82,8 @@ Flow::~Flow() = default;
 
 std::string Flow::name() const {
     std::ostringstream out;
-    out << "flow " << spec_.id << " (" << transport_name(spec_.transport) << ", InfiniHost" << spec_.from
-        << " -> InfiniHost" << spec_.to << ")";
+    out << "flow " << plan_.id << " (" << transport_name(plan_.transport) << ", InfiniHost" << plan_.from
+        << " -> InfiniHost" << plan_.to << ")";
     return out.str();
 }
 
@@ -118,24 +118,24 @@ bool Flow::open() {
     Impl &m = *impl_;
     Tally &t = rig_.tally;
     std::lock_guard lock(rig_.control);
-    const char *type = transport_name(spec_.transport);
-    const uint32_t entries = 2 * spec_.batch + 8;
+    const char *type = transport_name(plan_.transport);
+    const uint32_t entries = 2 * plan_.batch + 8;
     int rc;
     if ((rc = pair::prepare(m.tx)) != 0 || (rc = pair::prepare(m.rx)) != 0) {
         rig_.fail(name() + ": port and generic region query returned " + std::to_string(rc));
         return false;
     }
-    if ((rc = make_queues(m.tx, type, entries, spec_.batch, t)) != 0 ||
-        (rc = make_queues(m.rx, type, entries, spec_.batch, t)) != 0) {
+    if ((rc = make_queues(m.tx, type, entries, plan_.batch, t)) != 0 ||
+        (rc = make_queues(m.rx, type, entries, plan_.batch, t)) != 0) {
         rig_.fail(name() + ": CQ or QP create returned " + std::to_string(rc));
         return false;
     }
-    if (spec_.arm && (rc = ulp_cq_modify_attrib(rig_.funcs, m.rx.hca, m.rx.cq, &t.cq_callbacks,
+    if (plan_.arm && (rc = ulp_cq_modify_attrib(rig_.funcs, m.rx.hca, m.rx.cq, &t.cq_callbacks,
                                                 &count_completion_event)) != 0) {
         rig_.fail(name() + ": CQ modify returned " + std::to_string(rc));
         return false;
     }
-    if (spec_.transport == Transport::Ud) {
+    if (plan_.transport == Transport::Ud) {
         if ((rc = pair::connect_one(m.tx, m.rx, "ud")) != 0 ||
             (rc = pair::connect_one(m.rx, m.tx, "ud")) != 0) {
             rig_.fail(name() + ": UD QP modify returned " + std::to_string(rc));
@@ -148,13 +148,13 @@ bool Flow::open() {
         m.have_ah = true;
         t.ahs_created++;
     } else {
-        const bool is_rc = spec_.transport == Transport::Rc;
+        const bool is_rc = plan_.transport == Transport::Rc;
         if ((rc = connect_to(m.tx, m.rx, is_rc)) != 0 || (rc = connect_to(m.rx, m.tx, is_rc)) != 0) {
             rig_.fail(name() + ": QP modify returned " + std::to_string(rc));
             return false;
         }
     }
-    m.posted.assign(spec_.batch, false);
+    m.posted.assign(plan_.batch, false);
     m.rc_expected = m.uc_last = m.next_seq;
     return true;
 }
@@ -208,9 +208,9 @@ void Flow::run_batch() {
 
     // Receive buffers first: a UC or UD message without one is dropped, an RC one waits.
     std::vector<uint32_t> free_slots;
-    for (uint32_t i = 0; i < spec_.batch; ++i)
+    for (uint32_t i = 0; i < plan_.batch; ++i)
         if (!m.posted[i]) free_slots.push_back(i);
-    if (spec_.receive_lists && !free_slots.empty()) {
+    if (plan_.receive_lists && !free_slots.empty()) {
         for (size_t k = 0; k < free_slots.size(); ++k) {
             const uint32_t slot = free_slots[k];
             m.receive_sgs[k]
@@ -238,7 +238,7 @@ void Flow::run_batch() {
         }
     }
     for (uint32_t slot : free_slots) m.posted[slot] = true;
-    if (spec_.arm) {
+    if (plan_.arm) {
         const int rc = ulp_request_notification(rig_.funcs, m.rx.hca, m.rx.cq, 0);
         if (rc != 0) return rig_.fail(name() + ": CQ arming returned " + std::to_string(rc));
         t.arms++;
@@ -247,21 +247,21 @@ void Flow::run_batch() {
     // The sends: RC and UC gather each message from up to four pieces.
     BatchState b;
     b.first_seq = m.next_seq;
-    m.seen.assign(spec_.batch, false);
-    const int optype = ulp_operation_type(transport_name(spec_.transport));
-    for (uint32_t i = 0; i < spec_.batch; ++i) {
+    m.seen.assign(plan_.batch, false);
+    const int optype = ulp_operation_type(transport_name(plan_.transport));
+    for (uint32_t i = 0; i < plan_.batch; ++i) {
         const uint64_t seq = m.next_seq++;
         uint32_t length;
         if (m.random() & 1)
             length = uint32_t(kHeaderBytes +
-                              m.random() % (std::min<uint32_t>(spec_.max_length, 2048) - kHeaderBytes + 1));
+                              m.random() % (std::min<uint32_t>(plan_.max_length, 2048) - kHeaderBytes + 1));
         else
-            length = uint32_t(kHeaderBytes + m.random() % (spec_.max_length - kHeaderBytes + 1));
+            length = uint32_t(kHeaderBytes + m.random() % (plan_.max_length - kHeaderBytes + 1));
         uint8_t *slot = &m.send_area[size_t(i) * m.send_stride];
         int rc;
         uint32_t pieces = 1;
-        if (spec_.transport == Transport::Ud) {
-            fill_message(slot, spec_.id, seq, length);
+        if (plan_.transport == Transport::Ud) {
+            fill_message(slot, plan_.id, seq, length);
             ulp_send_target target{};
             target.ah = m.ah;
             target.remote_qpn = m.rx.qpn;
@@ -269,7 +269,7 @@ void Flow::run_batch() {
             rc = ulp_post_send_simple(rig_.funcs, m.tx.hca, m.tx.qp, optype, ulp_op_send, seq, slot, length,
                                       m.tx.l_key, &target);
         } else {
-            fill_message(m.scratch.data(), spec_.id, seq, length);
+            fill_message(m.scratch.data(), plan_.id, seq, length);
             pieces = 1 + uint32_t(m.random() % kMaxPieces);
             if (pieces > length) pieces = 1;
             uint32_t offset = 0, place = 0;
@@ -323,7 +323,7 @@ void Flow::run_batch() {
 
     auto on_receive = [&](const ulp_completion &c) {
         if (c.operation_type != codes.send_rq || c.completion_status != codes.success ||
-            c.wr_id >= spec_.batch || !m.posted[c.wr_id]) {
+            c.wr_id >= plan_.batch || !m.posted[c.wr_id]) {
             std::ostringstream why;
             why << name() << ": unexpected receive completion: wr_id " << c.wr_id << ", "
                 << ulp_wc_operation_name(c.operation_type) << ", "
@@ -331,11 +331,11 @@ void Flow::run_batch() {
             return rig_.fail(why.str());
         }
         m.posted[c.wr_id] = false;
-        const uint32_t extra = spec_.transport == Transport::Ud ? kGrhBytes : 0;
+        const uint32_t extra = plan_.transport == Transport::Ud ? kGrhBytes : 0;
         if (c.num_bytes_transfered < extra) return rig_.fail(name() + ": datagram shorter than the GRH area");
         const uint8_t *data = &m.receive_area[size_t(c.wr_id) * m.receive_stride] + extra;
         MessageHeader h{};
-        const std::string bad = check_message(data, c.num_bytes_transfered - extra, spec_.id, &h);
+        const std::string bad = check_message(data, c.num_bytes_transfered - extra, plan_.id, &h);
         if (!bad.empty()) return rig_.fail(name() + ": " + bad);
         std::ostringstream why;
         if (h.seq < b.first_seq || h.seq >= m.next_seq) {
@@ -348,11 +348,11 @@ void Flow::run_batch() {
             why << name() << ": message " << h.seq << " arrived twice";
             return rig_.fail(why.str());
         }
-        if (spec_.transport == Transport::Rc && h.seq != m.rc_expected) {
+        if (plan_.transport == Transport::Rc && h.seq != m.rc_expected) {
             why << name() << ": message " << h.seq << " arrived where " << m.rc_expected << " was due";
             return rig_.fail(why.str());
         }
-        if (spec_.transport == Transport::Uc && h.seq < m.uc_last) {
+        if (plan_.transport == Transport::Uc && h.seq < m.uc_last) {
             why << name() << ": message " << h.seq << " arrived after " << m.uc_last - 1;
             return rig_.fail(why.str());
         }
@@ -386,20 +386,20 @@ void Flow::run_batch() {
     // Every send completes, successfully or not; the receiver is polled meanwhile.
     const auto start = Clock::now();
     ulp_completion c{};
-    while (b.sends_done < spec_.batch && !rig_.failed()) {
+    while (b.sends_done < plan_.batch && !rig_.failed()) {
         bool any = false;
-        while (b.sends_done < spec_.batch && poll(m.tx, c)) {
+        while (b.sends_done < plan_.batch && poll(m.tx, c)) {
             on_send(c);
             any = true;
         }
-        while (b.received < spec_.batch && poll(m.rx, c)) {
+        while (b.received < plan_.batch && poll(m.rx, c)) {
             on_receive(c);
             any = true;
         }
         if (any) continue;
         if (Clock::now() - start > kStuck) {
             std::ostringstream why;
-            why << name() << ": " << spec_.batch - b.sends_done << " of " << spec_.batch
+            why << name() << ": " << plan_.batch - b.sends_done << " of " << plan_.batch
                 << " sends still incomplete after " << kStuck.count() << " s";
             return rig_.fail(why.str());
         }
@@ -416,7 +416,7 @@ void Flow::run_batch() {
     // after the last send completed were lost with the cable.
     const Clock::duration limit = !broke && !met_pull ? Clock::duration(kStuck) : Clock::duration(kPullGrace);
     const auto settle_start = Clock::now();
-    while (b.received < spec_.batch && !rig_.failed()) {
+    while (b.received < plan_.batch && !rig_.failed()) {
         if (poll(m.rx, c)) {
             on_receive(c);
             continue;
@@ -427,11 +427,11 @@ void Flow::run_batch() {
     if (rig_.failed()) return;
     batches_++;
 
-    const uint32_t missing = spec_.batch - b.received;
+    const uint32_t missing = plan_.batch - b.received;
     std::ostringstream why;
     if (broke) {
         // Only RC gives up on a send, and only when nothing answered: the cable was out.
-        if (spec_.transport != Transport::Rc || !met_pull || b.first_error != codes.retry_exc ||
+        if (plan_.transport != Transport::Rc || !met_pull || b.first_error != codes.retry_exc ||
             b.bad_error_order) {
             why << name() << ": send " << b.first_seq + b.error_index << " completed with "
                 << ulp_comp_status_name(b.first_error) << (met_pull ? "" : " without a cable pull")
@@ -449,8 +449,8 @@ void Flow::run_batch() {
         return;
     }
     if (missing == 0) return;
-    if (spec_.transport == Transport::Rc || !met_pull) {
-        why << name() << ": " << missing << " of " << spec_.batch << " messages from " << b.first_seq
+    if (plan_.transport == Transport::Rc || !met_pull) {
+        why << name() << ": " << missing << " of " << plan_.batch << " messages from " << b.first_seq
             << " never arrived" << (met_pull ? "" : " and the cable was in");
         return rig_.fail(why.str());
     }
@@ -460,7 +460,7 @@ void Flow::run_batch() {
 void Flow::reconnect() {
     const auto start = Clock::now();
     for (;;) {
-        while (!(rig_.port_active(spec_.from) && rig_.port_active(spec_.to))) {
+        while (!(rig_.port_active(plan_.from) && rig_.port_active(plan_.to))) {
             if (rig_.failed()) return;
             if (Clock::now() - start > kStuck) return rig_.fail(name() + ": the port never came back");
             std::this_thread::sleep_for(std::chrono::milliseconds(2));

@@ -22,7 +22,7 @@ namespace stress {
 enum class Transport { Rc, Uc, Ud };
 const char *transport_name(Transport t);
 
-struct FlowSpec {
+struct FlowPlan {
     uint32_t id = 0;
     Transport transport = Transport::Rc;
     int from = 0, to = 1;         // devices of the sending and the receiving QP
@@ -34,7 +34,7 @@ struct FlowSpec {
 
 class Flow {
   public:
-    Flow(Rig &rig, const FlowSpec &spec);
+    Flow(Rig &rig, const FlowPlan &plan);
     ~Flow();
     Flow(const Flow &) = delete;
     Flow &operator=(const Flow &) = delete;
@@ -47,9 +47,9 @@ class Flow {
     // One batch; failures are reported to the rig.
     void run_batch();
 
-    const FlowSpec &spec() const { return spec_; }
+    const FlowPlan &plan() const { return plan_; }
     uint64_t batches() const { return batches_; }
-    bool crosses_cable() const { return spec_.from == 1 || spec_.to == 1; }
+    bool crosses_cable() const { return plan_.from == 1 || plan_.to == 1; }
     std::string name() const;
 
   private:
@@ -58,7 +58,7 @@ class Flow {
 
     struct Impl;
     Rig &rig_;
-    FlowSpec spec_;
+    FlowPlan plan_;
     uint64_t batches_ = 0;
     std::unique_ptr<Impl> impl_;
 };

@@ -118,18 +118,18 @@ TEST_F(TrafficStress, CountersAddUpAndEveryByteArrivesOnce) {
     std::vector<std::vector<std::unique_ptr<Flow>>> flows(params.threads);
     for (int t = 0; t < params.threads; ++t)
         for (int f = 0; f < params.flows_per_thread; ++f) {
-            FlowSpec spec;
-            spec.id = uint32_t(t * params.flows_per_thread + f);
-            spec.transport = kTransports[spec.id % 3];
-            spec.from = kRoutes[(spec.id / 3 + spec.id) % 4][0];
-            spec.to = kRoutes[(spec.id / 3 + spec.id) % 4][1];
-            spec.batch = spec.transport == Transport::Ud ? 16 : 8;
-            spec.max_length = spec.transport == Transport::Rc   ? 256u << 10
-                              : spec.transport == Transport::Uc ? 64u << 10
+            FlowPlan plan;
+            plan.id = uint32_t(t * params.flows_per_thread + f);
+            plan.transport = kTransports[plan.id % 3];
+            plan.from = kRoutes[(plan.id / 3 + plan.id) % 4][0];
+            plan.to = kRoutes[(plan.id / 3 + plan.id) % 4][1];
+            plan.batch = plan.transport == Transport::Ud ? 16 : 8;
+            plan.max_length = plan.transport == Transport::Rc   ? 256u << 10
+                              : plan.transport == Transport::Uc ? 64u << 10
                                                                 : 2048;
-            spec.receive_lists = spec.id % 2 == 1;
-            spec.arm = spec.from == 0 && spec.to == 0;
-            flows[t].push_back(std::make_unique<Flow>(rig, spec));
+            plan.receive_lists = plan.id % 2 == 1;
+            plan.arm = plan.from == 0 && plan.to == 0;
+            flows[t].push_back(std::make_unique<Flow>(rig, plan));
             ASSERT_TRUE(flows[t].back()->open()) << flows[t].back()->name();
         }
 
