@@ -299,8 +299,12 @@ void Flow::run_batch() {
     }
 
     // Polls one CQ once, keeping the tally the module's counters are checked against.
+    const bool may_fail = plan_.transport == Transport::Rc && crosses_cable();
     auto poll = [&](pair::Side &s, ulp_completion &c) -> bool {
+        std::unique_lock lock(rig_.error_polls, std::defer_lock);
+        if (may_fail) lock.lock();
         const int rc = ulp_poll_simple(rig_.funcs, s.hca, s.cq, &c, nullptr, 0);
+        if (may_fail) lock.unlock();
         t.polls++;
         if (rc == codes.cq_empty) {
             t.polls_empty++;

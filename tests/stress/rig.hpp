@@ -48,6 +48,10 @@ struct Rig {
     // the adaptor lock, so an upper layer serialises its control path; the statistics page and
     // the control commands that walk the CQ list take the same lock here (see docs/reliability.md).
     std::mutex control;
+    // Polling keeps a running total of the error completions it logs in a static without a lock
+    // (kept as built). Only RC flows that cross the cable see error completions; they poll under
+    // this lock, so no two threads poll an error at once.
+    std::mutex error_polls;
 
     Cable cable;
     Tally tally;

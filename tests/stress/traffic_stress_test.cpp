@@ -121,8 +121,8 @@ TEST_F(TrafficStress, CountersAddUpAndEveryByteArrivesOnce) {
             FlowPlan plan;
             plan.id = uint32_t(t * params.flows_per_thread + f);
             plan.transport = kTransports[plan.id % 3];
-            plan.from = kRoutes[(plan.id / 3 + plan.id) % 4][0];
-            plan.to = kRoutes[(plan.id / 3 + plan.id) % 4][1];
+            plan.from = kRoutes[(plan.id / 3) % 4][0];
+            plan.to = kRoutes[(plan.id / 3) % 4][1];
             plan.batch = plan.transport == Transport::Ud ? 16 : 8;
             plan.max_length = plan.transport == Transport::Rc   ? 256u << 10
                               : plan.transport == Transport::Uc ? 64u << 10
