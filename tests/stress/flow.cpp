@@ -25,8 +25,7 @@ namespace {
 
 // UD receive buffers start with room for the GRH; the byte count includes it.
 constexpr uint32_t kGrhBytes = 40;
-// Gather pieces of one send sit this far apart, the gaps poisoned, so a piece read from the wrong
-// place shows.
+// Gather pieces of one send sit this far apart, so a piece read from the wrong place shows.
 constexpr uint32_t kPieceGap = 64;
 constexpr uint32_t kMaxPieces = 4;
 // How long a batch may take before the flow is called stuck, and how long the receiver is given,
@@ -51,6 +50,7 @@ struct Flow::Impl {
     DpRecords wr{"ox_wr_t"}, sg{"ox_scatgat_t", kMaxPieces};
     DpRecords receive_wrs, receive_sgs;
 
+    long long wr_send = adaptor_test::dp_const("ox_wr_send");
     uint64_t next_seq = 0;     // the next message to send
     uint64_t rc_expected = 0;  // RC: the next message the receiver must see
     uint64_t uc_last = 0;      // UC: the last message seen, plus one
@@ -187,10 +187,8 @@ void Flow::close() {
     }
 }
 
-namespace {
-
 // What one batch saw.
-struct BatchState {
+struct Flow::Batch {
     uint64_t first_seq = 0;
     uint32_t sends_done = 0, sends_ok = 0, received = 0;
     int first_error = -1;      // status of the first failed send
@@ -198,15 +196,65 @@ struct BatchState {
     bool bad_error_order = false;
 };
 
-}  // namespace
-
 void Flow::run_batch() {
     Impl &m = *impl_;
-    Tally &t = rig_.tally;
-    const CompletionCodes &codes = completion_codes();
     const uint64_t generation_before = rig_.cable.generation.load();
+    if (!post_receives()) return;
+    Batch b;
+    b.first_seq = m.next_seq;
+    m.seen.assign(plan_.batch, false);
+    if (!post_sends()) return;
 
-    // Receive buffers first: a UC or UD message without one is dropped, an RC one waits.
+    // Every send completes, successfully or not; the receiver is polled meanwhile.
+    const auto start = Clock::now();
+    ulp_completion c{};
+    while (b.sends_done < plan_.batch && !rig_.failed()) {
+        bool any = false;
+        while (b.sends_done < plan_.batch && poll(m.tx, c)) {
+            on_send(b, c);
+            any = true;
+        }
+        while (b.received < plan_.batch && poll(m.rx, c)) {
+            on_receive(b, c);
+            any = true;
+        }
+        if (any) continue;
+        if (Clock::now() - start > kStuck) {
+            std::ostringstream why;
+            why << name() << ": " << plan_.batch - b.sends_done << " of " << plan_.batch
+                << " sends still incomplete after " << kStuck.count() << " s";
+            return rig_.fail(why.str());
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    if (rig_.failed()) return;
+
+    // A batch met the cable when it was out at either end of the batch or was pulled during it.
+    const uint64_t generation_after = rig_.cable.generation.load();
+    const bool met_pull =
+        crosses_cable() && (generation_before != generation_after || (generation_before & 1));
+    // Without a break or a pull every message is due; otherwise those still missing a moment
+    // after the last send completed were lost with the cable.
+    const bool broke = b.first_error >= 0;
+    const Clock::duration limit = !broke && !met_pull ? Clock::duration(kStuck) : Clock::duration(kPullGrace);
+    const auto settle_start = Clock::now();
+    while (b.received < plan_.batch && !rig_.failed()) {
+        if (poll(m.rx, c)) {
+            on_receive(b, c);
+            continue;
+        }
+        if (Clock::now() - settle_start > limit) break;
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    if (rig_.failed()) return;
+    batches_++;
+    account(b, met_pull);
+}
+
+bool Flow::post_receives() {
+    // Receive buffers go first: a UC or UD message without one is dropped, an RC one waits.
+    Impl &m = *impl_;
+    Tally &t = rig_.tally;
     std::vector<uint32_t> free_slots;
     for (uint32_t i = 0; i < plan_.batch; ++i)
         if (!m.posted[i]) free_slots.push_back(i);
@@ -226,37 +274,46 @@ void Flow::run_batch() {
         }
         const int rc = ulp_post_receive_list(rig_.funcs, m.rx.hca, m.rx.qp, uint32_t(free_slots.size()),
                                              m.receive_wrs.data());
-        if (rc != 0) return rig_.fail(name() + ": receive list post returned " + std::to_string(rc));
+        if (rc != 0) {
+            rig_.fail(name() + ": receive list post returned " + std::to_string(rc));
+            return false;
+        }
         t.receive_list_requests += free_slots.size();
     } else {
         for (uint32_t slot : free_slots) {
             const int rc = ulp_post_receive_simple(rig_.funcs, m.rx.hca, m.rx.qp, slot,
                                                    &m.receive_area[size_t(slot) * m.receive_stride],
                                                    m.receive_stride, m.rx.l_key);
-            if (rc != 0) return rig_.fail(name() + ": receive post returned " + std::to_string(rc));
+            if (rc != 0) {
+                rig_.fail(name() + ": receive post returned " + std::to_string(rc));
+                return false;
+            }
             t.receive_posts++;
         }
     }
     for (uint32_t slot : free_slots) m.posted[slot] = true;
     if (plan_.arm) {
         const int rc = ulp_request_notification(rig_.funcs, m.rx.hca, m.rx.cq, 0);
-        if (rc != 0) return rig_.fail(name() + ": CQ arming returned " + std::to_string(rc));
+        if (rc != 0) {
+            rig_.fail(name() + ": CQ arming returned " + std::to_string(rc));
+            return false;
+        }
         t.arms++;
     }
+    return true;
+}
 
-    // The sends: RC and UC gather each message from up to four pieces.
-    BatchState b;
-    b.first_seq = m.next_seq;
-    m.seen.assign(plan_.batch, false);
+bool Flow::post_sends() {
+    // RC and UC gather each message from up to four pieces; UD sends one piece to the address
+    // handle.
+    Impl &m = *impl_;
+    Tally &t = rig_.tally;
     const int optype = ulp_operation_type(transport_name(plan_.transport));
+    const uint32_t small = std::min<uint32_t>(plan_.max_length, 2048);
     for (uint32_t i = 0; i < plan_.batch; ++i) {
         const uint64_t seq = m.next_seq++;
-        uint32_t length;
-        if (m.random() & 1)
-            length = uint32_t(kHeaderBytes +
-                              m.random() % (std::min<uint32_t>(plan_.max_length, 2048) - kHeaderBytes + 1));
-        else
-            length = uint32_t(kHeaderBytes + m.random() % (plan_.max_length - kHeaderBytes + 1));
+        const uint32_t most = m.random() & 1 ? small : plan_.max_length;
+        const uint32_t length = uint32_t(kHeaderBytes + m.random() % (most - kHeaderBytes + 1));
         uint8_t *slot = &m.send_area[size_t(i) * m.send_stride];
         int rc;
         uint32_t pieces = 1;
@@ -286,154 +343,121 @@ void Flow::run_batch() {
             m.wr[0]
                 .set("wr_id", (long long)seq)
                 .set("completion_notification", 1)
-                .set("wr_type", adaptor_test::dp_const("ox_wr_send"))
+                .set("wr_type", m.wr_send)
                 .set("num_of_data_segments", pieces)
                 .set("scatgat_list", reinterpret_cast<long long>(m.sg.data()));
             rc = ulp_post_send(rig_.funcs, m.tx.hca, m.tx.qp, m.wr.data(), optype);
         }
-        if (rc != 0) return rig_.fail(name() + ": send post returned " + std::to_string(rc));
+        if (rc != 0) {
+            rig_.fail(name() + ": send post returned " + std::to_string(rc));
+            return false;
+        }
         t.send_posts++;
         t.send_segments += pieces;
         t.tx_bytes += length;
         t.messages_sent++;
     }
+    return true;
+}
 
-    // Polls one CQ once, keeping the tally the module's counters are checked against.
+bool Flow::poll(pair::Side &s, ulp_completion &c) {
+    // Polls once, keeping the tally the module's counters are checked against.
+    const CompletionCodes &codes = completion_codes();
+    Tally &t = rig_.tally;
     const bool may_fail = plan_.transport == Transport::Rc && crosses_cable();
-    auto poll = [&](pair::Side &s, ulp_completion &c) -> bool {
-        std::unique_lock lock(rig_.error_polls, std::defer_lock);
-        if (may_fail) lock.lock();
-        const int rc = ulp_poll_simple(rig_.funcs, s.hca, s.cq, &c, nullptr, 0);
-        if (may_fail) lock.unlock();
-        t.polls++;
-        if (rc == codes.cq_empty) {
-            t.polls_empty++;
-            return false;
-        }
-        if (rc != 0) {
-            rig_.fail(name() + ": poll returned " + std::to_string(rc));
-            return false;
-        }
-        if (c.operation_type == codes.send_rq || c.operation_type == codes.rdma_read_sq)
-            t.rx_bytes += c.num_bytes_transfered;
-        if (c.completion_status != codes.success) {
-            if (c.operation_type == codes.send_rq)
-                t.receive_error_completions++;
-            else
-                t.send_error_completions++;
-        }
-        return true;
-    };
+    std::unique_lock lock(rig_.error_polls, std::defer_lock);
+    if (may_fail) lock.lock();
+    const int rc = ulp_poll_simple(rig_.funcs, s.hca, s.cq, &c, nullptr, 0);
+    if (may_fail) lock.unlock();
+    t.polls++;
+    if (rc == codes.cq_empty) {
+        t.polls_empty++;
+        return false;
+    }
+    if (rc != 0) {
+        rig_.fail(name() + ": poll returned " + std::to_string(rc));
+        return false;
+    }
+    if (c.operation_type == codes.send_rq || c.operation_type == codes.rdma_read_sq)
+        t.rx_bytes += c.num_bytes_transfered;
+    if (c.completion_status != codes.success) {
+        if (c.operation_type == codes.send_rq)
+            t.receive_error_completions++;
+        else
+            t.send_error_completions++;
+    }
+    return true;
+}
 
-    auto on_receive = [&](const ulp_completion &c) {
-        if (c.operation_type != codes.send_rq || c.completion_status != codes.success ||
-            c.wr_id >= plan_.batch || !m.posted[c.wr_id]) {
-            std::ostringstream why;
-            why << name() << ": unexpected receive completion: wr_id " << c.wr_id << ", "
-                << ulp_wc_operation_name(c.operation_type) << ", "
-                << ulp_comp_status_name(c.completion_status);
-            return rig_.fail(why.str());
-        }
-        m.posted[c.wr_id] = false;
-        const uint32_t extra = plan_.transport == Transport::Ud ? kGrhBytes : 0;
-        if (c.num_bytes_transfered < extra) return rig_.fail(name() + ": datagram shorter than the GRH area");
-        const uint8_t *data = &m.receive_area[size_t(c.wr_id) * m.receive_stride] + extra;
-        MessageHeader h{};
-        const std::string bad = check_message(data, c.num_bytes_transfered - extra, plan_.id, &h);
-        if (!bad.empty()) return rig_.fail(name() + ": " + bad);
+void Flow::on_receive(Batch &b, const ulp_completion &c) {
+    Impl &m = *impl_;
+    const CompletionCodes &codes = completion_codes();
+    std::ostringstream why;
+    if (c.operation_type != codes.send_rq || c.completion_status != codes.success || c.wr_id >= plan_.batch ||
+        !m.posted[c.wr_id]) {
+        why << name() << ": unexpected receive completion: wr_id " << c.wr_id << ", "
+            << ulp_wc_operation_name(c.operation_type) << ", " << ulp_comp_status_name(c.completion_status);
+        return rig_.fail(why.str());
+    }
+    m.posted[c.wr_id] = false;
+    const uint32_t extra = plan_.transport == Transport::Ud ? kGrhBytes : 0;
+    if (c.num_bytes_transfered < extra) return rig_.fail(name() + ": datagram shorter than the GRH area");
+    const uint8_t *data = &m.receive_area[size_t(c.wr_id) * m.receive_stride] + extra;
+    MessageHeader h{};
+    const std::string bad = check_message(data, c.num_bytes_transfered - extra, plan_.id, &h);
+    if (!bad.empty()) return rig_.fail(name() + ": " + bad);
+    if (h.seq < b.first_seq || h.seq >= m.next_seq) {
+        why << name() << ": message " << h.seq << " arrived outside its batch [" << b.first_seq << ", "
+            << m.next_seq << ")";
+        return rig_.fail(why.str());
+    }
+    const uint64_t index = h.seq - b.first_seq;
+    if (m.seen[index]) {
+        why << name() << ": message " << h.seq << " arrived twice";
+        return rig_.fail(why.str());
+    }
+    if (plan_.transport == Transport::Rc && h.seq != m.rc_expected) {
+        why << name() << ": message " << h.seq << " arrived where " << m.rc_expected << " was due";
+        return rig_.fail(why.str());
+    }
+    if (plan_.transport == Transport::Uc && h.seq < m.uc_last) {
+        why << name() << ": message " << h.seq << " arrived after " << m.uc_last - 1;
+        return rig_.fail(why.str());
+    }
+    m.seen[index] = true;
+    m.rc_expected = m.uc_last = h.seq + 1;
+    b.received++;
+    rig_.tally.messages_checked++;
+    rig_.tally.bytes_checked += h.length;
+}
+
+void Flow::on_send(Batch &b, const ulp_completion &c) {
+    const CompletionCodes &codes = completion_codes();
+    const uint64_t expect = b.first_seq + b.sends_done;
+    if (c.wr_id != expect || c.operation_type != codes.send_sq) {
         std::ostringstream why;
-        if (h.seq < b.first_seq || h.seq >= m.next_seq) {
-            why << name() << ": message " << h.seq << " arrived outside its batch [" << b.first_seq << ", "
-                << m.next_seq << ")";
-            return rig_.fail(why.str());
-        }
-        const uint64_t index = h.seq - b.first_seq;
-        if (m.seen[index]) {
-            why << name() << ": message " << h.seq << " arrived twice";
-            return rig_.fail(why.str());
-        }
-        if (plan_.transport == Transport::Rc && h.seq != m.rc_expected) {
-            why << name() << ": message " << h.seq << " arrived where " << m.rc_expected << " was due";
-            return rig_.fail(why.str());
-        }
-        if (plan_.transport == Transport::Uc && h.seq < m.uc_last) {
-            why << name() << ": message " << h.seq << " arrived after " << m.uc_last - 1;
-            return rig_.fail(why.str());
-        }
-        m.seen[index] = true;
-        m.rc_expected = m.uc_last = h.seq + 1;
-        b.received++;
-        t.messages_checked++;
-        t.bytes_checked += h.length;
-    };
-
-    auto on_send = [&](const ulp_completion &c) {
-        const uint64_t expect = b.first_seq + b.sends_done;
-        if (c.wr_id != expect || c.operation_type != codes.send_sq) {
-            std::ostringstream why;
-            why << name() << ": send completion " << c.wr_id << " ("
-                << ulp_wc_operation_name(c.operation_type) << ") where " << expect << " was due";
-            return rig_.fail(why.str());
-        }
-        if (c.completion_status == codes.success) {
-            if (b.first_error >= 0) b.bad_error_order = true;
-            b.sends_ok++;
-        } else if (b.first_error < 0) {
-            b.first_error = c.completion_status;
-            b.error_index = b.sends_done;
-        } else if (c.completion_status != codes.flush) {
-            b.bad_error_order = true;
-        }
-        b.sends_done++;
-    };
-
-    // Every send completes, successfully or not; the receiver is polled meanwhile.
-    const auto start = Clock::now();
-    ulp_completion c{};
-    while (b.sends_done < plan_.batch && !rig_.failed()) {
-        bool any = false;
-        while (b.sends_done < plan_.batch && poll(m.tx, c)) {
-            on_send(c);
-            any = true;
-        }
-        while (b.received < plan_.batch && poll(m.rx, c)) {
-            on_receive(c);
-            any = true;
-        }
-        if (any) continue;
-        if (Clock::now() - start > kStuck) {
-            std::ostringstream why;
-            why << name() << ": " << plan_.batch - b.sends_done << " of " << plan_.batch
-                << " sends still incomplete after " << kStuck.count() << " s";
-            return rig_.fail(why.str());
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
+        why << name() << ": send completion " << c.wr_id << " (" << ulp_wc_operation_name(c.operation_type)
+            << ") where " << expect << " was due";
+        return rig_.fail(why.str());
     }
-    if (rig_.failed()) return;
-
-    // A batch met the cable when it was out at either end of the batch or was pulled during it.
-    const uint64_t generation_after = rig_.cable.generation.load();
-    const bool met_pull =
-        crosses_cable() && (generation_before != generation_after || (generation_before & 1));
-    const bool broke = b.first_error >= 0;
-    // Without a break or a pull every message is due; otherwise those still missing a moment
-    // after the last send completed were lost with the cable.
-    const Clock::duration limit = !broke && !met_pull ? Clock::duration(kStuck) : Clock::duration(kPullGrace);
-    const auto settle_start = Clock::now();
-    while (b.received < plan_.batch && !rig_.failed()) {
-        if (poll(m.rx, c)) {
-            on_receive(c);
-            continue;
-        }
-        if (Clock::now() - settle_start > limit) break;
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    if (c.completion_status == codes.success) {
+        if (b.first_error >= 0) b.bad_error_order = true;
+        b.sends_ok++;
+    } else if (b.first_error < 0) {
+        b.first_error = c.completion_status;
+        b.error_index = b.sends_done;
+    } else if (c.completion_status != codes.flush) {
+        b.bad_error_order = true;
     }
-    if (rig_.failed()) return;
-    batches_++;
+    b.sends_done++;
+}
 
+void Flow::account(const Batch &b, bool met_pull) {
+    const CompletionCodes &codes = completion_codes();
+    Tally &t = rig_.tally;
     const uint32_t missing = plan_.batch - b.received;
     std::ostringstream why;
-    if (broke) {
+    if (b.first_error >= 0) {
         // Only RC gives up on a send, and only when nothing answered: the cable was out.
         if (plan_.transport != Transport::Rc || !met_pull || b.first_error != codes.retry_exc ||
             b.bad_error_order) {
@@ -449,8 +473,7 @@ void Flow::run_batch() {
         }
         t.rc_breaks++;
         t.rc_unfinished += missing;
-        reconnect();
-        return;
+        return reconnect();
     }
     if (missing == 0) return;
     if (plan_.transport == Transport::Rc || !met_pull) {

@@ -53,6 +53,15 @@ class Flow {
     std::string name() const;
 
   private:
+    struct Batch;
+    bool post_receives();
+    bool post_sends();
+    // Polls `s`'s CQ once; false when it is empty (or the poll failed, reported).
+    bool poll(marlix::ulp_pair::Side &s, ulp_completion &c);
+    void on_send(Batch &b, const ulp_completion &c);
+    void on_receive(Batch &b, const ulp_completion &c);
+    // Judges a finished batch: losses, breaks, and what the cable excuses.
+    void account(const Batch &b, bool met_pull);
     // After a break: waits for both ports, then makes the flow's CQs and QPs anew.
     void reconnect();
 
