@@ -93,6 +93,86 @@ class TrafficStress : public adaptor_test::AdaptorFixture {
         AdaptorFixture::TearDown();
     }
 
+    // Counters only one context updates, or that are updated under a lock or atomically, add up
+    // exactly. `acc_sg0`: the gather count before the run.
+    void expect_exact_counters(long long acc_sg0) {
+        RecordView g = stats();
+        Tally &t = rig.tally;
+        const uint64_t live_cqs = t.cqs_created - t.cqs_destroyed, live_qps = t.qps_created - t.qps_destroyed;
+        EXPECT_EQ(0, g["error_num"]);
+        EXPECT_EQ(0, g["VAPI_error_num"]);
+        EXPECT_EQ(0, g["mem_alloc_error_num"]);
+        EXPECT_EQ(2, g["opend_device_num"]);
+        EXPECT_EQ(live_cqs, uint64_t(g["cq_num"]));
+        EXPECT_EQ(live_qps, uint64_t(g["qp_num"]));
+        EXPECT_EQ(t.ahs_created - t.ahs_destroyed, uint64_t(g["ah_num"]));
+        EXPECT_EQ(live_cqs, uint64_t(alloc_num("mem_cq_ix")));
+        EXPECT_EQ(live_qps, uint64_t(alloc_num("mem_qp_ix")));
+        // Gather entries are counted atomically, receive posts under the adaptor lock.
+        EXPECT_EQ(t.send_segments, uint64_t(g["acc_sg"] - acc_sg0));
+        EXPECT_EQ(t.receive_posts, uint64_t(g["post_r_num"]));
+        EXPECT_EQ(t.receive_list_requests, uint64_t(g["post_r_list_num"]));
+        // Events are counted on the interrupt thread alone.
+        EXPECT_EQ(t.cq_callbacks, uint64_t(g["com_event_num"]));
+        EXPECT_EQ(t.async_callbacks, uint64_t(g["async_event_num"]));
+        EXPECT_EQ(2, g["registered_async_event_cb_num"]);
+        // Each pull takes InfiniHost1's port down and back up; InfiniHost0's port never moves.
+        EXPECT_EQ(2 * t.cable_pulls, t.port_events[1]);
+        EXPECT_EQ(0u, t.port_events[0]);
+    }
+
+    // Counters that several traffic threads update at once.
+    void expect_bounded_counters() {
+        RecordView g = stats();
+        Tally &t = rig.tally;
+        const std::string lost[] = {
+            expect_counted("post_s_num", uint64_t(g["post_s_num"]), t.send_posts),
+            expect_counted("tx_byte", uint64_t(g["tx_byte"]), t.tx_bytes, true),
+            expect_counted("rx_byte", uint64_t(g["rx_byte"]), t.rx_bytes, true),
+            expect_counted("poll_num", uint64_t(g["poll_num"]), t.polls),
+            expect_counted("poll_cq_empty_num", uint64_t(g["poll_cq_empty_num"]), t.polls_empty),
+            expect_counted("com_notify_num", uint64_t(g["com_notify_num"]), t.arms),
+        };
+        std::printf("traffic stress: counts the unlocked counters lost:");
+        for (const auto &l : lost) std::printf(" %s", l.c_str());
+        std::printf("\n");
+        EXPECT_LE(uint64_t(g["ox_send_error_status"]), t.send_error_completions.load());
+        EXPECT_EQ(0, g["ox_receive_error_status"]);
+        EXPECT_EQ(0u, t.receive_error_completions);
+    }
+
+    // The statistics page says the same as the record, and a second read shows no change.
+    void expect_page_agrees() {
+        RecordView g = stats();
+        StatisticsPage page, again;
+        std::string why, text;
+        ASSERT_GE(k::read_file(kControl, text), 0);
+        ASSERT_TRUE(parse_statistics_page(text, page, &why)) << why;
+        text.clear();
+        ASSERT_GE(k::read_file(kControl, text), 0);
+        ASSERT_TRUE(parse_statistics_page(text, again, &why)) << why;
+        EXPECT_EQ(2, page.hca_lines);
+        auto as_printed = [](long long v) { return (long long)int32_t(uint32_t(v)); };
+        EXPECT_EQ(as_printed(g["cq_num"]), page.counter("num of CQ"));
+        EXPECT_EQ(as_printed(g["qp_num"]), page.counter("num of QP"));
+        EXPECT_EQ(as_printed(g["post_s_num"]), page.counter("send WR"));
+        EXPECT_EQ(as_printed(g["acc_sg"]), page.counter("acc sg"));
+        EXPECT_EQ(as_printed(g["post_r_num"]), page.counter("receive WR"));
+        EXPECT_EQ(as_printed(g["post_r_list_num"]), page.counter("receive WR", 2));
+        EXPECT_EQ(as_printed(g["tx_byte"]), page.counter("Byte - TX"));
+        EXPECT_EQ(as_printed(g["rx_byte"]), page.counter("Byte - TX", 2));
+        EXPECT_EQ(as_printed(g["poll_num"]), page.counter("poll"));
+        EXPECT_EQ(as_printed(g["com_event_num"]), page.counter("comp event"));
+        EXPECT_EQ(as_printed(g["async_event_num"]), page.counter("async event"));
+        EXPECT_EQ(0, page.counter("errors"));
+        EXPECT_TRUE(again.companions_zero(&why)) << why;
+        for (const auto &[label, numbers] : page.lines)
+            for (size_t i = 0; i + 1 < numbers.size(); i += 2)
+                if (label != "acc sg" && label != "vapi (s,r,p)") {
+                    EXPECT_EQ(numbers[i], again.lines[label][i]) << label;
+                }
+    }
+
     Rig rig;
 };
 
@@ -201,74 +281,9 @@ TEST_F(TrafficStress, CountersAddUpAndEveryByteArrivesOnce) {
     hca::run_until_idle();
     k::irq_sync();
 
-    // Counters only one context updates, or that are updated under a lock or atomically, add up
-    // exactly.
-    const uint64_t live_cqs = t.cqs_created - t.cqs_destroyed, live_qps = t.qps_created - t.qps_destroyed;
-    EXPECT_EQ(0, g["error_num"]);
-    EXPECT_EQ(0, g["VAPI_error_num"]);
-    EXPECT_EQ(0, g["mem_alloc_error_num"]);
-    EXPECT_EQ(2, g["opend_device_num"]);
-    EXPECT_EQ(live_cqs, uint64_t(g["cq_num"]));
-    EXPECT_EQ(live_qps, uint64_t(g["qp_num"]));
-    EXPECT_EQ(t.ahs_created - t.ahs_destroyed, uint64_t(g["ah_num"]));
-    EXPECT_EQ(live_cqs, uint64_t(alloc_num("mem_cq_ix")));
-    EXPECT_EQ(live_qps, uint64_t(alloc_num("mem_qp_ix")));
-    // Gather entries are counted atomically, receive posts under the adaptor lock.
-    EXPECT_EQ(t.send_segments, uint64_t(g["acc_sg"] - acc_sg0));
-    EXPECT_EQ(t.receive_posts, uint64_t(g["post_r_num"]));
-    EXPECT_EQ(t.receive_list_requests, uint64_t(g["post_r_list_num"]));
-    // Events are counted on the interrupt thread alone.
-    EXPECT_EQ(t.cq_callbacks, uint64_t(g["com_event_num"]));
-    EXPECT_EQ(t.async_callbacks, uint64_t(g["async_event_num"]));
-    EXPECT_EQ(2, g["registered_async_event_cb_num"]);
-    // Each pull takes InfiniHost1's port down and back up; InfiniHost0's port never moves.
-    EXPECT_EQ(2 * t.cable_pulls, t.port_events[1]);
-    EXPECT_EQ(0u, t.port_events[0]);
-
-    // Counters that several traffic threads update at once.
-    const std::string lost[] = {
-        expect_counted("post_s_num", uint64_t(g["post_s_num"]), t.send_posts),
-        expect_counted("tx_byte", uint64_t(g["tx_byte"]), t.tx_bytes, true),
-        expect_counted("rx_byte", uint64_t(g["rx_byte"]), t.rx_bytes, true),
-        expect_counted("poll_num", uint64_t(g["poll_num"]), t.polls),
-        expect_counted("poll_cq_empty_num", uint64_t(g["poll_cq_empty_num"]), t.polls_empty),
-        expect_counted("com_notify_num", uint64_t(g["com_notify_num"]), t.arms),
-    };
-    std::printf("traffic stress: counts the unlocked counters lost:");
-    for (const auto &l : lost) std::printf(" %s", l.c_str());
-    std::printf("\n");
-    EXPECT_LE(uint64_t(g["ox_send_error_status"]), t.send_error_completions.load());
-    EXPECT_EQ(0, g["ox_receive_error_status"]);
-    EXPECT_EQ(0u, t.receive_error_completions);
-
-    // The statistics page says the same as the record, and a second read shows no change.
-    StatisticsPage page, again;
-    std::string why, text;
-    ASSERT_GE(k::read_file(kControl, text), 0);
-    ASSERT_TRUE(parse_statistics_page(text, page, &why)) << why;
-    text.clear();
-    ASSERT_GE(k::read_file(kControl, text), 0);
-    ASSERT_TRUE(parse_statistics_page(text, again, &why)) << why;
-    EXPECT_EQ(2, page.hca_lines);
-    auto as_printed = [](long long v) { return (long long)int32_t(uint32_t(v)); };
-    EXPECT_EQ(as_printed(g["cq_num"]), page.counter("num of CQ"));
-    EXPECT_EQ(as_printed(g["qp_num"]), page.counter("num of QP"));
-    EXPECT_EQ(as_printed(g["post_s_num"]), page.counter("send WR"));
-    EXPECT_EQ(as_printed(g["acc_sg"]), page.counter("acc sg"));
-    EXPECT_EQ(as_printed(g["post_r_num"]), page.counter("receive WR"));
-    EXPECT_EQ(as_printed(g["post_r_list_num"]), page.counter("receive WR", 2));
-    EXPECT_EQ(as_printed(g["tx_byte"]), page.counter("Byte - TX"));
-    EXPECT_EQ(as_printed(g["rx_byte"]), page.counter("Byte - TX", 2));
-    EXPECT_EQ(as_printed(g["poll_num"]), page.counter("poll"));
-    EXPECT_EQ(as_printed(g["com_event_num"]), page.counter("comp event"));
-    EXPECT_EQ(as_printed(g["async_event_num"]), page.counter("async event"));
-    EXPECT_EQ(0, page.counter("errors"));
-    EXPECT_TRUE(again.companions_zero(&why)) << why;
-    for (const auto &[label, numbers] : page.lines)
-        for (size_t i = 0; i + 1 < numbers.size(); i += 2)
-            if (label != "acc sg" && label != "vapi (s,r,p)") {
-                EXPECT_EQ(numbers[i], again.lines[label][i]) << label;
-            }
+    expect_exact_counters(acc_sg0);
+    expect_bounded_counters();
+    expect_page_agrees();
 
     // Everything goes; the module's lists and the devices are empty again.
     for (auto &own : flows)
