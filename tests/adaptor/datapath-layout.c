@@ -173,20 +173,8 @@ static const struct layout_constant constants[] = {
 
 static const struct layout_table table = LAYOUT_TABLE(fields, sizes, constants);
 
-size_t dpl_sizeof(const char *record) {
-    return layout_sizeof(&table, record);
-}
-long dpl_offset(const char *record, const char *field) {
-    return layout_offset(&table, record, field);
-}
-int dpl_get(const char *record, const void *base, const char *field, long long *value) {
-    return layout_get(&table, record, base, field, value);
-}
-int dpl_set(const char *record, void *base, const char *field, long long value) {
-    return layout_set(&table, record, base, field, value);
-}
-long long dpl_const(const char *name, int *found) {
-    return layout_const(&table, name, found);
+const struct layout_table *dpl_layout(void) {
+    return &table;
 }
 
 void *dpl_make_qp_record(void *hca, unsigned long vapi_handle, unsigned qp_num, int type) {

@@ -1,11 +1,16 @@
 /* A table of a record family's layout, measured by the C compiler where the records' headers are
  * included: field offsets, sizes and signedness by name, record sizes by name, constants by name.
  * The tests' layout units (module-layout.c, datapath-layout.c) each fill one table with the
- * macros below and answer their look-ups through the calls here. */
+ * macros below and hand it out (adp_layout(), dpl_layout()); the tests look things up in it
+ * through the calls here, or through the named views of layout_view.hpp. */
 #ifndef ADAPTOR_TEST_LAYOUT_TABLE_H
 #define ADAPTOR_TEST_LAYOUT_TABLE_H
 
 #include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
 
 struct layout_field {
     const char *record;
@@ -66,5 +71,9 @@ int layout_set(const struct layout_table *table, const char *record, void *base,
                long long value);
 /* The constant's value; `found` (may be null) tells whether it exists. */
 long long layout_const(const struct layout_table *table, const char *name, int *found);
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif

@@ -230,20 +230,8 @@ static const struct layout_constant constants[] = {
 
 static const struct layout_table table = LAYOUT_TABLE(fields, sizes, constants);
 
-size_t adp_sizeof(const char *record) {
-    return layout_sizeof(&table, record);
-}
-long adp_offset(const char *record, const char *field) {
-    return layout_offset(&table, record, field);
-}
-int adp_get(const char *record, const void *base, const char *field, long long *value) {
-    return layout_get(&table, record, base, field, value);
-}
-int adp_set(const char *record, void *base, const char *field, long long value) {
-    return layout_set(&table, record, base, field, value);
-}
-long long adp_const(const char *name, int *found) {
-    return layout_const(&table, name, found);
+const struct layout_table *adp_layout(void) {
+    return &table;
 }
 
 const char *adp_alloc_row_name(const void *table, int index) {
