@@ -18,9 +18,11 @@
 namespace marlix::console::ulp {
 
 // A QP's buffer of at least `bytes`. Buffers stay where they are while the QP lives (work in
-// flight may still point into them): a larger request gets a new buffer, zeroed, and the old
-// ones are kept until the QP is forgotten.
-inline uint8_t *qp_buffer(Object &qp, size_t bytes) {
+// flight may still point into them): a larger request, or one that asks for a `fresh` buffer,
+// gets a new one, zeroed, and the old ones are kept until the QP is forgotten. A post that writes
+// its data asks for a fresh one, so that it never rewrites what the adapter may still be reading
+// for an earlier request.
+inline uint8_t *qp_buffer(Object &qp, size_t bytes, bool fresh = false) {
     using Buffers = std::vector<std::unique_ptr<std::vector<uint8_t>>>;
     auto *bufs = reinterpret_cast<Buffers *>(qp.values.count("buffers") ? qp.values["buffers"] : 0);
     if (!bufs) {
@@ -32,7 +34,7 @@ inline uint8_t *qp_buffer(Object &qp, size_t bytes) {
             if (previous) previous(o);
         };
     }
-    if (bufs->empty() || bufs->back()->size() < bytes)
+    if (fresh || bufs->empty() || bufs->back()->size() < bytes)
         bufs->push_back(std::make_unique<std::vector<uint8_t>>(std::max<size_t>(bytes, 4096), 0));
     return bufs->back()->data();
 }
