@@ -202,14 +202,8 @@ int ulp_post_send_request(const ulp_funcs_t *funcs, void *hca, void *qp, int ope
 int ulp_post_send_simple(const ulp_funcs_t *funcs, void *hca, void *qp, int operation_type,
                          enum ulp_send_op op, uint64_t wr_id, void *addr, uint32_t length, uint32_t l_key,
                          const struct ulp_send_target *target) {
-    struct ulp_send_request r;
+    struct ulp_send_request r = {.op = op, .wr_id = wr_id, .addr = addr, .length = length, .l_key = l_key};
 
-    memset(&r, 0, sizeof(r));
-    r.op = op;
-    r.wr_id = wr_id;
-    r.addr = addr;
-    r.length = length;
-    r.l_key = l_key;
     if (target) r.target = *target;
     return ulp_post_send_request(funcs, hca, qp, operation_type, &r);
 }
