@@ -426,6 +426,13 @@ VAPI_ret_t VAPI_destroy_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl) {
     dev.retired.push_back(std::move(it->second));
     dev.qps.erase(it);
     dev.qp_handles.release(qp_hndl);
+    // The QP's events already raised are dropped if they have not started; those running are
+    // waited for, without the device mutex (a handler may call verbs), and not the one this
+    // destroy may be called from.
+    EventGateRef gate = qp->event_gate;
+    gate->close();
+    call.unlock();
+    gate->wait_idle();
     return VAPI_OK;
 }
 
