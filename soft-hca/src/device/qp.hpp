@@ -42,6 +42,7 @@ struct Qp : Object {
     uint64_t retransmit_at = 0;        // when the oldest unanswered request times out (ns; 0: none)
     uint64_t rnr_wait_until = 0;       // RNR NAK: nothing is sent before this (ns)
     bool sqd_event_due = false;        // SQD entered with notification asked; raise when drained
+    bool alt_path_loaded = false;      // an alternate path was given; a migration uses it up
     // ---- Responder -----------------------------------------------------------------------
     uint32_t expected_psn = 0;  // RC/UC: the PSN the next request must carry
     uint32_t msn = 0;           // messages completed as responder
