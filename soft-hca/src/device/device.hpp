@@ -7,7 +7,8 @@
 //   device/             the device model: this file (device, ports, registry, Call), limits.hpp
 //                       (every fixed size and bound), memory (keys and translation), cq.hpp (the
 //                       completion ring and its events), qp.hpp (the QP record), the pure QP state
-//                       machine, fault injection and call counting
+//                       machine, event_gate.hpp (quiescing events on destroy), path migration,
+//                       fault injection and call counting
 //   verbs/              the thin extern "C" VAPI/EVAPI entry points, one file per subject
 //   datapath/           work queues, packets, and the requester, responder and completer
 //   engine/             what runs the data path: a threaded engine and a stepped one
@@ -64,6 +65,8 @@
 //      dispatcher, the threaded engine's sleep mutex.
 // Never call a user callback (completion or async handler) with a device mutex held: collect the
 // events in a PendingEvents and deliver them after unlocking.
+// Destroy and close wait for the handlers still running with the object's handle (event_gate.hpp):
+// they close the gate under the device mutex and wait only after releasing it.
 //
 #pragma once
 
