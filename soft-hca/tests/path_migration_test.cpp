@@ -36,6 +36,13 @@ class PathMigration : public DataPathTest {
         a.path_mig_state = mig;
         return modify(q, a, QP_ATTR_QP_STATE | QP_ATTR_ALT_PATH | QP_ATTR_PATH_MIG_STATE);
     }
+    // RTS->RTS naming the migration state only.
+    VAPI_ret_t set_mig_state(const Qp &q, VAPI_mig_state_t mig) {
+        VAPI_qp_attr_t a{};
+        a.qp_state = VAPI_RTS;
+        a.path_mig_state = mig;
+        return modify(q, a, QP_ATTR_QP_STATE | QP_ATTR_PATH_MIG_STATE);
+    }
     VAPI_qp_attr_t query(const Qp &q) {
         VAPI_qp_attr_t a{};
         VAPI_qp_attr_mask_t m = 0;
@@ -155,10 +162,7 @@ TEST_F(PathMigration, AQpThatIsNotArmedKeepsItsPathAndRunsOutOfRetries) {
 
 TEST_F(PathMigration, ArmedWithoutAnAlternatePathDoesNotMigrate) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
-    VAPI_qp_attr_t at{};
-    at.qp_state = VAPI_RTS;
-    at.path_mig_state = VAPI_ARMED;
-    ASSERT_EQ(modify(a, at, QP_ATTR_QP_STATE | QP_ATTR_PATH_MIG_STATE), VAPI_OK);
+    ASSERT_EQ(set_mig_state(a, VAPI_ARMED), VAPI_OK);
     EXPECT_FALSE(sh::migrate_path("InfiniHost0", a.hndl));
     EXPECT_EQ(query(a).port, 1);
     EXPECT_EQ(count(async0, VAPI_QP_PATH_MIGRATED), 0u);
@@ -199,10 +203,7 @@ TEST_F(PathMigration, UcQpsMigrateToo) {
 TEST_F(PathMigration, SoftwareRequestedMigrationSwitchesWithoutAnEvent) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     ASSERT_EQ(load_alternate(a, b, VAPI_ARMED), VAPI_OK);
-    VAPI_qp_attr_t at{};
-    at.qp_state = VAPI_RTS;
-    at.path_mig_state = VAPI_MIGRATED;
-    ASSERT_EQ(modify(a, at, QP_ATTR_QP_STATE | QP_ATTR_PATH_MIG_STATE), VAPI_OK);
+    ASSERT_EQ(set_mig_state(a, VAPI_MIGRATED), VAPI_OK);
     VAPI_qp_attr_t qa = query(a);
     EXPECT_EQ(qa.path_mig_state, VAPI_MIGRATED);
     EXPECT_EQ(qa.port, 2);
@@ -217,10 +218,7 @@ TEST_F(PathMigration, SoftwareRequestedMigrationSwitchesWithoutAnEvent) {
 TEST_F(PathMigration, MigratedWithoutBeingArmedOnlyRecordsTheState) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     ASSERT_EQ(load_alternate(a, b, VAPI_REARM), VAPI_OK);
-    VAPI_qp_attr_t at{};
-    at.qp_state = VAPI_RTS;
-    at.path_mig_state = VAPI_MIGRATED;
-    ASSERT_EQ(modify(a, at, QP_ATTR_QP_STATE | QP_ATTR_PATH_MIG_STATE), VAPI_OK);
+    ASSERT_EQ(set_mig_state(a, VAPI_MIGRATED), VAPI_OK);
     VAPI_qp_attr_t qa = query(a);
     EXPECT_EQ(qa.path_mig_state, VAPI_MIGRATED);
     EXPECT_EQ(qa.port, 1);

@@ -138,6 +138,14 @@ class Quiesce : public DataPathTest {
         EXPECT_EQ(VAPI_req_comp_notif(s0.hca, a.cq, VAPI_NEXT_COMP), VAPI_OK);
         return a;
     }
+    // With the interrupt thread blocked, an RDMA write from `a` names an unknown remote key: the
+    // responder's QP raises VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, which waits in the thread's queue.
+    void access_violation_while_blocked(const Qp &a) {
+        Buffer &src = buffer(s0, 64);
+        block_interrupt_thread();
+        ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 8)}, src.addr(), src.rkey + 0x100), VAPI_OK);
+        run();
+    }
     // An RDMA write from the armed QP: its completion raises the CQ's event.
     void complete_one(const Armed &a) {
         Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
@@ -229,12 +237,8 @@ TEST_F(Quiesce, AnEventOfADestroyedQpDoesNotReachTheQpThatReusesItsHandle) {
 }
 
 TEST_F(Quiesce, QueuedEventsOfTheDataPathAreDroppedWithTheirQp) {
-    // A remote access error raises VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR for the responder's QP.
     auto [a, b] = pair(VAPI_TS_RC, s0, s0);
-    Buffer &src = buffer(s0, 64);
-    block_interrupt_thread();
-    ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 8)}, src.addr(), src.rkey + 0x100), VAPI_OK);
-    run();
+    ASSERT_NO_FATAL_FAILURE(access_violation_while_blocked(a));
     auto wcs = poll(s0);
     ASSERT_EQ(wcs.size(), 1u);
     EXPECT_EQ(wcs[0].status, VAPI_REM_ACCESS_ERR);
@@ -248,10 +252,7 @@ TEST_F(Quiesce, QueuedEventsOfTheDataPathAreDroppedWithTheirQp) {
 TEST_F(Quiesce, TheSameEventIsDeliveredWhenTheQpLives) {
     // The control case of the test above: nothing destroyed, the event arrives.
     auto [a, b] = pair(VAPI_TS_RC, s0, s0);
-    Buffer &src = buffer(s0, 64);
-    block_interrupt_thread();
-    ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 8)}, src.addr(), src.rkey + 0x100), VAPI_OK);
-    run();
+    ASSERT_NO_FATAL_FAILURE(access_violation_while_blocked(a));
     rec.release();
     marlix::kernel::irq_sync();
     EXPECT_EQ(rec.count(VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, b.hndl), 1u);
