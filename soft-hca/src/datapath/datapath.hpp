@@ -57,9 +57,28 @@ inline uint32_t segments_for(uint64_t length, uint32_t mtu) {
     return length == 0 ? 1u : uint32_t((length + mtu - 1) / mtu);
 }
 
+// The QPs whose requester ran in a pass (a posting thread's pass checks their timers after it).
+struct RanQps {
+    static constexpr uint32_t kMax = 64;
+    std::array<Qp *, kMax> qps{};
+    uint32_t count = 0;
+    bool overflow = false;  // more QPs ran than fit
+    void add(Qp *qp) {
+        if (count < kMax)
+            qps[count++] = qp;
+        else
+            overflow = true;
+    }
+    void clear() {
+        count = 0;
+        overflow = false;
+    }
+};
+
 // Turns queued send requests into packets, as far as the Outbox, the QPs' windows and the
-// responder's read/atomic limit allow. Returns the number of requests handled.
-size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events);
+// responder's read/atomic limit allow. Returns the number of requests handled. The QPs that ran
+// are added to `ran` when given.
+size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events, RanQps *ran = nullptr);
 // Completes the UD/UC requests that run_requesters() sent. Returns how many.
 size_t finish_sent(Device &dev, PendingEvents &events);
 // Retransmission and RNR timers that fell due. Returns how many fired.
@@ -75,7 +94,8 @@ void respond_multicast(Device &dev, IB_port_t port, const Packet &pkt, Outbox &r
                        PendingEvents &events);
 // The completer: a response packet arriving on `port` at the requester.
 void complete(Device &dev, IB_port_t port, const Packet &pkt, uint64_t now, PendingEvents &events);
-// The responder's read and atomic resources are counted per engine round.
+// The responder's read and atomic resources are counted per engine round (or posting thread's
+// pass). Needs no lock.
 void new_round(Device &dev);
 
 // Puts the QP on the device's list of QPs with requester work (posting, rewinds, timers).

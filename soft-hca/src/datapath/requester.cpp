@@ -315,11 +315,12 @@ Packet train_segment(const Outbox::Entry &e, uint32_t i) {
     return p;
 }
 
-size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events) {
+size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events, RanQps *ran) {
     size_t handled = 0;
     // Walk a snapshot by index: a QP leaves the list when it has nothing more to send now.
     for (size_t i = 0; i < dev.active_qps.size();) {
         Qp &qp = *dev.active_qps[i];
+        if (ran) ran->add(&qp);
         bool more = false;
         handled += run_qp(dev, qp, now, out, events, more);
         if (!more) {

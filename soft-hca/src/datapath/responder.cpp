@@ -263,8 +263,9 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
 
 // Counts a read or atomic against the responder's limit; false when over it.
 bool take_responder_resource(Device &dev, Qp &qp) {
-    if (qp.reads_round != dev.round) {
-        qp.reads_round = dev.round;
+    const uint64_t round = dev.round.load(std::memory_order_relaxed);
+    if (qp.reads_round != round) {
+        qp.reads_round = round;
         qp.reads_in_progress = 0;
     }
     if (qp.reads_in_progress >= qp.attr.qp_ous_rd_atom) return false;
@@ -497,7 +498,7 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
 }  // namespace
 
 void new_round(Device &dev) {
-    ++dev.round;
+    dev.round.fetch_add(1, std::memory_order_relaxed);
 }
 
 void respond(Device &dev, IB_port_t port, const Packet &p, Outbox &out, PendingEvents &events) {

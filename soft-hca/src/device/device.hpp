@@ -233,7 +233,11 @@ class Device {
     std::vector<struct Qp *> active_qps;
     std::vector<struct Qp *> sent_unreliable;
     std::vector<std::unique_ptr<Object>> retired;
-    uint64_t round = 0;  // engine rounds run on this device
+    std::atomic<uint64_t> round{0};  // engine rounds (and posting threads' passes) run on this device
+    // The data path token: whoever holds it runs this device's requesters and carries their
+    // packets (the engine's round, or a posting thread that finds it free), so the packets of one
+    // QP leave in order.
+    std::mutex run_mu;
     // CQs by handle, read without the lock by VAPI_poll_cq to answer "empty" at once; handles
     // beyond the table take the locked path.
     static constexpr size_t kFastCqHandles = 4096;
@@ -359,8 +363,18 @@ class Call {
 };
 
 // Fault injection and call counting. Counts the call (per device, atomically; calls not tied to a
-// device in a small table) and returns the injected status, or VAPI_OK at once when no fault is
-// armed. `dev` may be null; `device_name` names the device the call addresses.
-VAPI_ret_t check_faults(Verb verb, Device *dev, const std::string &device_name);
+// device in a small table) and returns the injected status. `dev` may be null; `device_name` names
+// the device the call addresses. Counting starts with the first reset_call_counts(); until then,
+// and while no fault is armed, a call costs one relaxed load and nothing else.
+namespace call_watch {
+constexpr uint32_t kCounting = 1;  // reset_call_counts() was called: calls are counted
+constexpr uint32_t kFaults = 2;    // at least one fault rule is armed
+extern std::atomic<uint32_t> state;
+}  // namespace call_watch
+VAPI_ret_t check_faults_watched(Verb verb, Device *dev, const std::string &device_name);
+inline VAPI_ret_t check_faults(Verb verb, Device *dev, const std::string &device_name) {
+    if (call_watch::state.load(std::memory_order_relaxed) == 0) return VAPI_OK;
+    return check_faults_watched(verb, dev, device_name);
+}
 
 }  // namespace marlix::softhca

@@ -191,6 +191,11 @@ size_t deliver_delayed(uint64_t now, Outbox &replies) {
     return n;
 }
 
+bool wire_busy() {
+    Wire &w = wire();
+    return w.any_fault.load(std::memory_order_acquire) || w.delayed_count.load(std::memory_order_acquire) != 0;
+}
+
 uint64_t next_delayed() {
     Wire &w = wire();
     if (w.delayed_count.load() == 0) return 0;
