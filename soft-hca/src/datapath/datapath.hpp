@@ -52,6 +52,9 @@ struct Outbox {
 
 // The packet `index` of a train, built from the entry.
 Packet train_segment(const Outbox::Entry &e, uint32_t index);
+// Counts the packets of an entry in a port's transmit (or receive) counters. The middle packets
+// of a train are all alike, so a train costs three packets' work whatever its length.
+void count_entry(Port &port, const Outbox::Entry &e, bool xmit);
 // Number of packets a message of `length` bytes takes at `mtu` (at least one).
 inline uint32_t segments_for(uint64_t length, uint32_t mtu) {
     return length == 0 ? 1u : uint32_t((length + mtu - 1) / mtu);
@@ -88,6 +91,11 @@ uint64_t next_timer(Device &dev);
 
 // The responder: a request packet arriving on `port` for QP `pkt.dest_qp`. Replies go to `replies`.
 void respond(Device &dev, IB_port_t port, const Packet &pkt, Outbox &replies, PendingEvents &events);
+// A request train arriving on `port` (a healthy unicast link carries a train whole): the same
+// as respond() for each of its packets, but an in-order run of middle packets of a send or an RDMA
+// write is placed with one key walk and one copy.
+void respond_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Outbox &replies,
+                   PendingEvents &events);
 // A multicast packet arriving on `port`: every QP of the device attached to the group gets it
 // (except the sending QP itself, for a packet that loops back to its own port).
 void respond_multicast(Device &dev, IB_port_t port, const Packet &pkt, Outbox &replies,

@@ -141,9 +141,10 @@ struct Port {
     bool active() const { return state == PORT_ACTIVE; }
     // GID table entry i: the subnet prefix and the port GUID at index 0, others zero.
     void gid(unsigned index, IB_gid_t out) const;
-    // Counts one packet of `bytes` in the port counters (saturating, as the hardware does).
-    void count_xmit(uint64_t bytes);
-    void count_rcv(uint64_t bytes);
+    // Counts `packets` packets of `bytes` each in the port counters (saturating, as the hardware
+    // does).
+    void count_xmit(uint64_t bytes, uint32_t packets = 1);
+    void count_rcv(uint64_t bytes, uint32_t packets = 1);
 };
 
 struct Pd : Object {
