@@ -7,31 +7,13 @@ namespace {
 
 using namespace dp;
 
-class Trains : public DataPathTest {
-  protected:
-    // PortXmitData, PortRcvData, PortXmitPkts, PortRcvPkts of port 1.
-    std::array<uint32_t, 4> counters(const Side &s) {
-        uint8_t in[256] = {}, out[256] = {};
-        in[0] = 1;       // base version
-        in[1] = 0x04;    // PerfMgt
-        in[2] = 1;       // class version
-        in[3] = 0x01;    // Get
-        in[17] = 0x12;   // PortCounters
-        in[64 + 1] = 1;  // port 1
-        EXPECT_EQ(EVAPI_process_local_mad(s.hca, 1, 0, EVAPI_MAD_IGNORE_MKEY, in, out), VAPI_OK);
-        auto be32 = [&](int off) {
-            return uint32_t(out[off]) << 24 | uint32_t(out[off + 1]) << 16 | uint32_t(out[off + 2]) << 8 |
-                   out[off + 3];
-        };
-        return {be32(64 + 24), be32(64 + 28), be32(64 + 32), be32(64 + 36)};
-    }
-};
+class Trains : public DataPathTest {};
 
 TEST_F(Trains, TwentyPacketWriteLandsWholeAndCountsEveryPacket) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Buffer &src = buffer(s0, 40000), &dst = buffer(s1, 41000, kAllAccess, 0xee);
     pattern(src, 9);
-    auto before0 = counters(s0), before1 = counters(s1);
+    auto before0 = port_counters(s0), before1 = port_counters(s1);
     ASSERT_EQ(post_send(a, 5, VAPI_RDMA_WRITE, {src.sg(0, 40000)}, dst.addr() + 600, dst.rkey), VAPI_OK);
     run();
     auto wcs = poll(s0);
@@ -43,7 +25,7 @@ TEST_F(Trains, TwentyPacketWriteLandsWholeAndCountsEveryPacket) {
     EXPECT_EQ(dst.bytes[599], 0xee);
     EXPECT_EQ(dst.bytes[40600], 0xee);
     // 19 packets of 2048 and one of 1088; the first carries the RETH; each adds LRH, BTH, ICRC.
-    auto after0 = counters(s0), after1 = counters(s1);
+    auto after0 = port_counters(s0), after1 = port_counters(s1);
     const uint32_t words = (40000 + 16 + 20 * 24) / 4;
     EXPECT_EQ(after0[2] - before0[2], 20u);
     EXPECT_EQ(after1[3] - before1[3], 20u);
@@ -116,11 +98,7 @@ TEST_F(Trains, WriteBeyondTheRegionInAMiddlePacketIsARemoteAccessError) {
 // thread: the completion is there when the post returns.
 class PostingThread : public DataPathTest {
   protected:
-    sh::Options options() override {
-        sh::Options o;
-        o.engine = sh::EngineKind::Threaded;
-        return o;
-    }
+    PostingThread() { engine_ = sh::EngineKind::Threaded; }
 };
 
 TEST_F(PostingThread, CompletesTheRequestBeforeThePostReturns) {

@@ -102,8 +102,8 @@ void respond_multicast(Device &dev, IB_port_t port, const Packet &pkt, Outbox &r
                        PendingEvents &events);
 // The completer: a response packet arriving on `port` at the requester.
 void complete(Device &dev, IB_port_t port, const Packet &pkt, uint64_t now, PendingEvents &events);
-// The responder's read and atomic resources are counted per engine round (or posting thread's
-// pass). Needs no lock.
+// The responder's read and atomic resources are counted per round of its device; the engine
+// starts a new one on every device before each pass of a sender. Needs no lock.
 void new_round(Device &dev);
 
 // Puts the QP on the device's list of QPs with requester work (posting, rewinds, timers).

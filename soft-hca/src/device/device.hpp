@@ -56,12 +56,21 @@
 //   1. the registry's boot mutex (boot, halt, the implicit first boot);
 //   2. the engine slot's mutex (engine start and stop, step, run_until_idle);
 //   3. the fabric's mutex (subnet manager sweeps, cable and port changes);
-//   4. Device::mu, of one device at a time: verbs (through Call), the engine's requester and
-//      timer phase, and the responder/completer for a packet arriving at the device. The data path
-//      never holds two device mutexes: packets travel between devices with no device lock held;
-//   5. leaf locks, under which nothing else is taken: the LID table, the wire (link faults and
-//      delayed packets), the fault table and call counts, the registry's device list and event
-//      dispatcher, the threaded engine's sleep mutex.
+//   4. Device::run_mu, the device's data path token, of one device at a time: whoever holds it
+//      runs the device's requesters and carries their packets through the wire to the responders
+//      and back to the completers, so the packets of a QP leave in order. The engine's round
+//      takes it for each device in turn; on the threaded engine a posting thread try-locks it
+//      after its post (with no device mutex held) and, when it gets it, does that work itself.
+//      A holder takes device mutexes (its own and the receivers') but never another token;
+//   5. Device::mu, of one device at a time: verbs (through Call), the requester and timer phase,
+//      and the responder/completer for a packet arriving at the device. The data path never holds
+//      two device mutexes: packets travel between devices with no device lock held;
+//   6. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
+//      the LID table's writers, the fault table and the counts of calls tied to no device, the
+//      registry's device list and event dispatcher, the threaded engine's sleep mutex.
+// Read without any lock: the device table (devices live from boot() to halt()), Device::open, the
+// LID routing table, the CQ table of the empty-poll answer, whether faults or call counting are
+// armed (one relaxed load per verb) and whether the wire is busy.
 // Never call a user callback (completion or async handler) with a device mutex held: collect the
 // events in a PendingEvents and deliver them after unlocking.
 //

@@ -27,15 +27,29 @@ Scratch &scratch() {
 
 enum class Pass { Round, Posted };
 
+// Whether the engine must still run for the device after a posting thread's pass: work left on
+// its requesters (a full outbox, a rewind), or a timer armed by a request still unanswered on a
+// QP that ran. Called with the device mutex held.
+bool work_left(Device &d, const RanQps &ran) {
+    if (!d.active_qps.empty() || ran.overflow) return true;
+    for (uint32_t i = 0; i < ran.count; ++i) {
+        const Qp &qp = *ran.qps[i];
+        if (!qp.destroyed && (qp.retransmit_at != 0 || qp.rnr_wait_until != 0)) return true;
+    }
+    return false;
+}
+
 // The requesters of one device and everything their packets provoke, with the device's data
 // path token held by the caller. A round also fires due timers and frees retired records; a
-// posting thread's pass leaves both to the engine. Returns the work done.
-size_t run_device(Device &d, uint64_t now, Scratch &s, Pass pass, bool *timers_pending) {
+// posting thread's pass leaves both to the engine and says in `left` whether the engine must run.
+// Returns the work done.
+size_t run_device(Device &d, uint64_t now, Scratch &s, Pass pass, bool *timers_pending, bool *left) {
     size_t work = 0;
     Outbox &out = s.out;
     out.clear();
     s.ran.clear();
     PendingEvents events;
+    bool unreliable = false;
     {
         std::lock_guard lk(d.mu);
         if (!d.open || d.failed) return 0;
@@ -47,6 +61,9 @@ size_t run_device(Device &d, uint64_t now, Scratch &s, Pass pass, bool *timers_p
         work += run_requesters(d, now, out, events, &s.ran);
         for (uint32_t i = 0; i < out.count; ++i) out.entries[i].from = &d;
         if (timers_pending && !*timers_pending) *timers_pending = next_timer(d) != 0;
+        // Only requesters add to this list, and they run under the token we hold.
+        unreliable = !d.sent_unreliable.empty();
+        if (out.count == 0 && left) *left = work_left(d, s.ran);
     }
     events.deliver(d);
     if (out.count == 0) return work;
@@ -56,12 +73,21 @@ size_t run_device(Device &d, uint64_t now, Scratch &s, Pass pass, bool *timers_p
     // Completers do not reply: the requests' outbox, done with, takes whatever might.
     out.clear();
     for (uint32_t i = 0; i < s.replies.count; ++i) transmit(s.replies.entries[i], now, out);
-    {
+    if (unreliable || left) {
         std::lock_guard lk(d.mu);
-        work += finish_sent(d, events);
+        if (unreliable) work += finish_sent(d, events);
+        if (left) *left = work_left(d, s.ran);
     }
     events.deliver(d);
     return work;
+}
+
+// A pass (one device's turn in a round, or a posting thread's pass) counts as a new round for
+// the responders' read and atomic resources on every device its packets may reach, so a
+// responder never counts the requests of two passes against one round.
+void new_pass() {
+    for (size_t di = 0, dn = device_count(); di < dn; ++di)
+        if (Device *d = device_at(di)) new_round(*d);
 }
 
 }  // namespace
@@ -73,9 +99,9 @@ size_t run_round(uint64_t now, bool *timers_pending) {
     for (size_t di = 0, dn = device_count(); di < dn; ++di) {
         Device *d = device_at(di);
         if (!d) continue;
-        new_round(*d);
         std::lock_guard token(d->run_mu);
-        work += run_device(*d, now, s, Pass::Round, timers_pending ? &timers : nullptr);
+        new_pass();
+        work += run_device(*d, now, s, Pass::Round, timers_pending ? &timers : nullptr, nullptr);
     }
     s.replies.clear();
     work += deliver_delayed(now, s.replies);
@@ -93,20 +119,10 @@ PostedRun run_posted(Device &dev, uint64_t now) {
     std::unique_lock token(dev.run_mu, std::try_to_lock);
     if (!token.owns_lock()) return PostedRun::Engine;
     Scratch &s = scratch();
-    // A pass counts as a round for the responders' read and atomic resources, on every device
-    // its packets may reach.
-    for (size_t di = 0, dn = device_count(); di < dn; ++di)
-        if (Device *d = device_at(di)) new_round(*d);
-    run_device(dev, now, s, Pass::Posted, nullptr);
-    // What the pass could not finish (a full outbox, a rewind, a timer armed by a request still
-    // unanswered) is the engine's.
-    std::lock_guard lk(dev.mu);
-    if (!dev.active_qps.empty() || s.ran.overflow) return PostedRun::Engine;
-    for (uint32_t i = 0; i < s.ran.count; ++i) {
-        const Qp &qp = *s.ran.qps[i];
-        if (!qp.destroyed && (qp.retransmit_at != 0 || qp.rnr_wait_until != 0)) return PostedRun::Engine;
-    }
-    return PostedRun::Done;
+    new_pass();
+    bool left = false;
+    run_device(dev, now, s, Pass::Posted, nullptr, &left);
+    return left ? PostedRun::Engine : PostedRun::Done;
 }
 
 }  // namespace marlix::softhca

@@ -62,10 +62,15 @@ class ThreadedEngine : public Engine {
             bool timers = false;
             size_t work = run_round(host::now_ns(), &timers);
             if (work > 0) continue;
+            {
+                // Tell run_until_idle() before spinning: it waits for this idle round, not the spin.
+                std::lock_guard lk(mu_);
+                last_idle_start_ = start;
+                if (stop_) return;
+            }
+            idle_cv_.notify_all();
             if (spin_for_kick()) continue;
             std::unique_lock lk(mu_);
-            last_idle_start_ = start;
-            idle_cv_.notify_all();
             if (stop_) return;
             if (kicked_.load()) continue;
             sleeping_.store(true);
