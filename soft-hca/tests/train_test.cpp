@@ -137,3 +137,45 @@ TEST_F(PostingThread, LeavesADelayedLinkToTheEngine) {
 }
 
 }  // namespace
+
+namespace {
+
+// Bursts of RDMA reads, more than the responder takes at once, each posted as one list: the
+// posting thread's pass sends what the limit allows and leaves the rest to the engine's turns.
+// Each pass of the sender is a new round for the responder, so no read is refused for exceeding
+// its limit.
+TEST_F(PostingThread, BurstsOfReadsStayWithinTheRespondersLimit) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);  // 4 reads outstanding each way
+    Buffer &local = buffer(s0, 4096), &remote = buffer(s1, 4096);
+    pattern(remote, 7);
+    constexpr uint32_t kBurst = 15;
+    std::vector<VAPI_sg_lst_entry_t> sg(kBurst);
+    std::vector<VAPI_sr_desc_t> reads(kBurst);
+    for (uint64_t burst = 0; burst < 100; ++burst) {
+        for (uint32_t i = 0; i < kBurst; ++i) {
+            const uint32_t at = uint32_t((burst * kBurst + i) % 512) * 8;
+            sg[i] = local.sg(at, 8);
+            VAPI_sr_desc_t &d = reads[i];
+            d = {};
+            d.id = burst * kBurst + i;
+            d.opcode = VAPI_RDMA_READ;
+            d.comp_type = VAPI_SIGNALED;
+            d.sg_lst_p = &sg[i];
+            d.sg_lst_len = 1;
+            d.remote_addr = remote.addr() + at;
+            d.r_key = remote.rkey;
+        }
+        ASSERT_EQ(EVAPI_post_sr_list(s0.hca, a.hndl, kBurst, reads.data()), VAPI_OK);
+        VAPI_wc_desc_t wc{};
+        for (uint32_t done = 0; done < kBurst;) {
+            if (VAPI_poll_cq(s0.hca, s0.cq, &wc) != VAPI_OK) continue;
+            ASSERT_EQ(wc.status, VAPI_SUCCESS) << "read " << wc.id;
+            ASSERT_EQ(wc.id, burst * kBurst + done);
+            ++done;
+        }
+    }
+    EXPECT_EQ(0, std::memcmp(local.bytes.data(), remote.bytes.data(), 4096));
+    EXPECT_EQ(state(b), VAPI_RTS);
+}
+
+}  // namespace
