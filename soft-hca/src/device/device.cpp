@@ -224,6 +224,7 @@ void Device::release_all() {
     sent_unreliable.clear();
     qp_by_number.clear();
     retired.clear();
+    retired_cqs.clear();
     failed = false;
     qps.clear();
     ahs.clear();

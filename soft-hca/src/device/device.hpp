@@ -65,7 +65,12 @@
 //   5. Device::mu, of one device at a time: verbs (through Call), the requester and timer phase,
 //      and the responder/completer for a packet arriving at the device. The data path never holds
 //      two device mutexes: packets travel between devices with no device lock held;
-//   6. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
+//   6. a CQ's own lock, of one CQ at a time: its ring, arming and handler. The completer takes it
+//      under its device mutex to push; polls, peeks and arming take it alone (a poll of a CQ in
+//      the lock-free table takes no other lock), so pollers do not wait for the passes that
+//      deliver into the device. A destroyed CQ is marked dead under it and kept until the device
+//      closes, since a poll may still hold it;
+//   7. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
 //      the LID table's writers, the fault table and the counts of calls tied to no device, the
 //      registry's device list and event dispatcher, the threaded engine's sleep mutex.
 // Read without any lock: the device table (devices live from boot() to halt()), Device::open, the
@@ -243,6 +248,9 @@ class Device {
     std::vector<struct Qp *> active_qps;
     std::vector<struct Qp *> sent_unreliable;
     std::vector<std::unique_ptr<Object>> retired;
+    // Destroyed CQs, emptied, kept until the device closes: a poll looks a CQ up without any
+    // device lock and may still hold it.
+    std::vector<std::unique_ptr<Object>> retired_cqs;
     std::atomic<uint64_t> round{0};  // engine rounds (and posting threads' passes) run on this device
     // The data path token: whoever holds it runs this device's requesters and carries their
     // packets (the engine's round, or a posting thread that finds it free), so the packets of one
