@@ -60,7 +60,7 @@ class DataPathTest : public SoftHcaTest {
   protected:
     sh::Options options() override {
         sh::Options o;
-        o.engine = sh::EngineKind::Stepped;
+        o.engine = engine_;
         return o;
     }
 
@@ -227,10 +227,28 @@ class DataPathTest : public SoftHcaTest {
         return a.qp_state;
     }
 
+    // PortXmitData, PortRcvData, PortXmitPkts, PortRcvPkts of port 1 (PerfMgt PortCounters).
+    static std::array<uint32_t, 4> port_counters(const Side &s) {
+        uint8_t in[256] = {}, out[256] = {};
+        in[0] = 1;       // base version
+        in[1] = 0x04;    // PerfMgt
+        in[2] = 1;       // class version
+        in[3] = 0x01;    // Get
+        in[17] = 0x12;   // PortCounters
+        in[64 + 1] = 1;  // port 1
+        EXPECT_EQ(EVAPI_process_local_mad(s.hca, 1, 0, EVAPI_MAD_IGNORE_MKEY, in, out), VAPI_OK);
+        auto be32 = [&](int off) {
+            return uint32_t(out[off]) << 24 | uint32_t(out[off + 1]) << 16 | uint32_t(out[off + 2]) << 8 |
+                   out[off + 3];
+        };
+        return {be32(64 + 24), be32(64 + 28), be32(64 + 32), be32(64 + 36)};
+    }
+
     static void pattern(Buffer &b, uint8_t seed) {
         for (size_t i = 0; i < b.bytes.size(); ++i) b.bytes[i] = uint8_t(seed + i * 7);
     }
 
+    sh::EngineKind engine_ = sh::EngineKind::Stepped;  // set in a derived fixture's constructor
     Side sides[2];
     Side &s0 = sides[0];
     Side &s1 = sides[1];

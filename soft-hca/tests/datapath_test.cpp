@@ -454,27 +454,10 @@ TEST_F(DataPath, WholeMemoryPhysicalRegionCarriesKernelAddresses) {
 TEST_F(DataPath, PortCountersCountPacketsAndWords) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Buffer &src = buffer(s0, 5000), &dst = buffer(s1, 5000);
-    auto counters = [](VAPI_hca_hndl_t h) {
-        uint8_t in[256] = {}, out[256] = {};
-        in[0] = 1;     // base version
-        in[1] = 0x04;  // PerfMgt
-        in[2] = 1;     // class version
-        in[3] = 0x01;  // Get
-        in[16] = 0x00;
-        in[17] = 0x12;   // PortCounters
-        in[64 + 1] = 1;  // port 1
-        EXPECT_EQ(EVAPI_process_local_mad(h, 1, 0, EVAPI_MAD_IGNORE_MKEY, in, out), VAPI_OK);
-        auto be32 = [&](int off) {
-            return uint32_t(out[off]) << 24 | uint32_t(out[off + 1]) << 16 | uint32_t(out[off + 2]) << 8 |
-                   out[off + 3];
-        };
-        // PortXmitData, PortRcvData, PortXmitPkts, PortRcvPkts.
-        return std::array<uint32_t, 4>{be32(64 + 24), be32(64 + 28), be32(64 + 32), be32(64 + 36)};
-    };
-    auto before0 = counters(s0.hca), before1 = counters(s1.hca);
+    auto before0 = port_counters(s0), before1 = port_counters(s1);
     ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 5000)}, dst.addr(), dst.rkey), VAPI_OK);
     run();
-    auto after0 = counters(s0.hca), after1 = counters(s1.hca);
+    auto after0 = port_counters(s0), after1 = port_counters(s1);
     // Three packets of 2048 + 2048 + 904 bytes; the first carries the RETH (16). Each adds LRH 8,
     // BTH 12 and ICRC 4; the data counters count 4-byte words. The one ACK back adds its AETH.
     const uint32_t bytes = 5000 + 16 + 3 * 24;

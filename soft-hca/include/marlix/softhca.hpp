@@ -138,9 +138,10 @@ void clear_fault(int id);
 void clear_faults();
 unsigned long injected_fault_count();  // failures produced so far
 
-// Calls per verb (all devices with "*"), counted before faults are applied.
+// Calls per verb (all devices with "*"), counted before faults are applied. Counting starts with
+// the first reset_call_counts(): until a test asks for counts, verbs do not pay for them.
 unsigned long call_count(const std::string &call, const std::string &device = "*");
-// Zeroes the call counts and injected_fault_count().
+// Zeroes the call counts and injected_fault_count(), and starts counting.
 void reset_call_counts();
 
 // A status from its symbol ("VAPI_EAGAIN") or a number ("-253"); nullopt if neither.

@@ -52,14 +52,36 @@ struct Outbox {
 
 // The packet `index` of a train, built from the entry.
 Packet train_segment(const Outbox::Entry &e, uint32_t index);
+// Counts the packets of an entry in a port's transmit (or receive) counters. The middle packets
+// of a train are all alike, so a train costs three packets' work whatever its length.
+void count_entry(Port &port, const Outbox::Entry &e, bool xmit);
 // Number of packets a message of `length` bytes takes at `mtu` (at least one).
 inline uint32_t segments_for(uint64_t length, uint32_t mtu) {
     return length == 0 ? 1u : uint32_t((length + mtu - 1) / mtu);
 }
 
+// The QPs whose requester ran in a pass (a posting thread's pass checks their timers after it).
+struct RanQps {
+    static constexpr uint32_t kMax = 64;
+    std::array<Qp *, kMax> qps{};
+    uint32_t count = 0;
+    bool overflow = false;  // more QPs ran than fit
+    void add(Qp *qp) {
+        if (count < kMax)
+            qps[count++] = qp;
+        else
+            overflow = true;
+    }
+    void clear() {
+        count = 0;
+        overflow = false;
+    }
+};
+
 // Turns queued send requests into packets, as far as the Outbox, the QPs' windows and the
-// responder's read/atomic limit allow. Returns the number of requests handled.
-size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events);
+// responder's read/atomic limit allow. Returns the number of requests handled. The QPs that ran
+// are added to `ran` when given.
+size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events, RanQps *ran = nullptr);
 // Completes the UD/UC requests that run_requesters() sent. Returns how many.
 size_t finish_sent(Device &dev, PendingEvents &events);
 // Retransmission and RNR timers that fell due. Returns how many fired.
@@ -69,13 +91,19 @@ uint64_t next_timer(Device &dev);
 
 // The responder: a request packet arriving on `port` for QP `pkt.dest_qp`. Replies go to `replies`.
 void respond(Device &dev, IB_port_t port, const Packet &pkt, Outbox &replies, PendingEvents &events);
+// A request train arriving on `port` (a healthy unicast link carries a train whole): the same
+// as respond() for each of its packets, but an in-order run of middle packets of a send or an RDMA
+// write is placed with one key walk and one copy.
+void respond_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Outbox &replies,
+                   PendingEvents &events);
 // A multicast packet arriving on `port`: every QP of the device attached to the group gets it
 // (except the sending QP itself, for a packet that loops back to its own port).
 void respond_multicast(Device &dev, IB_port_t port, const Packet &pkt, Outbox &replies,
                        PendingEvents &events);
 // The completer: a response packet arriving on `port` at the requester.
 void complete(Device &dev, IB_port_t port, const Packet &pkt, uint64_t now, PendingEvents &events);
-// The responder's read and atomic resources are counted per engine round.
+// The responder's read and atomic resources are counted per round of its device; the engine
+// starts a new one on every device before each pass of a sender. Needs no lock.
 void new_round(Device &dev);
 
 // Puts the QP on the device's list of QPs with requester work (posting, rewinds, timers).

@@ -67,18 +67,6 @@ VAPI_wc_status_t check_local_sink(Device &dev, Qp &qp, const SendEntry &w) {
     return VAPI_SUCCESS;
 }
 
-void count_xmit(Port *port, const Outbox::Entry &e) {
-    if (!port) return;
-    for (uint32_t i = 0; i < e.segments; ++i) {
-        if (e.train == Outbox::Train::None) {
-            port->count_xmit(e.pkt.wire_bytes());
-        } else {
-            Packet seg = train_segment(e, i);
-            port->count_xmit(seg.wire_bytes());
-        }
-    }
-}
-
 // A send request that failed before any packet left.
 void fail_request(Device &dev, Qp &qp, SendEntry &w, VAPI_wc_status_t status, uint32_t syndrome,
                   PendingEvents &events) {
@@ -258,7 +246,7 @@ size_t run_qp(Device &dev, Qp &qp, uint64_t now, Outbox &out, PendingEvents &eve
         if (ts != op::kUd) qp.next_psn = psn_add(qp.next_psn, psns);
         w.phase = SendPhase::Sent;
         ++out.count;
-        count_xmit(src, e);
+        if (src) count_entry(*src, e, true);
         ++qp.next_send;
         qp.sent_high = std::max(qp.sent_high, qp.next_send);
         ++handled;
@@ -315,11 +303,28 @@ Packet train_segment(const Outbox::Entry &e, uint32_t i) {
     return p;
 }
 
-size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events) {
+void count_entry(Port &port, const Outbox::Entry &e, bool xmit) {
+    auto count = [&](const Packet &p, uint32_t n) {
+        if (xmit)
+            port.count_xmit(p.wire_bytes(), n);
+        else
+            port.count_rcv(p.wire_bytes(), n);
+    };
+    if (e.train == Outbox::Train::None || e.segments == 1) {
+        count(e.train == Outbox::Train::None ? e.pkt : train_segment(e, 0), 1);
+        return;
+    }
+    count(train_segment(e, 0), 1);
+    if (e.segments > 2) count(train_segment(e, 1), e.segments - 2);
+    count(train_segment(e, e.segments - 1), 1);
+}
+
+size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events, RanQps *ran) {
     size_t handled = 0;
     // Walk a snapshot by index: a QP leaves the list when it has nothing more to send now.
     for (size_t i = 0; i < dev.active_qps.size();) {
         Qp &qp = *dev.active_qps[i];
+        if (ran) ran->add(&qp);
         bool more = false;
         handled += run_qp(dev, qp, now, out, events, more);
         if (!more) {

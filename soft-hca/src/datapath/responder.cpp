@@ -263,8 +263,9 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
 
 // Counts a read or atomic against the responder's limit; false when over it.
 bool take_responder_resource(Device &dev, Qp &qp) {
-    if (qp.reads_round != dev.round) {
-        qp.reads_round = dev.round;
+    const uint64_t round = dev.round.load(std::memory_order_relaxed);
+    if (qp.reads_round != round) {
+        qp.reads_round = round;
         qp.reads_in_progress = 0;
     }
     if (qp.reads_in_progress >= qp.attr.qp_ous_rd_atom) return false;
@@ -310,8 +311,7 @@ void respond_read(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &
     e->pkt.span_count = out.span_count - first_span;
     e->pkt.payload_len = p.dma_len;
     e->pkt.syndrome = aeth::kAck;
-    if (Port *pt = dev.port(port))
-        for (uint32_t i = 0; i < segments; ++i) pt->count_xmit(train_segment(*e, i).wire_bytes());
+    if (Port *pt = dev.port(port)) count_entry(*pt, *e, true);
     if (!duplicate) qp.expected_psn = psn_add(p.psn, segments);
 }
 
@@ -497,7 +497,7 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
 }  // namespace
 
 void new_round(Device &dev) {
-    ++dev.round;
+    dev.round.fetch_add(1, std::memory_order_relaxed);
 }
 
 void respond(Device &dev, IB_port_t port, const Packet &p, Outbox &out, PendingEvents &events) {
@@ -516,6 +516,58 @@ void respond(Device &dev, IB_port_t port, const Packet &p, Outbox &out, PendingE
         return;
     }
     respond_connected(dev, port, *qp, p, out, events);
+}
+
+namespace {
+
+// The middle packets of a train (all but its first and last) in one go, when they continue, in
+// order, a send or RDMA write that the first packet started: one key walk and one copy instead of
+// one per packet. False, with nothing changed but bytes that the packets themselves would write,
+// when that does not hold; the caller then delivers them one by one.
+bool place_middle_packets(Device &dev, IB_port_t port, const Outbox::Entry &e) {
+    const uint32_t n = e.segments - 2;
+    const Packet mid = train_segment(e, 1);  // the headers of every middle packet
+    Qp *qp = find_qp_by_num(dev, mid.dest_qp, port);
+    if (!qp || qp->destroyed || !receives(qp->state())) return false;
+    const uint8_t ts = transport_bits(*qp);
+    if (ts == op::kUd || ts != op::transport(mid.opcode) || mid.psn != qp->expected_psn) return false;
+    if (ts == op::kUc && qp->message_failed) return false;
+    // A write places each packet by its PSN at our path MTU: one copy only when the MTUs agree.
+    if (op::is_write(mid.opcode) && mtu_bytes(qp->attr.path_mtu) != e.mtu) return false;
+    const uint64_t len = uint64_t(n) * e.mtu;
+    if (op::is_write(mid.opcode)) {
+        if (qp->write_first_psn != e.pkt.psn) return false;
+        const uint64_t offset = e.mtu;  // the first packet's bytes
+        uint64_t from = 0;
+        VAPI_ret_t rc = dev.walk(qp->write_rkey, true, qp->init.pd_hndl, qp->write_va + offset, len,
+                                 VAPI_EN_REMOTE_WRITE, [&](uint8_t *dst, size_t m) {
+                                     mid.read_payload(from, dst, m);
+                                     from += m;
+                                     return true;
+                                 });
+        if (rc != VAPI_OK) return false;
+        qp->message_bytes = offset + len;
+    } else {
+        if (!qp->in_message || qp->rq.empty()) return false;
+        if (scatter(dev, *qp, qp->rq.front(), qp->message_bytes, mid, 0, len) != VAPI_SUCCESS) return false;
+        qp->message_bytes += len;
+    }
+    if (Port *pt = dev.port(port)) pt->count_rcv(mid.wire_bytes(), n);
+    qp->nak_sent = false;
+    qp->expected_psn = psn_add(mid.psn, n);
+    return true;
+}
+
+}  // namespace
+
+void respond_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Outbox &replies,
+                   PendingEvents &events) {
+    const uint32_t n = e.segments;
+    respond(dev, port, train_segment(e, 0), replies, events);
+    if (n == 1) return;
+    if (n > 2 && !place_middle_packets(dev, port, e))
+        for (uint32_t i = 1; i + 1 < n; ++i) respond(dev, port, train_segment(e, i), replies, events);
+    respond(dev, port, train_segment(e, n - 1), replies, events);
 }
 
 void respond_multicast(Device &dev, IB_port_t port, const Packet &p, Outbox &out, PendingEvents &events) {

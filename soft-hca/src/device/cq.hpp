@@ -1,11 +1,14 @@
 // Completion queues of the software HCA: a fixed-size ring of completion entries per CQ, the
-// arming state for completion events and the CQ's completion handler. The data path pushes
-// completions with CompletionQueue::complete() under the device lock and fires the returned
-// event after releasing it.
+// arming state for completion events and the CQ's completion handler. Each CQ has its own lock
+// (under the device mutex in the lock order, and a leaf): the completer pushes under it with its
+// device mutex held, while polls, peeks and arming take it alone, so a poller does not wait for
+// the passes that deliver into the device. The data path pushes completions with
+// CompletionQueue::complete() and fires the returned event after releasing every lock.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -36,31 +39,27 @@ class CompletionQueue : public Object {
 
     explicit CompletionQueue(uint32_t size) : slots_(size) {}
 
-    uint32_t size() const { return static_cast<uint32_t>(slots_.size()); }
-    uint32_t count() const { return count_; }
-    // The same, readable without the device lock (the poll fast path).
+    // The methods below take the CQ's lock themselves.
+    uint32_t size() const;
+    uint32_t count() const;
+    // The same, readable without the lock (the empty-poll answer).
     uint32_t ready() const { return ready_.load(std::memory_order_acquire); }
-    bool overrun() const { return overrun_; }
 
-    // Appends a completion. A full ring drops it and marks the CQ overrun (a CQ error).
-    bool push(const VAPI_wc_desc_t &wc);
-    // Takes the oldest completion; false when empty.
-    bool pop(VAPI_wc_desc_t *wc);
-    // Copies the i-th oldest completion without taking it (i < count()).
-    const VAPI_wc_desc_t &peek(uint32_t i) const { return slots_[(head_ + i) % slots_.size()]; }
+    // Takes the oldest completion: VAPI_OK, VAPI_CQ_EMPTY, or VAPI_EINVAL_CQ_HNDL once destroyed.
+    VAPI_ret_t pop(VAPI_wc_desc_t *wc);
     // Changes the ring size keeping every queued completion in order; false when they do not fit.
     bool resize(uint32_t new_size);
 
     // Arming: the next completion (or next solicited one) raises one event, then the CQ is
     // disarmed until armed again. Arming for "next" covers a pending "solicited" request.
     void arm(VAPI_cq_notif_type_t type);
-    VAPI_cq_notif_type_t armed() const { return armed_; }
     // Arming for a number of completions: one event once the CQ holds at least `n`.
-    void arm_count(uint32_t n) { armed_count_ = n; }
+    void arm_count(uint32_t n);
 
     // Pushes a completion and says whether it raised an event (the handler may be null when no
-    // handler is set; the event is then consumed with nobody to tell, as on the adapter).
-    std::optional<CompletionEvent> complete(const VAPI_wc_desc_t &wc, bool solicited);
+    // handler is set; the event is then consumed with nobody to tell, as on the adapter). A full
+    // ring drops it and marks the CQ overrun; `overran` says whether this push did that first.
+    std::optional<CompletionEvent> complete(const VAPI_wc_desc_t &wc, bool solicited, bool *overran);
 
     // Completion handler registered with EVAPI_set_comp_eventh.
     struct Handler {
@@ -68,7 +67,14 @@ class CompletionQueue : public Object {
         void *private_data = nullptr;
         EVAPI_compl_handler_hndl_t hndl = 0;
     };
-    std::optional<Handler> handler;
+    // Installs a handler unless one is set (false then).
+    bool set_handler(const Handler &h);
+    // Removes the handler with that handle; false when it is not this CQ's.
+    bool clear_handler(EVAPI_compl_handler_hndl_t hndl);
+
+    // Destroy: polls that looked the CQ up before it went away answer "invalid handle" from now
+    // on, and the ring's memory is released (the record itself stays until the device closes).
+    void kill();
 
     // Identity, filled by the owner so that events name the CQ.
     VAPI_hca_hndl_t hca = 0;
@@ -79,13 +85,19 @@ class CompletionQueue : public Object {
     EventGateRef event_gate = std::make_shared<EventGate>();
 
   private:
+    bool push(const VAPI_wc_desc_t &wc);
+    const VAPI_wc_desc_t &peek(uint32_t i) const { return slots_[(head_ + i) % slots_.size()]; }
+
+    mutable std::mutex mu_;
     std::vector<VAPI_wc_desc_t> slots_;
     uint32_t head_ = 0;
     uint32_t count_ = 0;
     std::atomic<uint32_t> ready_{0};
     bool overrun_ = false;
+    bool dead_ = false;
     VAPI_cq_notif_type_t armed_ = VAPI_NOTIF_NONE;
     uint32_t armed_count_ = 0;
+    std::optional<Handler> handler_;
 };
 
 }  // namespace marlix::softhca

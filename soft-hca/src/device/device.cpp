@@ -76,14 +76,14 @@ static void add_saturating(uint32_t &counter, uint64_t n) {
     counter = (uint64_t(counter) + n > 0xFFFFFFFFull) ? 0xFFFFFFFFu : uint32_t(counter + n);
 }
 
-void Port::count_xmit(uint64_t bytes) {
-    add_saturating(xmit_data, (bytes + 3) / 4);
-    add_saturating(xmit_pkts, 1);
+void Port::count_xmit(uint64_t bytes, uint32_t packets) {
+    add_saturating(xmit_data, (bytes + 3) / 4 * packets);
+    add_saturating(xmit_pkts, packets);
 }
 
-void Port::count_rcv(uint64_t bytes) {
-    add_saturating(rcv_data, (bytes + 3) / 4);
-    add_saturating(rcv_pkts, 1);
+void Port::count_rcv(uint64_t bytes, uint32_t packets) {
+    add_saturating(rcv_data, (bytes + 3) / 4 * packets);
+    add_saturating(rcv_pkts, packets);
 }
 
 // ---- Device ----------------------------------------------------------------------------------------
@@ -224,6 +224,7 @@ void Device::release_all() {
     sent_unreliable.clear();
     qp_by_number.clear();
     retired.clear();
+    retired_cqs.clear();
     failed = false;
     qps.clear();
     ahs.clear();

@@ -57,12 +57,26 @@
 //   1. the registry's boot mutex (boot, halt, the implicit first boot);
 //   2. the engine slot's mutex (engine start and stop, step, run_until_idle);
 //   3. the fabric's mutex (subnet manager sweeps, cable and port changes);
-//   4. Device::mu, of one device at a time: verbs (through Call), the engine's requester and
-//      timer phase, and the responder/completer for a packet arriving at the device. The data path
-//      never holds two device mutexes: packets travel between devices with no device lock held;
-//   5. leaf locks, under which nothing else is taken: the LID table, the wire (link faults and
-//      delayed packets), the fault table and call counts, the registry's device list and event
-//      dispatcher, the threaded engine's sleep mutex.
+//   4. Device::run_mu, the device's data path token, of one device at a time: whoever holds it
+//      runs the device's requesters and carries their packets through the wire to the responders
+//      and back to the completers, so the packets of a QP leave in order. The engine's round
+//      takes it for each device in turn; on the threaded engine a posting thread try-locks it
+//      after its post (with no device mutex held) and, when it gets it, does that work itself.
+//      A holder takes device mutexes (its own and the receivers') but never another token;
+//   5. Device::mu, of one device at a time: verbs (through Call), the requester and timer phase,
+//      and the responder/completer for a packet arriving at the device. The data path never holds
+//      two device mutexes: packets travel between devices with no device lock held;
+//   6. a CQ's own lock, of one CQ at a time: its ring, arming and handler. The completer takes it
+//      under its device mutex to push; polls, peeks and arming take it alone (a poll of a CQ in
+//      the lock-free table takes no other lock), so pollers do not wait for the passes that
+//      deliver into the device. A destroyed CQ is marked dead under it and kept until the device
+//      closes, since a poll may still hold it;
+//   7. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
+//      the LID table's writers, the fault table and the counts of calls tied to no device, the
+//      registry's device list and event dispatcher, the threaded engine's sleep mutex.
+// Read without any lock: the device table (devices live from boot() to halt()), Device::open, the
+// LID routing table, the CQ table of the empty-poll answer, whether faults or call counting are
+// armed (one relaxed load per verb) and whether the wire is busy.
 // Never call a user callback (completion or async handler) with a device mutex held: collect the
 // events in a PendingEvents and deliver them after unlocking.
 // Destroy and close wait for the handlers still running with the object's handle (event_gate.hpp):
@@ -145,9 +159,10 @@ struct Port {
     bool active() const { return state == PORT_ACTIVE; }
     // GID table entry i: the subnet prefix and the port GUID at index 0, others zero.
     void gid(unsigned index, IB_gid_t out) const;
-    // Counts one packet of `bytes` in the port counters (saturating, as the hardware does).
-    void count_xmit(uint64_t bytes);
-    void count_rcv(uint64_t bytes);
+    // Counts `packets` packets of `bytes` each in the port counters (saturating, as the hardware
+    // does).
+    void count_xmit(uint64_t bytes, uint32_t packets = 1);
+    void count_rcv(uint64_t bytes, uint32_t packets = 1);
 };
 
 struct Pd : Object {
@@ -239,7 +254,14 @@ class Device {
     std::vector<struct Qp *> active_qps;
     std::vector<struct Qp *> sent_unreliable;
     std::vector<std::unique_ptr<Object>> retired;
-    uint64_t round = 0;  // engine rounds run on this device
+    // Destroyed CQs, emptied, kept until the device closes: a poll looks a CQ up without any
+    // device lock and may still hold it.
+    std::vector<std::unique_ptr<Object>> retired_cqs;
+    std::atomic<uint64_t> round{0};  // engine rounds (and posting threads' passes) run on this device
+    // The data path token: whoever holds it runs this device's requesters and carries their
+    // packets (the engine's round, or a posting thread that finds it free), so the packets of one
+    // QP leave in order.
+    std::mutex run_mu;
     // CQs by handle, read without the lock by VAPI_poll_cq to answer "empty" at once; handles
     // beyond the table take the locked path.
     static constexpr size_t kFastCqHandles = 4096;
@@ -370,8 +392,18 @@ class Call {
 };
 
 // Fault injection and call counting. Counts the call (per device, atomically; calls not tied to a
-// device in a small table) and returns the injected status, or VAPI_OK at once when no fault is
-// armed. `dev` may be null; `device_name` names the device the call addresses.
-VAPI_ret_t check_faults(Verb verb, Device *dev, const std::string &device_name);
+// device in a small table) and returns the injected status. `dev` may be null; `device_name` names
+// the device the call addresses. Counting starts with the first reset_call_counts(); until then,
+// and while no fault is armed, a call costs one relaxed load and nothing else.
+namespace call_watch {
+constexpr uint32_t kCounting = 1;  // reset_call_counts() was called: calls are counted
+constexpr uint32_t kFaults = 2;    // at least one fault rule is armed
+extern std::atomic<uint32_t> state;
+}  // namespace call_watch
+VAPI_ret_t check_faults_watched(Verb verb, Device *dev, const std::string &device_name);
+inline VAPI_ret_t check_faults(Verb verb, Device *dev, const std::string &device_name) {
+    if (call_watch::state.load(std::memory_order_relaxed) == 0) return VAPI_OK;
+    return check_faults_watched(verb, dev, device_name);
+}
 
 }  // namespace marlix::softhca

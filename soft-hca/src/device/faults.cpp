@@ -1,5 +1,5 @@
 // Fault injection and call counting. Every verb passes its name and the device it addresses
-// through Faults::check() before doing anything else.
+// through check_faults() (device.hpp) before doing anything else.
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -23,7 +23,6 @@ struct Rule {
 struct State {
     std::mutex mu;
     std::vector<Rule> rules;
-    std::atomic<size_t> armed{0};  // rules.size(), read without the lock by every call
     int next_id = 1;
     unsigned long injected = 0;
     // Calls that reach no device (unknown handle, a name that is no device, "*").
@@ -39,7 +38,17 @@ bool matches(const std::string &pattern, const std::string &value) {
     return pattern == "*" || pattern == value;
 }
 
+// Sets or clears the "faults armed" bit after the rules changed; called with the lock held.
+void rules_changed(State &s) {
+    if (s.rules.empty())
+        call_watch::state.fetch_and(~call_watch::kFaults, std::memory_order_relaxed);
+    else
+        call_watch::state.fetch_or(call_watch::kFaults, std::memory_order_relaxed);
+}
+
 }  // namespace
+
+std::atomic<uint32_t> call_watch::state{0};
 
 const char *verb_name(Verb verb) {
     static constexpr const char *kNames[] = {
@@ -56,18 +65,20 @@ std::optional<Verb> verb_by_name(std::string_view name) {
     return std::nullopt;
 }
 
-VAPI_ret_t check_faults(Verb verb, Device *dev, const std::string &device_name) {
+VAPI_ret_t check_faults_watched(Verb verb, Device *dev, const std::string &device_name) {
     State &s = st();
+    const uint32_t watch = call_watch::state.load(std::memory_order_relaxed);
     // A call to a device by name counts on that device, like a call by handle.
     if (!dev) dev = device_by_name(device_name);
-    if (dev) {
-        dev->call_counts[size_t(verb)].fetch_add(1, std::memory_order_relaxed);
-    } else {
-        std::lock_guard lk(s.mu);
-        ++s.other_counts[{verb, device_name}];
+    if (watch & call_watch::kCounting) {
+        if (dev) {
+            dev->call_counts[size_t(verb)].fetch_add(1, std::memory_order_relaxed);
+        } else {
+            std::lock_guard lk(s.mu);
+            ++s.other_counts[{verb, device_name}];
+        }
     }
-    // The common case: nothing armed, nothing to compare.
-    if (s.armed.load(std::memory_order_acquire) == 0) return VAPI_OK;
+    if (!(watch & call_watch::kFaults)) return VAPI_OK;
     const char *call = verb_name(verb);
     const std::string &device = dev ? dev->name : device_name;
     std::lock_guard lk(s.mu);
@@ -80,13 +91,13 @@ VAPI_ret_t check_faults(Verb verb, Device *dev, const std::string &device_name) 
                 return status;
             case FaultMode::Once:
                 s.rules.erase(it);
-                s.armed = s.rules.size();
+                rules_changed(s);
                 ++s.injected;
                 return status;
             case FaultMode::Nth:
                 if (--it->remaining > 0) continue;
                 s.rules.erase(it);
-                s.armed = s.rules.size();
+                rules_changed(s);
                 ++s.injected;
                 return status;
         }
@@ -100,7 +111,7 @@ int inject_fault(const std::string &call, const std::string &device, VAPI_ret_t 
     std::lock_guard lk(s.mu);
     int id = s.next_id++;
     s.rules.push_back({id, call, device, status, mode, mode == FaultMode::Nth ? (nth ? nth : 1) : 1});
-    s.armed = s.rules.size();
+    rules_changed(s);
     return id;
 }
 
@@ -108,14 +119,14 @@ void clear_fault(int id) {
     State &s = st();
     std::lock_guard lk(s.mu);
     std::erase_if(s.rules, [id](const Rule &r) { return r.id == id; });
-    s.armed = s.rules.size();
+    rules_changed(s);
 }
 
 void clear_faults() {
     State &s = st();
     std::lock_guard lk(s.mu);
     s.rules.clear();
-    s.armed = 0;
+    rules_changed(s);
 }
 
 unsigned long injected_fault_count() {
@@ -145,6 +156,7 @@ void reset_call_counts() {
     std::lock_guard lk(st().mu);
     st().other_counts.clear();
     st().injected = 0;
+    call_watch::state.fetch_or(call_watch::kCounting, std::memory_order_relaxed);
 }
 
 }  // namespace marlix::softhca

@@ -46,6 +46,10 @@ void engine_kick() {
     if (Engine *e = slot().current.load(std::memory_order_acquire)) e->kick();
 }
 
+void engine_doorbell(Device &dev) {
+    if (Engine *e = slot().current.load(std::memory_order_acquire)) e->doorbell(dev);
+}
+
 EngineKind engine_kind() {
     ensure_booted();
     std::lock_guard lk(slot().mu);

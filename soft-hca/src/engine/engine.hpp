@@ -11,6 +11,8 @@
 
 namespace marlix::softhca {
 
+class Device;
+
 class Engine {
   public:
     virtual ~Engine() = default;
@@ -18,6 +20,9 @@ class Engine {
     // New work was posted (or a state change may have unblocked some). Cheap, lock-free when
     // the engine is already awake; never blocks.
     virtual void kick() = 0;
+    // Work was posted on `dev`: kicks the engine, or (threaded engine) runs it on the caller's
+    // thread when the device's data path is free.
+    virtual void doorbell(Device &dev) { (void)dev, kick(); }
     virtual size_t step() = 0;
     virtual size_t run_until_idle(size_t max_rounds) = 0;
 };
@@ -27,6 +32,13 @@ class Engine {
 // retransmission, an RNR wait or a delayed packet is still to come. Called by one thread at a time.
 size_t run_round(uint64_t now, bool *timers_pending = nullptr);
 
+// A posting thread's pass over one device: its requesters, the wire to the responders and back
+// to the completers, exactly as in a round, when the device's data path token is free and the
+// wire holds nothing the pass could overtake. `Engine`: the engine must run (the token was
+// taken, the wire is busy, or work or a timer is left); `Done`: nothing is left for it.
+enum class PostedRun { Done, Engine };
+PostedRun run_posted(Device &dev, uint64_t now);
+
 std::unique_ptr<Engine> make_threaded_engine();
 std::unique_ptr<Engine> make_stepped_engine();
 
@@ -35,5 +47,7 @@ void engine_start(EngineKind kind);
 void engine_stop();
 // Kicks the running engine, if any.
 void engine_kick();
+// Rings the running engine's doorbell for work posted on `dev` (no device lock held).
+void engine_doorbell(Device &dev);
 
 }  // namespace marlix::softhca

@@ -1,4 +1,6 @@
-// One engine round, the same for both engines.
+// One engine round, the same for both engines, and the same work done for one device by a posting
+// thread that finds the device's data path free.
+#include <memory>
 #include <mutex>
 
 #include "engine/engine.hpp"
@@ -8,16 +10,84 @@ namespace marlix::softhca {
 
 namespace {
 
-// The round's scratch: packets leaving the device, and the replies they provoke. Only the
-// engine's own thread runs rounds, so one set serves every round.
+// A pass's scratch: packets leaving the device, the replies they provoke, and the QPs whose
+// requester ran. Every thread that runs passes (the engine's, posting threads) has its own,
+// allocated the first time it runs one.
 struct Scratch {
     Outbox out;
     Outbox replies;
+    RanQps ran;
 };
 
 Scratch &scratch() {
-    static Scratch s;
-    return s;
+    thread_local std::unique_ptr<Scratch> s;
+    if (!s) s = std::make_unique<Scratch>();
+    return *s;
+}
+
+enum class Pass { Round, Posted };
+
+// Whether the engine must still run for the device after a posting thread's pass: work left on
+// its requesters (a full outbox, a rewind), or a timer armed by a request still unanswered on a
+// QP that ran. Called with the device mutex held.
+bool work_left(Device &d, const RanQps &ran) {
+    if (!d.active_qps.empty() || ran.overflow) return true;
+    for (uint32_t i = 0; i < ran.count; ++i) {
+        const Qp &qp = *ran.qps[i];
+        if (!qp.destroyed && (qp.retransmit_at != 0 || qp.rnr_wait_until != 0)) return true;
+    }
+    return false;
+}
+
+// The requesters of one device and everything their packets provoke, with the device's data
+// path token held by the caller. A round also fires due timers and frees retired records; a
+// posting thread's pass leaves both to the engine and says in `left` whether the engine must run.
+// Returns the work done.
+size_t run_device(Device &d, uint64_t now, Scratch &s, Pass pass, bool *timers_pending, bool *left) {
+    size_t work = 0;
+    Outbox &out = s.out;
+    out.clear();
+    s.ran.clear();
+    PendingEvents events;
+    bool unreliable = false;
+    {
+        std::lock_guard lk(d.mu);
+        if (!d.open || d.failed) return 0;
+        if (pass == Pass::Round) {
+            // Records of QPs destroyed before this round: no packet points into them any more.
+            d.retired.clear();
+            work += run_timers(d, now, events);
+        }
+        work += run_requesters(d, now, out, events, &s.ran);
+        for (uint32_t i = 0; i < out.count; ++i) out.entries[i].from = &d;
+        if (timers_pending && !*timers_pending) *timers_pending = next_timer(d) != 0;
+        // Only requesters add to this list, and they run under the token we hold.
+        unreliable = !d.sent_unreliable.empty();
+        if (out.count == 0 && left) *left = work_left(d, s.ran);
+    }
+    events.deliver(d);
+    if (out.count == 0) return work;
+    // The wire, with no device lock held: requests to their responders, the replies back.
+    s.replies.clear();
+    for (uint32_t i = 0; i < out.count; ++i) transmit(out.entries[i], now, s.replies);
+    // Completers do not reply: the requests' outbox, done with, takes whatever might.
+    out.clear();
+    for (uint32_t i = 0; i < s.replies.count; ++i) transmit(s.replies.entries[i], now, out);
+    if (unreliable || left) {
+        std::lock_guard lk(d.mu);
+        if (unreliable) work += finish_sent(d, events);
+        if (left) *left = work_left(d, s.ran);
+    }
+    events.deliver(d);
+    return work;
+}
+
+// A pass (one device's turn in a round, or a posting thread's pass) counts as a new round for
+// the responders' read and atomic resources on every device its packets may reach, so a
+// responder never counts the requests of two passes against one round.
+void new_pass() {
+    for (size_t di = 0, dn = device_count(); di < dn; ++di)
+        if (Device *d = device_at(di)) new_round(*d);
 }
 
 }  // namespace
@@ -29,33 +99,9 @@ size_t run_round(uint64_t now, bool *timers_pending) {
     for (size_t di = 0, dn = device_count(); di < dn; ++di) {
         Device *d = device_at(di);
         if (!d) continue;
-        Outbox &out = s.out;
-        out.clear();
-        PendingEvents events;
-        {
-            std::lock_guard lk(d->mu);
-            if (!d->open || d->failed) continue;
-            // Records of QPs destroyed before this round: no packet points into them any more.
-            d->retired.clear();
-            new_round(*d);
-            work += run_timers(*d, now, events);
-            work += run_requesters(*d, now, out, events);
-            for (uint32_t i = 0; i < out.count; ++i) out.entries[i].from = d;
-            if (timers_pending && !timers) timers = next_timer(*d) != 0;
-        }
-        events.deliver(*d);
-        if (out.count == 0) continue;
-        // The wire, with no device lock held: requests to their responders, the replies back.
-        s.replies.clear();
-        for (uint32_t i = 0; i < out.count; ++i) transmit(out.entries[i], now, s.replies);
-        // Completers do not reply: the requests' outbox, done with, takes whatever might.
-        out.clear();
-        for (uint32_t i = 0; i < s.replies.count; ++i) transmit(s.replies.entries[i], now, out);
-        {
-            std::lock_guard lk(d->mu);
-            work += finish_sent(*d, events);
-        }
-        events.deliver(*d);
+        std::lock_guard token(d->run_mu);
+        new_pass();
+        work += run_device(*d, now, s, Pass::Round, timers_pending ? &timers : nullptr, nullptr);
     }
     s.replies.clear();
     work += deliver_delayed(now, s.replies);
@@ -64,6 +110,19 @@ size_t run_round(uint64_t now, bool *timers_pending) {
     for (uint32_t i = 0; i < s.replies.count; ++i) transmit(s.replies.entries[i], now, dummy);
     if (timers_pending) *timers_pending = timers || next_delayed() != 0;
     return work;
+}
+
+PostedRun run_posted(Device &dev, uint64_t now) {
+    // Packets held on a delayed link, or links that lose or delay packets, are the engine's: a
+    // pass here could overtake them.
+    if (wire_busy()) return PostedRun::Engine;
+    std::unique_lock token(dev.run_mu, std::try_to_lock);
+    if (!token.owns_lock()) return PostedRun::Engine;
+    Scratch &s = scratch();
+    new_pass();
+    bool left = false;
+    run_device(dev, now, s, Pass::Posted, nullptr, &left);
+    return left ? PostedRun::Engine : PostedRun::Done;
 }
 
 }  // namespace marlix::softhca

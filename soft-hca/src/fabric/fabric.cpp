@@ -2,8 +2,11 @@
 // manager then gives it a LID (the same one again after a replug), tells it where the SM is and
 // moves it through ARMED to ACTIVE. The SM lives on the first port that comes up, normally port 1
 // of InfiniHost0, which therefore carries the IsSM capability bit.
+#include <array>
+#include <atomic>
 #include <cstdio>
 #include <map>
+#include <mutex>
 
 #include "device/path_migration.hpp"
 #include "engine/engine.hpp"
@@ -26,11 +29,22 @@ Fabric &fab() {
     return f;
 }
 
-// LID -> (device, port) of active ports. A leaf lock: nothing else is taken while holding it, so
-// the data path may look up a LID while holding its own device's mutex.
+// LID -> (device, port) of active ports. Sweeps and halt write it under its leaf lock; the data
+// path reads `route`, which mirrors `map`, without any lock.
 struct LidTable {
     std::mutex mu;
     std::map<IB_lid_t, std::pair<Device *, IB_port_t>> map;
+    // (device index + 1) << 8 | port for every LID; 0 for a LID nobody has.
+    std::array<std::atomic<uint32_t>, 0x10000> route{};
+
+    // Replaces the table; called with `mu` held.
+    void assign(std::map<IB_lid_t, std::pair<Device *, IB_port_t>> &&table) {
+        for (auto &[lid, where] : map)
+            if (!table.count(lid)) route[lid].store(0, std::memory_order_release);
+        for (auto &[lid, where] : table)
+            route[lid].store(uint32_t(where.first->index + 1) << 8 | where.second, std::memory_order_release);
+        map = std::move(table);
+    }
 };
 
 LidTable &lids() {
@@ -139,7 +153,7 @@ void sweep_locked() {
     }
     {
         std::lock_guard lk(lids().mu);
-        lids().map = std::move(table);
+        lids().assign(std::move(table));
     }
     for (PendingEvent &e : events) e.dev->raise_async_event(e.rec);
     migrate_lost_paths(lost);
@@ -216,7 +230,7 @@ void fabric_boot(const Options &options) {
 
 void fabric_halt() {
     std::lock_guard lk(lids().mu);
-    lids().map.clear();
+    lids().assign({});
 }
 
 void sweep() {
@@ -236,11 +250,10 @@ bool set_port_disabled(const std::string &device, int port, bool disabled) {
 }
 
 Device *device_by_lid(IB_lid_t lid, IB_port_t *port_out) {
-    std::lock_guard lk(lids().mu);
-    auto it = lids().map.find(lid);
-    if (it == lids().map.end()) return nullptr;
-    if (port_out) *port_out = it->second.second;
-    return it->second.first;
+    const uint32_t where = lids().route[lid].load(std::memory_order_acquire);
+    if (where == 0) return nullptr;
+    if (port_out) *port_out = IB_port_t(where & 0xff);
+    return device_at((where >> 8) - 1);
 }
 
 std::optional<PortStatus> port_status(const std::string &device, int port) {

@@ -159,13 +159,10 @@ void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies) {
     {
         std::lock_guard lk(dest->mu);
         if (!dest->open || dest->failed) return;
-        for (uint32_t i = 0; i < e.segments; ++i) {
-            Packet p = train_segment(e, i);
-            if (op::is_response(p.opcode))
-                complete(*dest, port, p, now, events);
-            else
-                respond(*dest, port, p, replies, events);
-        }
+        if (op::is_response(e.pkt.opcode))
+            for (uint32_t i = 0; i < e.segments; ++i) complete(*dest, port, train_segment(e, i), now, events);
+        else
+            respond_train(*dest, port, e, replies, events);
     }
     events.deliver(*dest);
 }
@@ -189,6 +186,12 @@ size_t deliver_delayed(uint64_t now, Outbox &replies) {
         ++n;
     }
     return n;
+}
+
+bool wire_busy() {
+    Wire &w = wire();
+    return w.any_fault.load(std::memory_order_acquire) ||
+           w.delayed_count.load(std::memory_order_acquire) != 0;
 }
 
 uint64_t next_delayed() {

@@ -12,6 +12,9 @@ namespace marlix::softhca {
 void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies);
 // Delivers the delayed packets that are due. Returns how many.
 size_t deliver_delayed(uint64_t now, Outbox &replies);
+// True when a link loses or delays packets or a delayed packet waits: then only the engine
+// carries packets, in its rounds. Lock-free.
+bool wire_busy();
 // When the next delayed packet is due (0: none waiting).
 uint64_t next_delayed();
 // Forgets every link fault and delayed packet (boot, halt).

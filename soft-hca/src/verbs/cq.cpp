@@ -77,11 +77,11 @@ VAPI_ret_t VAPI_destroy_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl) {
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
     if (cq->qp_users != 0) return VAPI_EBUSY;
     if (cq_hndl < Device::kFastCqHandles) dev.fast_cqs[cq_hndl].store(nullptr, std::memory_order_release);
-    // A poll that looked the CQ up without the lock may still be reading it: the record waits
-    // for the engine's next round.
+    // A poll that looked the CQ up without a lock may still hold it: it finds it dead.
+    cq->kill();
     EventGateRef gate = cq->event_gate;
     auto it = dev.cqs.find(cq_hndl);
-    dev.retired.push_back(std::move(it->second));
+    dev.retired_cqs.push_back(std::move(it->second));
     dev.cqs.erase(it);
     dev.cq_handles.release(cq_hndl);
     // As for a QP: events not started are dropped, running handlers (on other threads) waited for
@@ -97,18 +97,18 @@ VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_w
     static const std::string unknown("?");
     if (VAPI_ret_t rc = check_faults(Verb::VAPI_poll_cq, dev, dev ? dev->name : unknown); rc != VAPI_OK)
         return rc;
-    // Polling an empty CQ is the common case of a busy poller: answered without the device lock,
-    // which the engine needs to fill the CQ.
+    // Polling takes only the CQ's own lock (and none when the CQ is empty, the common case of a
+    // busy poller), never the device mutex that the passes delivering into the device hold.
     if (dev && dev->open.load(std::memory_order_acquire) && comp_desc_p && cq_hndl < Device::kFastCqHandles) {
-        CompletionQueue *fast = dev->fast_cqs[cq_hndl].load(std::memory_order_acquire);
-        if (fast && fast->ready() == 0) return VAPI_CQ_EMPTY;
+        if (CompletionQueue *fast = dev->fast_cqs[cq_hndl].load(std::memory_order_acquire))
+            return fast->ready() == 0 ? VAPI_CQ_EMPTY : fast->pop(comp_desc_p);
     }
     Call call(dev, Call::Checked{});
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
     if (!comp_desc_p) return VAPI_EINVAL_PARAM;
-    return cq->pop(comp_desc_p) ? VAPI_OK : VAPI_CQ_EMPTY;
+    return cq->pop(comp_desc_p);
 }
 
 VAPI_ret_t VAPI_req_comp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
@@ -151,12 +151,11 @@ VAPI_ret_t EVAPI_set_comp_eventh(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hnd
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
     if (!completion_handler || !completion_handler_hndl_p) return VAPI_EINVAL_PARAM;
     // One handler per CQ: a second one must clear the first.
-    if (cq->handler) return VAPI_EBUSY;
     CompletionQueue::Handler h;
     h.fn = completion_handler;
     h.private_data = private_data;
     h.hndl = g_next_handler_hndl.fetch_add(1);
-    cq->handler = h;
+    if (!cq->set_handler(h)) return VAPI_EBUSY;
     *completion_handler_hndl_p = h.hndl;
     return VAPI_OK;
 }
@@ -166,11 +165,7 @@ VAPI_ret_t EVAPI_clear_comp_eventh(VAPI_hca_hndl_t hca_hndl,
     Call call(Verb::EVAPI_clear_comp_eventh, hca_hndl);
     if (call.failed()) return call.status();
     for (auto &[hndl, obj] : call.dev().cqs) {
-        auto *cq = static_cast<CompletionQueue *>(obj.get());
-        if (cq->handler && cq->handler->hndl == completion_handler_hndl) {
-            cq->handler.reset();
-            return VAPI_OK;
-        }
+        if (static_cast<CompletionQueue *>(obj.get())->clear_handler(completion_handler_hndl)) return VAPI_OK;
     }
     return VAPI_EINVAL_COMPL_HNDL;
 }

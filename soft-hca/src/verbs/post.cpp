@@ -149,10 +149,10 @@ VAPI_ret_t post_sends(Call &call, VAPI_qp_hndl_t qp_hndl, const VAPI_sr_desc_t *
         events.deliver(dev);
         return VAPI_OK;
     }
-    // The doorbell: the requester takes it from here, on the engine.
+    // The doorbell: the requester takes it from here, on the engine (or on this thread).
     activate(dev, *qp);
     call.unlock();
-    engine_kick();
+    engine_doorbell(dev);
     return VAPI_OK;
 }
 

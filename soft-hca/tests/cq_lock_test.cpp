@@ -1,0 +1,53 @@
+// A CQ has its own lock: polling it never waits for the device mutex, which the passes that
+// deliver into the device hold.
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+#include "datapath_fixture.hpp"
+#include "device/device.hpp"
+
+namespace {
+
+using namespace dp;
+
+class CqLock : public DataPathTest {};
+
+TEST_F(CqLock, PollingDoesNotWaitForTheDeviceMutex) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    ASSERT_EQ(post_recv(b, 3, {dst.sg(0, 64)}), VAPI_OK);
+    ASSERT_EQ(post_send(a, 4, VAPI_SEND, {src.sg(0, 16)}), VAPI_OK);
+    run();
+    std::atomic<bool> polled{false};
+    VAPI_wc_desc_t wc{};
+    VAPI_ret_t rc = VAPI_EGEN;
+    std::thread poller;
+    {
+        sh::Device *dev = sh::device_by_handle(s1.hca);
+        std::lock_guard held(dev->mu);  // as a pass delivering into the device would
+        poller = std::thread([&] {
+            rc = VAPI_poll_cq(s1.hca, s1.cq, &wc);
+            polled = true;
+        });
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!polled && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+        EXPECT_TRUE(polled.load()) << "the poll waited for the device mutex";
+    }
+    poller.join();
+    EXPECT_EQ(rc, VAPI_OK);
+    EXPECT_EQ(wc.id, 3u);
+    EXPECT_EQ(wc.byte_len, 16u);
+}
+
+TEST_F(CqLock, ADestroyedCqAnswersAnInvalidHandle) {
+    VAPI_cq_hndl_t cq = 0;
+    VAPI_cqe_num_t n = 0;
+    ASSERT_EQ(VAPI_create_cq(s0.hca, 15, &cq, &n), VAPI_OK);
+    ASSERT_EQ(VAPI_destroy_cq(s0.hca, cq), VAPI_OK);
+    VAPI_wc_desc_t wc{};
+    EXPECT_EQ(VAPI_poll_cq(s0.hca, cq, &wc), VAPI_EINVAL_CQ_HNDL);
+}
+
+}  // namespace

@@ -1,0 +1,181 @@
+// Long messages: a send or RDMA write of many packets crosses a healthy link as one train, whose
+// middle packets the responder places in one go. Every byte, every completion and every counted
+// packet must be what the packets one by one would give.
+#include "datapath_fixture.hpp"
+
+namespace {
+
+using namespace dp;
+
+class Trains : public DataPathTest {};
+
+TEST_F(Trains, TwentyPacketWriteLandsWholeAndCountsEveryPacket) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 40000), &dst = buffer(s1, 41000, kAllAccess, 0xee);
+    pattern(src, 9);
+    auto before0 = port_counters(s0), before1 = port_counters(s1);
+    ASSERT_EQ(post_send(a, 5, VAPI_RDMA_WRITE, {src.sg(0, 40000)}, dst.addr() + 600, dst.rkey), VAPI_OK);
+    run();
+    auto wcs = poll(s0);
+    ASSERT_EQ(wcs.size(), 1u);
+    EXPECT_EQ(wcs[0].status, VAPI_SUCCESS);
+    EXPECT_EQ(wcs[0].id, 5u);
+    EXPECT_EQ(wcs[0].byte_len, 40000u);
+    EXPECT_EQ(0, std::memcmp(dst.bytes.data() + 600, src.bytes.data(), 40000));
+    EXPECT_EQ(dst.bytes[599], 0xee);
+    EXPECT_EQ(dst.bytes[40600], 0xee);
+    // 19 packets of 2048 and one of 1088; the first carries the RETH; each adds LRH, BTH, ICRC.
+    auto after0 = port_counters(s0), after1 = port_counters(s1);
+    const uint32_t words = (40000 + 16 + 20 * 24) / 4;
+    EXPECT_EQ(after0[2] - before0[2], 20u);
+    EXPECT_EQ(after1[3] - before1[3], 20u);
+    EXPECT_EQ(after0[0] - before0[0], words);
+    EXPECT_EQ(after1[1] - before1[1], words);
+    EXPECT_EQ(after1[2] - before1[2], 1u);  // one ACK, for the last packet
+}
+
+TEST_F(Trains, LongSendScattersAcrossReceivePiecesOnBothTransports) {
+    for (VAPI_ts_type_t ts : {VAPI_TS_RC, VAPI_TS_UC}) {
+        SCOPED_TRACE(ts == VAPI_TS_RC ? "RC" : "UC");
+        auto [a, b] = pair(ts, s0, s1);
+        Buffer &src = buffer(s0, 12000), &dst = buffer(s1, 14000, kAllAccess, 0xee);
+        pattern(src, 3);
+        // Six packets; the receive pieces end inside the middle packets.
+        ASSERT_EQ(post_recv(b, 8, {dst.sg(0, 3000), dst.sg(4000, 5000), dst.sg(10000, 4000)}), VAPI_OK);
+        ASSERT_EQ(post_send(a, 4, VAPI_SEND, {src.sg(0, 11000)}), VAPI_OK);
+        run();
+        auto sent = poll(s0);
+        ASSERT_EQ(sent.size(), 1u);
+        EXPECT_EQ(sent[0].status, VAPI_SUCCESS);
+        EXPECT_EQ(sent[0].byte_len, 11000u);
+        auto got = poll(s1);
+        ASSERT_EQ(got.size(), 1u);
+        EXPECT_EQ(got[0].status, VAPI_SUCCESS);
+        EXPECT_EQ(got[0].id, 8u);
+        EXPECT_EQ(got[0].byte_len, 11000u);
+        EXPECT_EQ(0, std::memcmp(dst.bytes.data(), src.bytes.data(), 3000));
+        EXPECT_EQ(0, std::memcmp(dst.bytes.data() + 4000, src.bytes.data() + 3000, 5000));
+        EXPECT_EQ(0, std::memcmp(dst.bytes.data() + 10000, src.bytes.data() + 8000, 3000));
+        EXPECT_EQ(dst.bytes[3500], 0xee);
+        EXPECT_EQ(dst.bytes[9500], 0xee);
+        EXPECT_EQ(dst.bytes[13500], 0xee);
+    }
+}
+
+TEST_F(Trains, SendOverflowingTheReceiveInAMiddlePacketIsAnInvalidRequest) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 10000), &dst = buffer(s1, 10000, kAllAccess, 0xee);
+    pattern(src, 1);
+    // The third of five packets no longer fits the 5000-byte receive request.
+    ASSERT_EQ(post_recv(b, 7, {dst.sg(0, 5000)}), VAPI_OK);
+    ASSERT_EQ(post_send(a, 1, VAPI_SEND, {src.sg(0, 10000)}), VAPI_OK);
+    run();
+    auto r = poll(s1);
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].status, VAPI_LOC_LEN_ERR);
+    auto s = poll(s0);
+    ASSERT_EQ(s.size(), 1u);
+    EXPECT_EQ(s[0].status, VAPI_REM_INV_REQ_ERR);
+    EXPECT_EQ(state(a), VAPI_ERR);
+    EXPECT_EQ(state(b), VAPI_ERR);
+    EXPECT_EQ(0, std::memcmp(dst.bytes.data(), src.bytes.data(), 4096));  // the packets that fitted
+    EXPECT_EQ(dst.bytes[5000], 0xee);
+}
+
+TEST_F(Trains, WriteBeyondTheRegionInAMiddlePacketIsARemoteAccessError) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 10000), &dst = buffer(s1, 4000);
+    // The region ends inside the second packet: the first packet's key check refuses the write.
+    ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 10000)}, dst.addr(), dst.rkey), VAPI_OK);
+    run();
+    auto s = poll(s0);
+    ASSERT_EQ(s.size(), 1u);
+    EXPECT_EQ(s[0].status, VAPI_REM_ACCESS_ERR);
+    EXPECT_EQ(state(b), VAPI_ERR);
+}
+
+// On the threaded engine a post whose device's data path is free does the work on the posting
+// thread: the completion is there when the post returns.
+class PostingThread : public DataPathTest {
+  protected:
+    PostingThread() { engine_ = sh::EngineKind::Threaded; }
+};
+
+TEST_F(PostingThread, CompletesTheRequestBeforeThePostReturns) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 8192), &dst = buffer(s1, 8192);
+    pattern(src, 5);
+    run();  // the engine has nothing left to do and is not running a round
+    ASSERT_EQ(post_recv(b, 2, {dst.sg(0, 8192)}), VAPI_OK);
+    ASSERT_EQ(post_send(a, 1, VAPI_SEND, {src.sg(0, 6000)}), VAPI_OK);
+    VAPI_wc_desc_t wc{};
+    ASSERT_EQ(VAPI_poll_cq(s0.hca, s0.cq, &wc), VAPI_OK);
+    EXPECT_EQ(wc.id, 1u);
+    EXPECT_EQ(wc.status, VAPI_SUCCESS);
+    ASSERT_EQ(VAPI_poll_cq(s1.hca, s1.cq, &wc), VAPI_OK);
+    EXPECT_EQ(wc.id, 2u);
+    EXPECT_EQ(wc.byte_len, 6000u);
+    EXPECT_EQ(0, std::memcmp(dst.bytes.data(), src.bytes.data(), 6000));
+}
+
+TEST_F(PostingThread, LeavesADelayedLinkToTheEngine) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    run();
+    sh::LinkFaults delay;
+    delay.delay_ms = 1;
+    ASSERT_TRUE(sh::set_link_faults("InfiniHost1", 1, delay));
+    ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 8)}, dst.addr(), dst.rkey), VAPI_OK);
+    VAPI_wc_desc_t wc{};
+    EXPECT_EQ(VAPI_poll_cq(s0.hca, s0.cq, &wc), VAPI_CQ_EMPTY);  // held on the link, not done here
+    ASSERT_TRUE(sh::set_link_faults("InfiniHost1", 1, {}));
+    // The engine delivers it once the delay has passed.
+    sh::advance_clock(2);
+    for (int i = 0; i < 2000 && VAPI_poll_cq(s0.hca, s0.cq, &wc) != VAPI_OK; ++i) sh::run_until_idle();
+    EXPECT_EQ(wc.id, 1u);
+    EXPECT_EQ(wc.status, VAPI_SUCCESS);
+}
+
+}  // namespace
+
+namespace {
+
+// Bursts of RDMA reads, more than the responder takes at once, each posted as one list: the
+// posting thread's pass sends what the limit allows and leaves the rest to the engine's turns.
+// Each pass of the sender is a new round for the responder, so no read is refused for exceeding
+// its limit.
+TEST_F(PostingThread, BurstsOfReadsStayWithinTheRespondersLimit) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);  // 4 reads outstanding each way
+    Buffer &local = buffer(s0, 4096), &remote = buffer(s1, 4096);
+    pattern(remote, 7);
+    constexpr uint32_t kBurst = 15;
+    std::vector<VAPI_sg_lst_entry_t> sg(kBurst);
+    std::vector<VAPI_sr_desc_t> reads(kBurst);
+    for (uint64_t burst = 0; burst < 100; ++burst) {
+        for (uint32_t i = 0; i < kBurst; ++i) {
+            const uint32_t at = uint32_t((burst * kBurst + i) % 512) * 8;
+            sg[i] = local.sg(at, 8);
+            VAPI_sr_desc_t &d = reads[i];
+            d = {};
+            d.id = burst * kBurst + i;
+            d.opcode = VAPI_RDMA_READ;
+            d.comp_type = VAPI_SIGNALED;
+            d.sg_lst_p = &sg[i];
+            d.sg_lst_len = 1;
+            d.remote_addr = remote.addr() + at;
+            d.r_key = remote.rkey;
+        }
+        ASSERT_EQ(EVAPI_post_sr_list(s0.hca, a.hndl, kBurst, reads.data()), VAPI_OK);
+        VAPI_wc_desc_t wc{};
+        for (uint32_t done = 0; done < kBurst;) {
+            if (VAPI_poll_cq(s0.hca, s0.cq, &wc) != VAPI_OK) continue;
+            ASSERT_EQ(wc.status, VAPI_SUCCESS) << "read " << wc.id;
+            ASSERT_EQ(wc.id, burst * kBurst + done);
+            ++done;
+        }
+    }
+    EXPECT_EQ(0, std::memcmp(local.bytes.data(), remote.bytes.data(), 4096));
+    EXPECT_EQ(state(b), VAPI_RTS);
+}
+
+}  // namespace
