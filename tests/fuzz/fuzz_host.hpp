@@ -42,13 +42,16 @@ inline std::vector<k::Allocation> module_allocations() {
     return out;
 }
 
-inline void boot_machine() {
+// The stepped engine runs the devices only when the harness steps them, so that every run of an
+// input sees the same packets, completions and events.
+inline void boot_machine(hca::EngineKind engine = hca::EngineKind::Threaded) {
     k::BootOptions options;
     options.clock = k::ClockMode::Virtual;
     k::boot(options);
     st::boot();
     hca::Options hca_options;
     hca_options.device_count = 2;
+    hca_options.engine = engine;
     hca::boot(hca_options);
 }
 
