@@ -100,8 +100,8 @@ ox_return_t oxi_mlx_poll_for_completion(ox_opened_hca_t *opened_hca_p, ox_cq_h_t
             AD_TAVOR_ERROR(
                 "MRX: completion_status: %d (MLX: %d, syndrom: %d), total err num: %d (not print flush "
                 "errors)",
-                (int)completion_status, (int)vapi_status,
-                (int)wc_desc.vendor_err_syndrome, (int)ox_mlx_logged_completion_errors);
+                (int)completion_status, (int)vapi_status, (int)wc_desc.vendor_err_syndrome,
+                (int)ox_mlx_logged_completion_errors);
         }
     }
     return ox_return_ok;

@@ -48,7 +48,9 @@ size_t g_baseline_allocations;
 unsigned long g_events;
 long long g_cq_empty;  // ox_return_err_cq_empty
 
-void on_completion(uint64_t) { g_events++; }
+void on_completion(uint64_t) {
+    g_events++;
+}
 
 uint64_t take(const uint8_t *&p, const uint8_t *end, size_t n) {
     uint64_t v = 0;
@@ -109,7 +111,8 @@ long long expected_status(uint32_t vapi_status, long long callers) {
     return callers;
 }
 
-void check_generic(const VAPI_wc_desc_t &in, const std::vector<unsigned char> &out, long long callers_status) {
+void check_generic(const VAPI_wc_desc_t &in, const std::vector<unsigned char> &out,
+                   long long callers_status) {
     // Compared in their low 32 bits: enumeration fields read back as the compiler's unsigned type.
     auto expect = [&](const char *field, long long want) {
         long long got = wc_field(out, field);
@@ -129,8 +132,8 @@ void check_generic(const VAPI_wc_desc_t &in, const std::vector<unsigned char> &o
     expect("addres_info.slid", in.remote_node_addr.slid);
     const uint32_t type = raw32(in.remote_node_addr.type);
     int found = 0;
-    static const char *const kTypes[] = {"ox_qp_type_r_dgram", "ox_qp_type_u_dgram", "ox_qp_type_special_raw_eter",
-                                         "ox_qp_type_special_raw_ipv6"};
+    static const char *const kTypes[] = {"ox_qp_type_r_dgram", "ox_qp_type_u_dgram",
+                                         "ox_qp_type_special_raw_eter", "ox_qp_type_special_raw_ipv6"};
     expect("addres_info.remote_qp_type", dpl_const(type < 4 ? kTypes[type] : "ox_qp_type_not_valid", &found));
 }
 

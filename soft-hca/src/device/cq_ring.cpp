@@ -45,8 +45,8 @@ void CompletionQueue::arm(VAPI_cq_notif_type_t type) {
 
 std::optional<CompletionEvent> CompletionQueue::complete(const VAPI_wc_desc_t &wc, bool solicited) {
     push(wc);
-    bool due =
-        armed_ == VAPI_NEXT_COMP || (armed_ == VAPI_SOLIC_COMP && (solicited || raw_value(wc.status) != VAPI_SUCCESS));
+    bool due = armed_ == VAPI_NEXT_COMP ||
+               (armed_ == VAPI_SOLIC_COMP && (solicited || raw_value(wc.status) != VAPI_SUCCESS));
     if (armed_count_ != 0 && count_ >= armed_count_) due = true;
     if (!due) return std::nullopt;
     armed_ = VAPI_NOTIF_NONE;
