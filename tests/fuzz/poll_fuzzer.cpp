@@ -52,12 +52,6 @@ void on_completion(uint64_t) {
     g_events++;
 }
 
-uint64_t take(const uint8_t *&p, const uint8_t *end, size_t n) {
-    uint64_t v = 0;
-    for (size_t i = 0; i < n && p < end; i++) v |= static_cast<uint64_t>(*p++) << (8 * i);
-    return v;
-}
-
 // Fills a field of any integer or enumeration type with raw bytes of the input.
 template <class F>
 void fill(F &field, const uint8_t *&p, const uint8_t *end) {
@@ -153,10 +147,7 @@ void inject_poll_fault(uint8_t status_byte) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    boot_machine(hca::EngineKind::Stepped);
-    load_module();
-    g_funcs = ulp_find_provider("mlx");
-    if (!g_funcs) finding("provider mlx not registered");
+    g_funcs = start(hca::EngineKind::Stepped);
     if (ulp_hca_open(g_funcs, kDevice, nullptr, &g_hca) != 0) finding("HCA open failed");
     if (ulp_cq_create(g_funcs, g_hca, 32, on_completion, nullptr, &g_cq, &g_cq_size) != 0)
         finding("CQ create failed");
@@ -235,11 +226,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (poll_generic(0) != 0) finding("the CQ does not give back what was pushed");
     if (poll_generic(0) != g_cq_empty) finding("the drained CQ is not empty");
     k::irq_sync();
-    check_kernel_reports();
-    auto left = module_allocations();
-    if (left.size() != g_baseline_allocations)
-        finding("module holds " + std::to_string(left.size()) + " allocations instead of " +
-                std::to_string(g_baseline_allocations));
-    k::log_clear();
+    check_after_input(g_baseline_allocations);
     return 0;
 }

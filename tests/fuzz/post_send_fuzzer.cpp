@@ -87,12 +87,6 @@ unsigned char *g_peer;
 size_t g_baseline_allocations;
 long long g_ok;
 
-uint64_t take(const uint8_t *&p, const uint8_t *end, size_t n) {
-    uint64_t v = 0;
-    for (size_t i = 0; i < n && p < end; i++) v |= static_cast<uint64_t>(*p++) << (8 * i);
-    return v;
-}
-
 long long constant(const char *name) {
     int found = 0;
     long long v = dpl_const(name, &found);
@@ -215,31 +209,30 @@ void read_request(const uint8_t *&p, const uint8_t *end, const Pair &pr, long lo
     if (keys & 16) q_key = std::strcmp(pr.t->name, "gsi") == 0 ? kGsiQkey : pair::kQkey;
 
     // The fields of the transport the request is posted as; other operation types get none.
-    const std::string base = "type.send.send_qp_type.";
-    if (op_type == constant("ox_operation_type_send_rc")) {
-        set("ox_wr_t", wr, base + "rc_type.fance_indicator", fence);
-        set("ox_wr_t", wr, base + "rc_type.r_addr", static_cast<long long>(r_addr));
-        set("ox_wr_t", wr, base + "rc_type.r_r_key", r_key);
-        set("ox_wr_t", wr, base + "rc_type.atomic", atomic);
-        set("ox_wr_t", wr, base + "rc_type.atomic_operands.atom_first_operand", operand1);
-        set("ox_wr_t", wr, base + "rc_type.atomic_operands.atom_second_operand", operand2);
-    } else if (op_type == constant("ox_operation_type_send_uc")) {
-        set("ox_wr_t", wr, base + "uc_type.r_addr", static_cast<long long>(r_addr));
-        set("ox_wr_t", wr, base + "uc_type.r_r_key", r_key);
-        set("ox_wr_t", wr, base + "uc_type.atomic", atomic);
-        set("ox_wr_t", wr, base + "uc_type.atomic_operands.atom_first_operand", operand1);
-        set("ox_wr_t", wr, base + "uc_type.atomic_operands.atom_second_operand", operand2);
-    } else if (op_type == constant("ox_operation_type_send_rd")) {
-        set("ox_wr_t", wr, base + "rd_type.fance_indicator", fence);
-        set("ox_wr_t", wr, base + "rd_type.r_addr", static_cast<long long>(r_addr));
-        set("ox_wr_t", wr, base + "rd_type.r_r_key", r_key);
-        set("ox_wr_t", wr, base + "rd_type.r_qp_num", r_qp);
-        set("ox_wr_t", wr, base + "rd_type.r_q_key", q_key);
-    } else if (op_type == constant("ox_operation_type_send_ud")) {
-        set("ox_wr_t", wr, base + "ud_type.r_add_h", ah);
-        set("ox_wr_t", wr, base + "ud_type.r_qp_num", r_qp);
-        set("ox_wr_t", wr, base + "ud_type.r_q_key", q_key);
+    const bool rc = op_type == constant("ox_operation_type_send_rc");
+    const bool uc = op_type == constant("ox_operation_type_send_uc");
+    const bool rd = op_type == constant("ox_operation_type_send_rd");
+    const bool ud = op_type == constant("ox_operation_type_send_ud");
+    const std::string variant = std::string("type.send.send_qp_type.") + (rc   ? "rc_type."
+                                                                          : uc ? "uc_type."
+                                                                          : rd ? "rd_type."
+                                                                               : "ud_type.");
+    auto field = [&](const char *name, long long value) { set("ox_wr_t", wr, variant + name, value); };
+    if (rc || uc || rd) {
+        field("r_addr", static_cast<long long>(r_addr));
+        field("r_r_key", r_key);
     }
+    if (rc || rd) field("fance_indicator", fence);
+    if (rc || uc) {
+        field("atomic", atomic);
+        field("atomic_operands.atom_first_operand", operand1);
+        field("atomic_operands.atom_second_operand", operand2);
+    }
+    if (rd || ud) {
+        field("r_qp_num", r_qp);
+        field("r_q_key", q_key);
+    }
+    if (ud) field("r_add_h", ah);
 
     // Gather entries: the first 16 from the input, the rest empty entries in the buffer.
     const uint32_t l_key_valid = g_side[0].l_key;
@@ -298,10 +291,7 @@ void drain(int side, void *cq, std::map<uint64_t, int> &accepted) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    boot_machine(hca::EngineKind::Stepped);
-    load_module();
-    g_funcs = ulp_find_provider("mlx");
-    if (!g_funcs) finding("provider mlx not registered");
+    g_funcs = start(hca::EngineKind::Stepped);
     for (int side = 0; side < 2; side++) {
         g_side[side].funcs = g_funcs;
         if (ulp_hca_open(g_funcs, kDevices[side], nullptr, &g_side[side].hca) != 0)
@@ -404,11 +394,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     hca::run_until_idle(10000);
     k::irq_sync();
 
-    check_kernel_reports();
-    auto left = module_allocations();
-    if (left.size() != g_baseline_allocations)
-        finding("module holds " + std::to_string(left.size()) + " allocations instead of " +
-                std::to_string(g_baseline_allocations));
-    k::log_clear();
+    check_after_input(g_baseline_allocations);
     return 0;
 }
