@@ -62,11 +62,11 @@ struct System {
         if (up::connect(side[0], side[1], "rc", 1024, 512) != 0) std::abort();
         for (int i = 0; i < 2; ++i) {
             long long v = 0;
-            adp_get("ox_opened_hca_t", side[i].hca, "hca_h", &v);
+            layout_get(adp_layout(), "ox_opened_hca_t", side[i].hca, "hca_h", &v);
             hca[i] = VAPI_hca_hndl_t(v);
-            dpl_get("ox_opened_qp_t", side[i].qp, "qp_h", &v);
+            layout_get(dpl_layout(), "ox_opened_qp_t", side[i].qp, "qp_h", &v);
             qp[i] = VAPI_qp_hndl_t(v);
-            dpl_get("ox_opened_cq_t", side[i].cq, "cq_h", &v);
+            layout_get(dpl_layout(), "ox_opened_cq_t", side[i].cq, "cq_h", &v);
             cq[i] = VAPI_cq_hndl_t(v);
             buf[i].assign(4096, uint8_t(i));
             unsigned long adv = 0;

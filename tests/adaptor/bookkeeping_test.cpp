@@ -51,7 +51,7 @@ TEST_F(Bookkeeping, StatisticsAreZeroAfterLoad) {
     load_ok();
     auto *stats = exported<unsigned char>("g_stat");
     ASSERT_NE(nullptr, stats);
-    std::vector<unsigned char> zero(adp_sizeof("tavor_stats"), 0);
+    std::vector<unsigned char> zero(layout_sizeof(adp_layout(), "tavor_stats"), 0);
     ASSERT_GT(zero.size(), 200u);
     EXPECT_EQ(0, std::memcmp(zero.data(), stats, zero.size()));
 }
@@ -94,12 +94,13 @@ TEST_F(Bookkeeping, AccountingTableAfterLoad) {
         EXPECT_EQ(19u, std::strlen(adp_alloc_row_name(table, i))) << i;
     }
     auto size = [&](const char *ix) { return alloc_row(mem_ix(ix))["struct_size"]; };
-    EXPECT_EQ(static_cast<long long>(adp_sizeof("ox_opened_hca_t")), size("mem_hca_ix"));
-    EXPECT_EQ(static_cast<long long>(adp_sizeof("ox_gen_mr_element_t")), size("mem_mr_ix"));
+    EXPECT_EQ(static_cast<long long>(layout_sizeof(adp_layout(), "ox_opened_hca_t")), size("mem_hca_ix"));
+    EXPECT_EQ(static_cast<long long>(layout_sizeof(adp_layout(), "ox_gen_mr_element_t")), size("mem_mr_ix"));
     EXPECT_GT(size("mem_cq_ix"), 0);
     EXPECT_EQ(40, size("mem_tasklet_ix"));  // struct tasklet_struct on x86_64
     EXPECT_GT(size("mem_qp_ix"), 232);      // holds a send descriptor and 8 gather entries
-    EXPECT_EQ(static_cast<long long>(adp_sizeof("ox_asy_ev_element_t")), size("mem_async_ix"));
+    EXPECT_EQ(static_cast<long long>(layout_sizeof(adp_layout(), "ox_asy_ev_element_t")),
+              size("mem_async_ix"));
     EXPECT_EQ(0, size("mem_gen_mem_array_p_ix"));
     EXPECT_EQ(8000, size("mem_opened_cq_array_ix"));
     EXPECT_EQ(8000, size("mem_opened_qp_array_ix"));

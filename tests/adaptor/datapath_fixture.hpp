@@ -13,48 +13,27 @@
 
 #include "adaptor_fixture.hpp"
 #include "datapath_layout.h"
+#include "layout_view.hpp"
 #include "ulp_datapath.h"
 
 namespace adaptor_test {
 
 // A data path constant of the module; a name the module does not define fails the test.
 inline long long dp_const(const char *name) {
-    int found = 0;
-    long long value = dpl_const(name, &found);
-    EXPECT_TRUE(found) << "no data path constant " << name;
-    return value;
+    return layout_constant(dpl_layout(), name);
 }
 
 // One data path record, read and written by field name (see datapath_layout.h).
-class DpView {
+class DpView : public LayoutView {
   public:
-    DpView(const char *record, void *base) : record_(record), base_(static_cast<char *>(base)) {}
-    long long operator[](const char *field) const {
-        long long value = 0;
-        EXPECT_EQ(0, dpl_get(record_, base_, field, &value)) << record_ << "." << field;
-        return value;
-    }
-    const DpView &set(const char *field, long long value) const {
-        EXPECT_EQ(0, dpl_set(record_, base_, field, value)) << record_ << "." << field;
-        return *this;
-    }
-    void *at(const char *field) const {
-        long offset = dpl_offset(record_, field);
-        EXPECT_GE(offset, 0) << record_ << "." << field;
-        return base_ + offset;
-    }
-    void *base() const { return base_; }
-
-  private:
-    const char *record_;
-    char *base_;
+    DpView(const char *record, void *base) : LayoutView(dpl_layout(), record, base) {}
 };
 
 // A zeroed buffer holding `count` records of a kind, with views on each.
 class DpRecords {
   public:
     DpRecords(const char *record, size_t count = 1)
-        : record_(record), size_(dpl_sizeof(record)), bytes_(size_ * count, 0) {
+        : record_(record), size_(layout_sizeof(dpl_layout(), record)), bytes_(size_ * count, 0) {
         EXPECT_NE(0u, size_) << record;
     }
     DpView operator[](size_t i) { return DpView(record_, bytes_.data() + i * size_); }

@@ -1,6 +1,6 @@
-/* The data path's records as the module's headers define them, for the tests: field offsets,
- * sizes and signedness by name, constants by name, and tracking records for QPs and CQs a test
- * created through VAPI itself (see module_layout.h for why this is C).
+/* The data path's records as the module's headers define them, for the tests: a layout table
+ * (field offsets, sizes and signedness by name, constants by name), and tracking records for QPs and CQs a
+ * test created through VAPI itself (see module_layout.h for why this is C).
  *
  * Records known: "ox_wr_t", "ox_scatgat_t", "ox_wc_t", "ox_add_vec_t", "ox_fmr_t", "ox_fmr_map_t",
  * "ox_opened_qp_t" (qp_h, qp_num, type, s_sl.acquisitions, and the descriptors sr_desc,
@@ -11,15 +11,14 @@
 
 #include <stddef.h>
 
+#include "layout-table.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-size_t dpl_sizeof(const char *record);
-long dpl_offset(const char *record, const char *field);
-int dpl_get(const char *record, const void *base, const char *field, long long *value);
-int dpl_set(const char *record, void *base, const char *field, long long value);
-long long dpl_const(const char *name, int *found);
+/* The data path's layout table (layout-table.h). */
+const struct layout_table *dpl_layout(void);
 
 /* A QP tracking record for a VAPI QP, linked on the HCA as QP creation links it, its descriptors
  * filled with the byte 0x5a and its s_sl unlocked. */

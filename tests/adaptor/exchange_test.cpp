@@ -24,10 +24,6 @@ class Exchange : public DataPathFixture, public ::testing::WithParamInterface<hc
         }
     }
     void TearDown() override {
-        // An error completion also raises an asynchronous event (the QP went to error) on the
-        // interrupt thread; the module's handler looks the QP's record up, so it must have run
-        // before the upper layer destroys the QP, as a driver quiesces its events before teardown.
-        k::irq_sync();
         pair::release(side[0]);
         pair::release(side[1]);
         DataPathFixture::TearDown();

@@ -321,7 +321,7 @@ class HcaOpenFailure : public HcaOpen {
 };
 
 TEST_F(HcaOpenFailure, RecordAllocation) {
-    size_t size = adp_sizeof("ox_opened_hca_t");
+    size_t size = layout_sizeof(adp_layout(), "ox_opened_hca_t");
     fail_alloc(size, "oxi_mlx_hca_open");
     EXPECT_EQ(kAllocMem, open_failing());
     EXPECT_EQ((std::vector<std::string>{
@@ -493,7 +493,7 @@ TEST_F(HcaOpenFailure, GenericRegionRegistration) {
 }
 
 TEST_F(HcaOpenFailure, GenericElementAllocationDestroysTheRegion) {
-    fail_alloc(adp_sizeof("ox_gen_mr_element_t"), "ox_mlx_gen_mr_register");
+    fail_alloc(layout_sizeof(adp_layout(), "ox_gen_mr_element_t"), "ox_mlx_gen_mr_register");
     EXPECT_EQ(kErr, open_failing());
     EXPECT_EQ((std::vector<std::string>{
                   ad_error("ox_mlx_gen_mr_register", "Fail to allocate memory: ox_gen_mr_element_t"),
@@ -511,7 +511,7 @@ TEST_F(HcaOpenFailure, GenericElementAllocationDestroysTheRegion) {
 }
 
 TEST_F(HcaOpenFailure, GenericElementAllocationAndRegionDestroy) {
-    fail_alloc(adp_sizeof("ox_gen_mr_element_t"), "ox_mlx_gen_mr_register");
+    fail_alloc(layout_sizeof(adp_layout(), "ox_gen_mr_element_t"), "ox_mlx_gen_mr_register");
     hca::inject_fault("VAPI_deregister_mr", "InfiniHost0", VAPI_EBUSY);
     EXPECT_EQ(kErr, open_failing());
     auto errors = this->errors();

@@ -3,8 +3,6 @@
 #include <stddef.h>
 #include <string.h>
 
-#include "record-field.h"
-
 #include <linux/slab.h>
 
 #include "adaptor-tavor.h"
@@ -20,200 +18,220 @@
 #include "tracking-lookup.h"
 #include "gather-address.h"
 
+#include "layout-table.h"
 #include "module_layout.h"
-
-struct adp_field {
-    const char *record;
-    const char *field;
-    size_t offset;
-    size_t size;
-    int is_signed;
-};
-
-#define ADP_INT(record, field)                                               \
-    {#record, #field, offsetof(record, field), sizeof(((record *)0)->field), \
-     (__typeof__(((record *)0)->field))-1 < (__typeof__(((record *)0)->field))1},
-#define ADP_PTR(record, field) {#record, #field, offsetof(record, field), sizeof(void *), 0},
 
 typedef struct tavor_stats tavor_stats;
 typedef struct vapi_err_st vapi_err_st;
 
-#define STAT(f) ADP_INT(tavor_stats, f)
-static const struct adp_field fields[] = {
-    STAT(error_num) STAT(last_error_num) STAT(VAPI_error_num) STAT(last_VAPI_error_num)
-        STAT(mem_alloc_error_num) STAT(last_mem_alloc_error_num) STAT(opend_device_num) STAT(pd_num)
-            STAT(last_pd_num) STAT(cq_num) STAT(last_cq_num) STAT(qp_num) STAT(last_qp_num) STAT(ah_num)
-                STAT(last_ah_num) STAT(mr_num) STAT(last_mr_num) STAT(mg_num) STAT(last_mg_num)
-                    STAT(post_s_num) STAT(last_post_s_num) STAT(inline_send_num) STAT(inline_send_num_last)
-                        STAT(post_s_list_num) STAT(last_post_s_list_num) STAT(post_vapi_s_num){
-                            "tavor_stats", "acc_sg", offsetof(tavor_stats, acc_sg.counter), sizeof(int), 1},
-    STAT(post_r_num) STAT(last_post_r_num) STAT(post_r_list_num) STAT(last_post_r_list_num) STAT(
-        post_vapi_r_num) STAT(rx_byte) STAT(last_rx_byte) STAT(tx_byte) STAT(last_tx_byte)
-        STAT(com_notify_num) STAT(last_com_notify_num) STAT(poll_num) STAT(last_poll_num) STAT(
-            poll_vapi_num) STAT(poll_cq_empty_num) STAT(last_poll_cq_empty_num) STAT(ox_receive_error_status)
-            STAT(ox_receive_last_error_status) STAT(ox_send_error_status) STAT(
-                ox_send_last_error_status) STAT(com_event_num) STAT(last_com_event_num) STAT(async_event_num)
-                STAT(last_async_event_num) STAT(mem_reg_miss) STAT(mem_reg_hit) STAT(total_if_number) STAT(
-                    total_sort_if_number) STAT(total_if_number_new) STAT(total_if_number_error)
-                    STAT(num_of_max_poll) STAT(last_num_of_max_poll) STAT(registered_async_event_cb_num) STAT(
-                        last_registered_async_event_cb_num)
+#define STAT(f) LAYOUT_INT(tavor_stats, f)
 
-                        ADP_INT(vapi_err_st, func_ix_st) ADP_INT(vapi_err_st, stat_st) ADP_INT(
-                            alloc_mem_t, struct_size) ADP_INT(alloc_mem_t, alloc_num)
-
-                            ADP_PTR(ox_opened_hca_t, next) ADP_PTR(ox_opened_hca_t, prev) ADP_INT(
-                                ox_opened_hca_t,
-                                hca_h) ADP_PTR(ox_opened_hca_t,
-                                               app_hca_h) ADP_PTR(ox_opened_hca_t, opened_cq_array)
-                                ADP_PTR(ox_opened_hca_t, opened_qp_array) ADP_INT(
-                                    ox_opened_hca_t, generic_pd_h) ADP_PTR(ox_opened_hca_t, gen_mem_array_p)
-                                    ADP_INT(ox_opened_hca_t, num_of_gen_mem_reg) ADP_INT(
-                                        ox_opened_hca_t,
-                                        hca_cap_query.port_num) ADP_INT(ox_opened_hca_t, get_hca_h_by_open)
-                                        ADP_PTR(ox_opened_hca_t, events_lists.async_tasklet.func) ADP_INT(
-                                            ox_opened_hca_t, events_lists.async_tasklet.data)
-
-                                            ADP_PTR(ox_gen_mr_element_t, next) ADP_PTR(
-                                                ox_gen_mr_element_t, prev) ADP_PTR(ox_gen_mr_element_t, hca_h)
-                                                ADP_INT(ox_gen_mr_element_t, pd_h) ADP_INT(
-                                                    ox_gen_mr_element_t, mr_h) ADP_PTR(ox_gen_mr_element_t,
-                                                                                       start_mr)
-                                                    ADP_INT(ox_gen_mr_element_t, length) ADP_PTR(
-                                                        ox_gen_mr_element_t,
-                                                        end_mr) ADP_INT(ox_gen_mr_element_t, access_con)
-                                                        ADP_INT(ox_gen_mr_element_t, l_key) ADP_INT(
-                                                            ox_gen_mr_element_t,
-                                                            r_key) ADP_INT(ox_gen_mr_element_t, iova)
-                                                            ADP_INT(ox_gen_mr_element_t, phy_length) ADP_INT(
-                                                                ox_gen_mr_element_t, phy_offset)
-
-                                                                ADP_PTR(ox_asy_ev_element_t, next) ADP_PTR(
-                                                                    ox_asy_ev_element_t, prev)
-                                                                    ADP_INT(ox_asy_ev_element_t,
-                                                                            req_asy_ev.req_event_type)
-                                                                        ADP_PTR(ox_asy_ev_element_t, app_cb)
-    /* Nested members are named by literal strings: a
-       line break inside the macro argument would enter
-       the name. */
-    {"ox_asy_ev_element_t", "req_asy_ev.type.qp_h", offsetof(ox_asy_ev_element_t, req_asy_ev.type.qp_h),
-     sizeof(void *), 0},
+/* Fields of size 0 (list heads, arrays) are reached by offset only; "acc_sg" reads the atomic
+ * counter's value. */
+static const struct layout_field fields[] = {
+    STAT(error_num),
+    STAT(last_error_num),
+    STAT(VAPI_error_num),
+    STAT(last_VAPI_error_num),
+    STAT(mem_alloc_error_num),
+    STAT(last_mem_alloc_error_num),
+    STAT(opend_device_num),
+    STAT(pd_num),
+    STAT(last_pd_num),
+    STAT(cq_num),
+    STAT(last_cq_num),
+    STAT(qp_num),
+    STAT(last_qp_num),
+    STAT(ah_num),
+    STAT(last_ah_num),
+    STAT(mr_num),
+    STAT(last_mr_num),
+    STAT(mg_num),
+    STAT(last_mg_num),
+    STAT(post_s_num),
+    STAT(last_post_s_num),
+    STAT(inline_send_num),
+    STAT(inline_send_num_last),
+    STAT(post_s_list_num),
+    STAT(last_post_s_list_num),
+    STAT(post_vapi_s_num),
+    {"tavor_stats", "acc_sg", offsetof(tavor_stats, acc_sg.counter), sizeof(int), 1},
+    STAT(post_r_num),
+    STAT(last_post_r_num),
+    STAT(post_r_list_num),
+    STAT(last_post_r_list_num),
+    STAT(rx_byte),
+    STAT(last_rx_byte),
+    STAT(tx_byte),
+    STAT(last_tx_byte),
+    STAT(com_notify_num),
+    STAT(last_com_notify_num),
+    STAT(poll_num),
+    STAT(last_poll_num),
+    STAT(poll_cq_empty_num),
+    STAT(last_poll_cq_empty_num),
+    STAT(ox_receive_error_status),
+    STAT(ox_receive_last_error_status),
+    STAT(ox_send_error_status),
+    STAT(com_event_num),
+    STAT(last_com_event_num),
+    STAT(async_event_num),
+    STAT(last_async_event_num),
+    STAT(mem_reg_miss),
+    STAT(mem_reg_hit),
+    STAT(total_if_number),
+    STAT(total_if_number_new),
+    STAT(total_if_number_error),
+    STAT(num_of_max_poll),
+    STAT(last_num_of_max_poll),
+    STAT(registered_async_event_cb_num),
+    STAT(last_registered_async_event_cb_num),
+    STAT(ox_send_last_error_status),
+    STAT(poll_vapi_num),
+    STAT(post_vapi_r_num),
+    STAT(total_sort_if_number),
+    LAYOUT_INT(vapi_err_st, func_ix_st),
+    LAYOUT_INT(vapi_err_st, stat_st),
+    LAYOUT_INT(alloc_mem_t, struct_size),
+    LAYOUT_INT(alloc_mem_t, alloc_num),
+    LAYOUT_AT(alloc_mem_t, name),
+    LAYOUT_PTR(ox_opened_hca_t, next),
+    LAYOUT_PTR(ox_opened_hca_t, prev),
+    LAYOUT_INT(ox_opened_hca_t, hca_h),
+    LAYOUT_PTR(ox_opened_hca_t, app_hca_h),
+    LAYOUT_PTR(ox_opened_hca_t, opened_cq_array),
+    LAYOUT_PTR(ox_opened_hca_t, opened_qp_array),
+    LAYOUT_INT(ox_opened_hca_t, generic_pd_h),
+    LAYOUT_PTR(ox_opened_hca_t, gen_mem_array_p),
+    LAYOUT_INT(ox_opened_hca_t, num_of_gen_mem_reg),
+    LAYOUT_INT(ox_opened_hca_t, hca_cap_query.port_num),
+    LAYOUT_INT(ox_opened_hca_t, get_hca_h_by_open),
+    LAYOUT_PTR(ox_opened_hca_t, events_lists.async_tasklet.func),
+    LAYOUT_INT(ox_opened_hca_t, events_lists.async_tasklet.data),
+    LAYOUT_AT(ox_opened_hca_t, opened_cq_list),
+    LAYOUT_AT(ox_opened_hca_t, opened_qp_list),
+    LAYOUT_AT(ox_opened_hca_t, generic_mem_reg_list),
+    LAYOUT_AT(ox_opened_hca_t, events_lists.reg_for_async),
+    LAYOUT_PTR(ox_gen_mr_element_t, next),
+    LAYOUT_PTR(ox_gen_mr_element_t, prev),
+    LAYOUT_PTR(ox_gen_mr_element_t, hca_h),
+    LAYOUT_INT(ox_gen_mr_element_t, pd_h),
+    LAYOUT_INT(ox_gen_mr_element_t, mr_h),
+    LAYOUT_PTR(ox_gen_mr_element_t, start_mr),
+    LAYOUT_INT(ox_gen_mr_element_t, length),
+    LAYOUT_PTR(ox_gen_mr_element_t, end_mr),
+    LAYOUT_INT(ox_gen_mr_element_t, access_con),
+    LAYOUT_INT(ox_gen_mr_element_t, l_key),
+    LAYOUT_INT(ox_gen_mr_element_t, r_key),
+    LAYOUT_INT(ox_gen_mr_element_t, iova),
+    LAYOUT_INT(ox_gen_mr_element_t, phy_length),
+    LAYOUT_INT(ox_gen_mr_element_t, phy_offset),
+    LAYOUT_PTR(ox_asy_ev_element_t, next),
+    LAYOUT_PTR(ox_asy_ev_element_t, prev),
+    LAYOUT_INT(ox_asy_ev_element_t, req_asy_ev.req_event_type),
+    LAYOUT_PTR(ox_asy_ev_element_t, app_cb),
+    LAYOUT_PTR(ox_asy_ev_element_t, req_asy_ev.type.qp_h),
     {"ox_asy_ev_element_t", "vend_h.qp_vend_h", offsetof(ox_asy_ev_element_t, vend_h.qp_vend_h),
      sizeof(VAPI_qp_hndl_t), 0},
-
-    ADP_PTR(ox_opened_cq_t, next) ADP_PTR(ox_opened_cq_t, prev) ADP_PTR(ox_opened_cq_t, cq_h)
-        ADP_PTR(ox_opened_cq_t, cq_oxuser_context) ADP_PTR(ox_opened_cq_t, app_com_callback)
-            ADP_PTR(ox_opened_cq_t, internal_p) ADP_INT(ox_opened_cq_t, comp_handler_hndl)
-
-                ADP_PTR(ox_opened_qp_t, next) ADP_PTR(ox_opened_qp_t, prev) ADP_PTR(ox_opened_qp_t, qp_h)
-                    ADP_INT(ox_opened_qp_t, qp_num) ADP_PTR(ox_opened_qp_t, qp_oxuser_context)
-                        ADP_INT(ox_opened_qp_t, type)};
-
-/* Fields that are list heads or arrays are reached by offset only. */
-static const struct adp_field offsets_only[] = {
-    {"ox_opened_hca_t", "opened_cq_list", offsetof(ox_opened_hca_t, opened_cq_list), 0, 0},
-    {"ox_opened_hca_t", "opened_qp_list", offsetof(ox_opened_hca_t, opened_qp_list), 0, 0},
-    {"ox_opened_hca_t", "generic_mem_reg_list", offsetof(ox_opened_hca_t, generic_mem_reg_list), 0, 0},
-    {"ox_opened_hca_t", "events_lists.reg_for_async", offsetof(ox_opened_hca_t, events_lists.reg_for_async),
-     0, 0},
-    {"alloc_mem_t", "name", offsetof(alloc_mem_t, name), 0, 0},
+    LAYOUT_PTR(ox_opened_cq_t, next),
+    LAYOUT_PTR(ox_opened_cq_t, prev),
+    LAYOUT_PTR(ox_opened_cq_t, cq_h),
+    LAYOUT_PTR(ox_opened_cq_t, cq_oxuser_context),
+    LAYOUT_PTR(ox_opened_cq_t, app_com_callback),
+    LAYOUT_PTR(ox_opened_cq_t, internal_p),
+    LAYOUT_INT(ox_opened_cq_t, comp_handler_hndl),
+    LAYOUT_PTR(ox_opened_qp_t, next),
+    LAYOUT_PTR(ox_opened_qp_t, prev),
+    LAYOUT_PTR(ox_opened_qp_t, qp_h),
+    LAYOUT_INT(ox_opened_qp_t, qp_num),
+    LAYOUT_PTR(ox_opened_qp_t, qp_oxuser_context),
+    LAYOUT_INT(ox_opened_qp_t, type),
 };
 
-static const struct {
-    const char *name;
-    size_t size;
-} sizes[] = {
-    {"tavor_stats", sizeof(tavor_stats)},
-    {"vapi_err_st", sizeof(vapi_err_st)},
-    {"alloc_mem_t", sizeof(alloc_mem_t)},
-    {"ox_opened_hca_t", sizeof(ox_opened_hca_t)},
-    {"ox_gen_mr_element_t", sizeof(ox_gen_mr_element_t)},
-    {"ox_asy_ev_element_t", sizeof(ox_asy_ev_element_t)},
-    {"ox_opened_cq_t", sizeof(ox_opened_cq_t)},
-    {"ox_opened_qp_t", sizeof(ox_opened_qp_t)},
+static const struct layout_size sizes[] = {
+    LAYOUT_SIZE(tavor_stats),     LAYOUT_SIZE(vapi_err_st),         LAYOUT_SIZE(alloc_mem_t),
+    LAYOUT_SIZE(ox_opened_hca_t), LAYOUT_SIZE(ox_gen_mr_element_t), LAYOUT_SIZE(ox_asy_ev_element_t),
+    LAYOUT_SIZE(ox_opened_cq_t),  LAYOUT_SIZE(ox_opened_qp_t),
 };
 
-#define N(array) (sizeof(array) / sizeof((array)[0]))
+static const struct layout_constant constants[] = {
+    LAYOUT_CONST(ox_return_ok),
+    LAYOUT_CONST(ox_return_err),
+    LAYOUT_CONST(ox_return_err_alloc_mem),
+    LAYOUT_CONST(ox_return_err_not_implemented),
+    LAYOUT_CONST(ox_return_err_hca_name),
+    LAYOUT_CONST(ox_return_err_insufficient_resources),
+    LAYOUT_CONST(ox_return_err_invalid_state),
+    LAYOUT_CONST(ox_return_err_invalid_vend_ret),
+    LAYOUT_CONST(ox_return_err_invalid_parameter),
+    LAYOUT_CONST(ox_return_err_cq_empty),
+    LAYOUT_CONST(mem_hca_ix),
+    LAYOUT_CONST(mem_mr_ix),
+    LAYOUT_CONST(mem_cq_ix),
+    LAYOUT_CONST(mem_tasklet_ix),
+    LAYOUT_CONST(mem_qp_ix),
+    LAYOUT_CONST(mem_async_ix),
+    LAYOUT_CONST(mem_gen_mem_array_p_ix),
+    LAYOUT_CONST(mem_opened_cq_array_ix),
+    LAYOUT_CONST(mem_g_com_cq_array_ix),
+    LAYOUT_CONST(mem_last_ix),
+    LAYOUT_CONST(LAST_VAPI_ERR_NUM),
+    LAYOUT_CONST(OX_OPENED_ARRAY_SLOTS),
+    LAYOUT_CONST(OX_OPENED_ARRAY_MAX_IX),
+    LAYOUT_CONST(AD_TAVOR_G_COM_CQ_ARRAY_SIZE),
+    LAYOUT_CONST(hca_query_indx),
+    LAYOUT_CONST(port_query_indx),
+    LAYOUT_CONST(get_port_gid_tbl_indx),
+    LAYOUT_CONST(hca_modify_indx),
+    LAYOUT_CONST(hca_close_indx),
+    LAYOUT_CONST(pd_allocate_indx),
+    LAYOUT_CONST(pd_deallocate_indx),
+    LAYOUT_CONST(mem_region_register_indx),
+    LAYOUT_CONST(mem_region_query_indx),
+    LAYOUT_CONST(mem_region_destroy_indx),
+    LAYOUT_CONST(cq_create_indx),
+    LAYOUT_CONST(qp_create_indx),
+    LAYOUT_CONST(tavor_free_dev_mem_indx),
+    LAYOUT_CONST(cq_destroy_indx),
+    LAYOUT_CONST(qp_modify_indx),
+    LAYOUT_CONST(qp_query_indx),
+    LAYOUT_CONST(qp_destroy_indx),
+    LAYOUT_CONST(req_comp_cq_indx),
+    LAYOUT_CONST(del_comp_cq_indx),
+    LAYOUT_CONST(ox_qp_type_not_valid),
+    LAYOUT_CONST(OX_QP_AT_STATE),
+    LAYOUT_CONST(OX_QP_AT_S_MAX_OUT_WR),
+    LAYOUT_CONST(OX_QP_AT_R_MAX_OUT_WR),
+    LAYOUT_CONST(OX_QP_AT_S_PSN),
+    LAYOUT_CONST(OX_QP_AT_R_PSN),
+    LAYOUT_CONST(OX_QP_AT_ACCESS_CON_F),
+    LAYOUT_CONST(OX_QP_AT_PHY_PORT_NUM),
+    LAYOUT_CONST(OX_QP_AT_Q_KEY),
+    LAYOUT_CONST(OX_QP_AT_DEST_QP),
+    LAYOUT_CONST(OX_QP_AT_DEST_RDMA_ATOM_OUT_NUM),
+    LAYOUT_CONST(OX_QP_AT_MIN_RNR_NAK_T),
+    LAYOUT_CONST(OX_QP_AT_ADD_VEC),
+    LAYOUT_CONST(OX_QP_AT_PATH_MIG_STATE),
+    LAYOUT_CONST(OX_QP_AT_ALT_PATH),
+    LAYOUT_CONST(OX_QP_AT_L_ACK_T),
+    LAYOUT_CONST(OX_QP_AT_RETRY_NUM),
+    LAYOUT_CONST(OX_QP_AT_RNR_NUM),
+    LAYOUT_CONST(OX_QP_AT_SQD_NOTIFY),
+    LAYOUT_CONST(OX_QP_AT_OPTIONAL),
+    LAYOUT_CONST(AD_TAVOR_OPENED_ARRAY_ACCOUNTED_SIZE),
+    LAYOUT_CONST(OX_QP_AT_P_KEY_IX),
+    LAYOUT_CONST(OX_QP_AT_RESP_RDMA_ATOM_OUT_NUM),
+    LAYOUT_CONST(get_port_partition_tbl_indx),
+    LAYOUT_CONST(mem_opened_qp_array_ix),
+    LAYOUT_CONST(phy_mem_region_register_indx),
+    LAYOUT_CONST(post_send_indx),
+    LAYOUT_CONST(qp_get_special_indx),
+};
 
-static const struct adp_field *find(const char *record, const char *field) {
-    size_t i;
+static const struct layout_table table = LAYOUT_TABLE(fields, sizes, constants);
 
-    for (i = 0; i < N(fields); i++)
-        if (!strcmp(fields[i].record, record) && !strcmp(fields[i].field, field)) return &fields[i];
-    for (i = 0; i < N(offsets_only); i++)
-        if (!strcmp(offsets_only[i].record, record) && !strcmp(offsets_only[i].field, field))
-            return &offsets_only[i];
-    return 0;
-}
-
-size_t adp_sizeof(const char *record) {
-    size_t i;
-
-    for (i = 0; i < N(sizes); i++)
-        if (!strcmp(sizes[i].name, record)) return sizes[i].size;
-    return 0;
-}
-
-long adp_offset(const char *record, const char *field) {
-    const struct adp_field *f = find(record, field);
-    return f ? (long)f->offset : -1;
-}
-
-int adp_get(const char *record, const void *base, const char *field, long long *value) {
-    const struct adp_field *f = find(record, field);
-
-    if (!f || !f->size) return -1;
-    return record_field_load((const char *)base + f->offset, f->size, f->is_signed, value);
-}
-
-int adp_set(const char *record, void *base, const char *field, long long value) {
-    const struct adp_field *f = find(record, field);
-
-    if (!f || !f->size) return -1;
-    return record_field_store((char *)base + f->offset, f->size, (unsigned long long)value);
-}
-
-#define CONST(name) {#name, (long long)(name)},
-static const struct {
-    const char *name;
-    long long value;
-} constants[] = {
-    CONST(ox_return_ok) CONST(ox_return_err) CONST(ox_return_err_alloc_mem) CONST(ox_return_err_not_implemented) CONST(ox_return_err_hca_name) CONST(ox_return_err_insufficient_resources) CONST(ox_return_err_invalid_state) CONST(ox_return_err_invalid_vend_ret) CONST(ox_return_err_invalid_parameter) CONST(ox_return_err_cq_empty)
-    CONST(mem_hca_ix) CONST(mem_mr_ix) CONST(mem_cq_ix) CONST(mem_tasklet_ix) CONST(mem_qp_ix)
-        CONST(mem_async_ix) CONST(mem_gen_mem_array_p_ix) CONST(mem_opened_cq_array_ix) CONST(
-            mem_opened_qp_array_ix) CONST(mem_g_com_cq_array_ix) CONST(mem_last_ix) CONST(LAST_VAPI_ERR_NUM)
-            CONST(OX_OPENED_ARRAY_SLOTS) CONST(OX_OPENED_ARRAY_MAX_IX) CONST(
-                AD_TAVOR_OPENED_ARRAY_ACCOUNTED_SIZE) CONST(AD_TAVOR_G_COM_CQ_ARRAY_SIZE)
-                CONST(hca_query_indx) CONST(port_query_indx) CONST(get_port_gid_tbl_indx) CONST(
-                    get_port_partition_tbl_indx) CONST(hca_modify_indx) CONST(hca_close_indx)
-                    CONST(pd_allocate_indx) CONST(pd_deallocate_indx) CONST(mem_region_register_indx) CONST(
-                        phy_mem_region_register_indx) CONST(mem_region_query_indx)
-                        CONST(mem_region_destroy_indx) CONST(cq_create_indx) CONST(qp_create_indx) CONST(
-                            post_send_indx) CONST(tavor_free_dev_mem_indx) CONST(cq_destroy_indx)
-                            CONST(qp_modify_indx) CONST(qp_query_indx) CONST(qp_destroy_indx) CONST(
-                                qp_get_special_indx) CONST(req_comp_cq_indx) CONST(del_comp_cq_indx)
-                                CONST(ox_qp_type_not_valid) CONST(OX_QP_AT_STATE) CONST(OX_QP_AT_S_MAX_OUT_WR)
-                                    CONST(OX_QP_AT_R_MAX_OUT_WR) CONST(OX_QP_AT_S_PSN) CONST(OX_QP_AT_R_PSN)
-                                        CONST(OX_QP_AT_ACCESS_CON_F) CONST(OX_QP_AT_PHY_PORT_NUM) CONST(
-                                            OX_QP_AT_P_KEY_IX) CONST(OX_QP_AT_Q_KEY) CONST(OX_QP_AT_DEST_QP)
-                                            CONST(OX_QP_AT_DEST_RDMA_ATOM_OUT_NUM) CONST(
-                                                OX_QP_AT_RESP_RDMA_ATOM_OUT_NUM) CONST(OX_QP_AT_MIN_RNR_NAK_T)
-                                                CONST(OX_QP_AT_ADD_VEC) CONST(OX_QP_AT_PATH_MIG_STATE)
-                                                    CONST(OX_QP_AT_ALT_PATH) CONST(OX_QP_AT_L_ACK_T)
-                                                        CONST(OX_QP_AT_RETRY_NUM) CONST(OX_QP_AT_RNR_NUM)
-                                                            CONST(OX_QP_AT_SQD_NOTIFY)
-                                                                CONST(OX_QP_AT_OPTIONAL)};
-
-long long adp_const(const char *name, int *found) {
-    size_t i;
-
-    for (i = 0; i < N(constants); i++) {
-        if (!strcmp(constants[i].name, name)) {
-            if (found) *found = 1;
-            return constants[i].value;
-        }
-    }
-    if (found) *found = 0;
-    return 0;
+const struct layout_table *adp_layout(void) {
+    return &table;
 }
 
 const char *adp_alloc_row_name(const void *table, int index) {

@@ -10,23 +10,18 @@
 
 #include <stddef.h>
 
+#include "layout-table.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* Records known: "tavor_stats", "vapi_err_st", "alloc_mem_t", "ox_opened_hca_t",
- * "ox_gen_mr_element_t", "ox_asy_ev_element_t", "ox_opened_cq_t", "ox_opened_qp_t". Fields by their C name
- * (nested ones with a dot; "acc_sg" reads the atomic counter). */
-size_t adp_sizeof(const char *record);
-/* Offset of a field, or -1 when the record or field is unknown. */
-long adp_offset(const char *record, const char *field);
-/* Reads (sign-extended when the field is signed) or writes an integer or pointer field; 0 or -1. */
-int adp_get(const char *record, const void *base, const char *field, long long *value);
-int adp_set(const char *record, void *base, const char *field, long long value);
-
-/* A constant of the module by name (accounting indexes mem_*_ix and mem_last_ix, function indexes
- * *_indx, LAST_VAPI_ERR_NUM, OX_OPENED_ARRAY_SLOTS, ...); `found` tells whether it exists. */
-long long adp_const(const char *name, int *found);
+/* The module's layout table (layout-table.h). Records known: "tavor_stats", "vapi_err_st",
+ * "alloc_mem_t", "ox_opened_hca_t", "ox_gen_mr_element_t", "ox_asy_ev_element_t",
+ * "ox_opened_cq_t", "ox_opened_qp_t", fields by their C name (nested ones with a dot; "acc_sg"
+ * reads the atomic counter). Constants: accounting indexes mem_*_ix and mem_last_ix, function
+ * indexes *_indx, return codes ox_return_*, LAST_VAPI_ERR_NUM, OX_OPENED_ARRAY_SLOTS, ... */
+const struct layout_table *adp_layout(void);
 
 /* The label of accounting row `index` of a table of alloc_mem_t. */
 const char *adp_alloc_row_name(const void *table, int index);

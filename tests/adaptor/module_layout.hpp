@@ -6,21 +6,19 @@
 #include <cstdint>
 #include <string>
 
+#include "layout_view.hpp"
 #include "module_layout.h"
 
 namespace adaptor_test {
 
 // A module constant; a name the module does not define fails the test.
 inline long long module_const(const char *name) {
-    int found = 0;
-    long long value = adp_const(name, &found);
-    EXPECT_TRUE(found) << "no module constant " << name;
-    return value;
+    return layout_constant(adp_layout(), name);
 }
 // The module's return codes (ox_return_t), read from its own header when the tests start.
 inline int module_status(const char *name) {
     int found = 0;
-    return static_cast<int>(adp_const(name, &found));
+    return static_cast<int>(layout_const(adp_layout(), name, &found));
 }
 inline const int kOk = module_status("ox_return_ok"), kErr = module_status("ox_return_err"),
                  kAllocMem = module_status("ox_return_err_alloc_mem"),
@@ -37,30 +35,13 @@ inline int mem_ix(const char *name) {
 }
 
 // One record of the module, read and written by field name.
-class RecordView {
+class RecordView : public LayoutView {
   public:
-    RecordView(const char *record, void *base) : record_(record), base_(static_cast<char *>(base)) {}
-    long long operator[](const char *field) const {
-        long long value = 0;
-        EXPECT_EQ(0, adp_get(record_, base_, field, &value)) << record_ << "." << field;
-        return value;
-    }
-    void set(const char *field, long long value) const {
-        EXPECT_EQ(0, adp_set(record_, base_, field, value)) << record_ << "." << field;
-    }
-    // Address of a member (list heads, arrays).
-    void *at(const char *field) const {
-        long offset = adp_offset(record_, field);
-        EXPECT_GE(offset, 0) << record_ << "." << field;
-        return base_ + offset;
-    }
-    void *base() const { return base_; }
+    RecordView(const char *record, void *base) : LayoutView(adp_layout(), record, base) {}
     // The i-th record of an array of such records.
-    RecordView element(size_t i) const { return RecordView(record_, base_ + i * adp_sizeof(record_)); }
-
-  private:
-    const char *record_;
-    char *base_;
+    RecordView element(size_t i) const {
+        return RecordView(record(), static_cast<char *>(base()) + i * layout_sizeof(adp_layout(), record()));
+    }
 };
 
 }  // namespace adaptor_test

@@ -112,7 +112,7 @@ TEST_F(ConsoleTest, HelpListsEveryCommandWithItsUsage) {
     for (const char *usage :
          {"insmod NAME [param=value ...]", "rmmod NAME", "lsmod", "cat PATH...", "echo [-n] TEXT [> PATH]",
           "ls PATH...", "dmesg [-c] [-C] [-r] [-t] [-n LEVEL]", "rep get KEY NAME | rep set KEY NAME VALUE",
-          "logger level [N]", "jiffies [+N]", "sleep MS", "help [COMMAND]", "exit [N]"})
+          "logger level [N]", "jiffies [+N]", "sleep MS", "clock [run|stop]", "help [COMMAND]", "exit [N]"})
         EXPECT_NE(out().find(std::string("  ") + usage), std::string::npos) << usage;
     EXPECT_EQ(run("help sleep"), 0);
     EXPECT_EQ(out().rfind("  sleep MS ", 0), 0u) << out();

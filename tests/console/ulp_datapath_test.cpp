@@ -96,6 +96,46 @@ TEST_F(UlpDatapathTest, AddressHandlesAndUdPosts) {
     EXPECT_NE(std::string::npos, p.find("  num of AH: 0 (0),")) << p;
 }
 
+// A pair lives in each HCA's generic PD, the PD of the generic region whose keys go with every
+// post; the session names that PD once per HCA, and the module will not free it.
+TEST_F(UlpDatapathTest, PairsUseTheGenericPdWhichCannotBeFreed) {
+    ASSERT_EQ(0, run("ulp connect rc; ulp connect ud; ulp list")) << err();
+    EXPECT_TRUE(has_line(out(), "pd1 on hca1 (generic)")) << out();
+    EXPECT_TRUE(has_line(out(), "pd2 on hca2 (generic)")) << out();
+    EXPECT_EQ(std::string::npos, out().find("pd3")) << out();  // the second pair names no new PD
+    // The page's log copy counts the two generic PDs only: connecting allocated none.
+    ASSERT_EQ(0, run(std::string("dmesg -C; cat ") + kControl + "; dmesg -t")) << err();
+    EXPECT_TRUE(has_line(out(), "   num of PD: 2 (2)")) << out();
+
+    EXPECT_EQ(1, run("ulp pd free pd1"));
+    EXPECT_EQ("ulp: pd free pd1: ox_return_err (1)\n", err());
+
+    // The generic region's keys work for RC traffic in it...
+    ASSERT_EQ(0, run("ulp post recv qp2 64; ulp post send qp1 64; ulp poll cq1")) << err();
+    EXPECT_NE(std::string::npos, out().find("cq1: wr_id: 1, operation_type: ox_wc_send_sq, num_bytes_transfered: "
+                                            "64, completion_status: ox_comp_status_success"))
+        << out();
+    // ...and a datagram pingpong after a PD of the upper layer's own still sends through an
+    // address handle of the QPs' (generic) PD.
+    ASSERT_EQ(0, run("ulp pd alloc hca1; ulp pingpong ud 64 2")) << err();
+    EXPECT_EQ(lines_of(out()).back(), "pingpong ud: 2 exchanges, 64 bytes, 256 bytes verified, 0 errors");
+}
+
+// A QP of another PD gathers through keys of the generic PD: the device refuses the gather.
+TEST_F(UlpDatapathTest, AQpOutsideTheGenericPdCannotGatherFromTheGenericRegion) {
+    ASSERT_EQ(0, run("ulp pd alloc hca1; ulp cq create 16 hca1; ulp qp create ud pd1 cq1")) << err();
+    ASSERT_EQ(0, run("ulp pd alloc hca2; ulp cq create 16 hca2; ulp qp create ud pd2 cq2")) << err();
+    for (const char *qp : {"qp1", "qp2"})
+        ASSERT_EQ(0, run(std::string("ulp qp modify ") + qp + " init; ulp qp modify " + qp +
+                         " rtr; ulp qp modify " + qp + " rts"))
+            << err();
+    ASSERT_EQ(0, run("ulp ah create pd1 2; ulp post recv qp2 140; ulp post send qp1 100")) << err();
+    ASSERT_EQ(0, run("ulp poll cq1")) << err();
+    EXPECT_NE(std::string::npos, out().find("completion_status: ox_comp_status_loc_portection_err")) << out();
+    ASSERT_EQ(0, run("ulp poll cq2")) << err();
+    EXPECT_EQ("cq2: empty\n", out());
+}
+
 TEST_F(UlpDatapathTest, MulticastAttachAndDetach) {
     ASSERT_EQ(0, run("ulp connect ud")) << err();
     ASSERT_EQ(0, run("ulp mcast attach qp1 ff12:401b::1")) << err();

@@ -43,13 +43,14 @@ TEST_F(UlpQueuesTest, ConnectsRcUcAndUdPairsAcrossTwoHcas) {
         out());
     for (const char *qp : {"qp1", "qp2", "qp3", "qp4", "qp5", "qp6"}) expect_state(qp, "ox_qp_state_rts");
 
-    // The query speaks the generic names: each RC side has the other as destination, on its CQ.
+    // The query speaks the generic names: each RC side has the other as destination, on its CQ, in
+    // the HCA's generic PD (the device's first, made at open).
     ASSERT_EQ(0, run("ulp qp query qp1")) << err();
     const std::string q = out();
     EXPECT_EQ("qp1 on hca1:", lines_of(q).front());
     for (const char *line : {"  qp_num: 1024", "  qp_type: ox_qp_type_r_conn", "  cq_send_h: cq1",
                              "  cq_receive_h: cq1", "  destanation_qp: 1024", "  primary_add_vec.dlid: 2",
-                             "  primary_add_vec.pmtu: 3", "  access_control: 6", "  pd_h: 2"})
+                             "  primary_add_vec.pmtu: 3", "  access_control: 6", "  pd_h: 1"})
         EXPECT_TRUE(has_line(q, line)) << line << "\n" << q;
     ASSERT_EQ(0, run("ulp qp query qp6")) << err();
     EXPECT_TRUE(has_line(out(), "  qp_type: ox_qp_type_u_dgram")) << out();
@@ -58,9 +59,9 @@ TEST_F(UlpQueuesTest, ConnectsRcUcAndUdPairsAcrossTwoHcas) {
     ASSERT_EQ(0, run("ulp list")) << err();
     EXPECT_EQ(
         "hca1: InfiniHost0\nhca2: InfiniHost1\n"
-        "pd1 on hca1\ncq1 on hca1\nqp1 on hca1\npd2 on hca2\ncq2 on hca2\nqp2 on hca2\n"
-        "pd3 on hca1\ncq3 on hca1\nqp3 on hca1\npd4 on hca2\ncq4 on hca2\nqp4 on hca2\n"
-        "pd5 on hca1\ncq5 on hca1\nqp5 on hca1\npd6 on hca2\ncq6 on hca2\nqp6 on hca2\n",
+        "pd1 on hca1 (generic)\ncq1 on hca1\nqp1 on hca1\npd2 on hca2 (generic)\ncq2 on hca2\nqp2 on hca2\n"
+        "cq3 on hca1\nqp3 on hca1\ncq4 on hca2\nqp4 on hca2\n"
+        "cq5 on hca1\nqp5 on hca1\ncq6 on hca2\nqp6 on hca2\n",
         out());
 
     std::string p = page();

@@ -63,8 +63,8 @@ class TrafficStress : public adaptor_test::AdaptorFixture {
   protected:
     void SetUp() override {
         // Both devices on the threaded engine and the virtual clock, which the test's own clock
-        // thread moves once the HCAs are open: opening an HCA reads jiffies plainly, as kernel
-        // code does, which must not meet a tick.
+        // thread moves (one jiffy per millisecond) once the HCAs are open, so the run's timers
+        // fire in a known rhythm.
         AdaptorFixture::SetUp();
         ASSERT_EQ(hca::EngineKind::Threaded, hca::engine_kind());
         // Nothing of the data path is formatted at trace level 0.

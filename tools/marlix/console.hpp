@@ -153,6 +153,10 @@ class Host {
     Host &operator=(const Host &) = delete;
 };
 
+// Stops the virtual clock ticking with wall time (`clock run`); the host does so before it halts,
+// so the clock is manual again on every boot.
+void stop_clock();
+
 // The built-in default scenario (tools/marlix/scenarios/default.marlix).
 std::string_view default_scenario();
 

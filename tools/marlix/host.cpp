@@ -26,6 +26,8 @@ Host::Host(Console &console) {
 }
 
 Host::~Host() {
+    // The clock stops first: its thread runs the kernel's timers.
+    stop_clock();
     // The upper layer's objects belong to this host; its buffers go back while the kernel runs.
     ulp::reset_session();
     // Modules go first: their exit routines still use the stack and the HCA.

@@ -25,7 +25,8 @@ int ulp_help(Console &c, ulp::Session &, const std::vector<std::string> &args) {
     return 0;
 }
 
-// One line per object: "pd1 on hca1: pd_h 2".
+// One line per object: "hca1: InfiniHost0", "pd1 on hca1"; the generic PD that ulp connect uses
+// is marked "(generic)".
 int ulp_list(Console &c, ulp::Session &s, const std::vector<std::string> &args) {
     if (args.size() != 1) return ulp::usage(c, "list");
     for (const ulp::Object *o : s.all()) {
@@ -34,6 +35,7 @@ int ulp_list(Console &c, ulp::Session &s, const std::vector<std::string> &args) 
             c.out() << ": " << o->device;
         else
             c.out() << " on " << o->hca;
+        if (o->values.count("generic")) c.out() << " (generic)";
         c.out() << "\n";
     }
     return 0;

@@ -1,5 +1,5 @@
-// ulp connect: a PD, a CQ and a QP on each of the two most recently opened HCAs (or twice on the
-// one HCA open), both brought to RTS with each other as destination.
+// ulp connect: a CQ and a QP in the generic PD of each of the two most recently opened HCAs (or
+// twice on the one HCA open), both brought to RTS with each other as destination.
 #include <ostream>
 
 #include "ulp_queues.hpp"
@@ -17,17 +17,32 @@ struct Side {
     uint64_t lid = 0;
 };
 
-// Makes the PD, CQ and QP of one side.
-int make_side(Console &c, ulp::Session &s, int type, Side &side) {
+// The session's name for the HCA's generic PD, added the first time a pair is connected on it.
+// Traffic through the module gathers from its generic region, whose keys belong to that PD, so the
+// QPs of a pair live there.
+ulp::Object *generic_pd(Console &c, ulp::Session &s, ulp::Object &hca) {
+    for (const ulp::Object *o : s.all())
+        if (o->kind == "pd" && o->hca == hca.name && o->values.count("generic"))
+            return const_cast<ulp::Object *>(o);
     uint32_t pd_h = 0;
-    int status = ulp_pd_allocate(side.hca->funcs, side.hca->ptr, &pd_h);
-    if (status != 0) return ulp::failed(c, "connect: pd alloc on " + side.hca->name, status);
+    int status = ulp_get_gen_pd_h(hca.funcs, hca.ptr, &pd_h);
+    if (status != 0) {
+        ulp::failed(c, "connect: generic pd of " + hca.name, status);
+        return nullptr;
+    }
     ulp::Object pd;
     pd.kind = "pd";
-    pd.hca = side.hca->name;
+    pd.hca = hca.name;
     pd.handle = pd_h;
-    side.pd = &s.add(std::move(pd));
-    status = ulp::create_cq(s, *side.hca, kConnectCqEntries, &side.cq);
+    pd.values["generic"] = 1;
+    return &s.add(std::move(pd));
+}
+
+// Makes the CQ and QP of one side, in the HCA's generic PD.
+int make_side(Console &c, ulp::Session &s, int type, Side &side) {
+    side.pd = generic_pd(c, s, *side.hca);
+    if (!side.pd) return 1;
+    int status = ulp::create_cq(s, *side.hca, kConnectCqEntries, &side.cq);
     if (status != 0) return ulp::failed(c, "connect: cq create on " + side.hca->name, status);
     status = ulp::create_qp(s, *side.hca, type, *side.pd, *side.cq, *side.cq, 0, &side.qp);
     if (status != 0) return ulp::failed(c, "connect: qp create on " + side.hca->name, status);
@@ -84,8 +99,8 @@ int ulp_connect(Console &c, ulp::Session &s, const std::vector<std::string> &arg
 
 MARLIX_ULP_SUBCOMMAND(
     connect, "connect", "ulp connect rc|uc|ud",
-    "Make a PD, a CQ and a QP on each of the two most recently opened HCAs (or two on the one "
-    "open) and bring both QPs to RTS with each other as destination.",
+    "Make a CQ and a QP in the generic PD of each of the two most recently opened HCAs (or two "
+    "on the one open) and bring both QPs to RTS with each other as destination.",
     ulp_connect)
 
 }  // namespace marlix::console

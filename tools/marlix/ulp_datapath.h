@@ -99,7 +99,26 @@ struct ulp_send_target {
 /* Transport of a simple send: "rc", "uc", "ud" as ox_wr_operation_type_t. */
 int ulp_operation_type(const char *transport);
 
-/* One request with one gather entry (or none when `length` is 0), signalled. */
+/* A send request in plain values: one gather entry (none when `length` is 0) and the forms an
+ * upper layer chooses per request. Zeroed, it is a signalled request posted the ordinary way. */
+struct ulp_send_request {
+    enum ulp_send_op op;
+    uint64_t wr_id;
+    void *addr; /* a kernel virtual address: the module turns it into one of its region */
+    uint32_t length;
+    uint32_t l_key;
+    int unsignalled;      /* no completion unless the QP signals every request */
+    int inline_data;      /* through the inline entry point: the data is copied at post time */
+    uint64_t compare_add; /* atomics: the compare (CAS) or add (FAA) operand */
+    uint64_t swap;        /* atomics: the swap operand (CAS) */
+    struct ulp_send_target target;
+};
+
+/* Builds the generic request (on the stack: nothing is allocated) and posts it. */
+int ulp_post_send_request(const ulp_funcs_t *funcs, void *hca, void *qp, int operation_type,
+                          const struct ulp_send_request *request);
+
+/* One signalled request with one gather entry (or none when `length` is 0). */
 int ulp_post_send_simple(const ulp_funcs_t *funcs, void *hca, void *qp, int operation_type,
                          enum ulp_send_op op, uint64_t wr_id, void *addr, uint32_t length, uint32_t l_key,
                          const struct ulp_send_target *target);
@@ -117,6 +136,9 @@ struct ulp_completion {
     uint32_t source_qp;
     uint16_t slid;
 };
+/* The poll's status for an empty CQ (ox_return_err_cq_empty). */
+extern const int ulp_cq_empty;
+
 /* Polls once; on ox_return_ok fills `out` (may be null) and, when `line` is given, describes the
  * completion with the generic field names. */
 int ulp_poll_simple(const ulp_funcs_t *funcs, void *hca, void *cq, struct ulp_completion *out, char *line,

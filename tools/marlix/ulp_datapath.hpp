@@ -17,14 +17,12 @@
 
 namespace marlix::console::ulp {
 
-// The start of the kernel's direct map: the generic region's I/O address is the address a peer
-// names for it.
-inline constexpr unsigned long PAGE_OFFSET_OF_DIRECT_MAP = 0x10000000000UL;
-
 // A QP's buffer of at least `bytes`. Buffers stay where they are while the QP lives (work in
-// flight may still point into them): a larger request gets a new buffer, zeroed, and the old
-// ones are kept until the QP is forgotten.
-inline uint8_t *qp_buffer(Object &qp, size_t bytes) {
+// flight may still point into them): a larger request, or one that asks for a `fresh` buffer,
+// gets a new one, zeroed, and the old ones are kept until the QP is forgotten. A post that writes
+// its data asks for a fresh one, so that it never rewrites what the adapter may still be reading
+// for an earlier request.
+inline uint8_t *qp_buffer(Object &qp, size_t bytes, bool fresh = false) {
     using Buffers = std::vector<std::unique_ptr<std::vector<uint8_t>>>;
     auto *bufs = reinterpret_cast<Buffers *>(qp.values.count("buffers") ? qp.values["buffers"] : 0);
     if (!bufs) {
@@ -36,12 +34,14 @@ inline uint8_t *qp_buffer(Object &qp, size_t bytes) {
             if (previous) previous(o);
         };
     }
-    if (bufs->empty() || bufs->back()->size() < bytes)
+    if (fresh || bufs->empty() || bufs->back()->size() < bytes)
         bufs->push_back(std::make_unique<std::vector<uint8_t>>(std::max<size_t>(bytes, 4096), 0));
     return bufs->back()->data();
 }
 
-// The generic region of an HCA: its keys (0 when the call fails).
+// The keys of an HCA's generic region (0 when the call fails). Posts place every gather address
+// inside that region, so its keys are the ones that go with them; they belong to the generic PD,
+// where ulp connect makes its QPs.
 struct GenericRegion {
     uint32_t l_key = 0;
     uint32_t r_key = 0;
@@ -52,42 +52,9 @@ inline GenericRegion generic_region(Object &hca) {
     ulp_get_gen_mr_attrib(hca.funcs, hca.ptr, nullptr, 0, &mr, &g.l_key, &g.r_key);
     return g;
 }
-
-// Keys that cover the QP's buffers at the addresses the module computes. Posts place every
-// gather address inside the HCA's generic region, whose keys belong to the generic PD; a QP of
-// another PD (ulp connect makes one per side) needs a region of its own PD over the same range
-// at the same I/O address. That region is registered once per PD (all of memory, every access
-// right, atomics included) and kept with the PD object.
-inline GenericRegion keys_for(Session &s, Object &qp) {
-    Object *hca = s.hca_of(qp);
-    GenericRegion g = generic_region(*hca);
-    std::vector<unsigned char> attr(ulp_sizeof_qp_attr(), 0);
-    void *context = nullptr;
-    uint64_t pd_h = 0;
-    uint32_t generic_pd = 0;
-    if (ulp_qp_query(hca->funcs, hca->ptr, qp.ptr, &context, attr.data()) != 0) return g;
-    ulp_qp_attr_get(attr.data(), "query.pd_h", &pd_h);
-    if (ulp_get_gen_pd_h(hca->funcs, hca->ptr, &generic_pd) != 0 || pd_h == generic_pd) return g;
-    Object *pd = nullptr;
-    for (const Object *o : s.all())
-        if (o->kind == "pd" && o->hca == hca->name && o->handle == pd_h) pd = const_cast<Object *>(o);
-    if (!pd) return g;
-    if (!pd->values.count("mirror_l_key")) {
-        unsigned long iova = 0;
-        ulp_va2advertise_addr(hca->funcs, hca->ptr, PAGE_OFFSET_OF_DIRECT_MAP, &iova);
-        const uint64_t start = 0, size = 0xFFFFFFFFFFFFC000ull;
-        uint64_t mr = 0, assigned = 0;
-        uint32_t l_key = 0, r_key = 0;
-        if (ulp_phy_mr_register(hca->funcs, hca->ptr, 1, &start, &size, iova, size, 0,
-                                static_cast<uint32_t>(pd_h), 0x0f, &mr, &assigned, &l_key, &r_key) != 0)
-            return g;
-        pd->values["mirror_mr"] = mr;
-        pd->values["mirror_l_key"] = l_key;
-        pd->values["mirror_r_key"] = r_key;
-    }
-    g.l_key = static_cast<uint32_t>(pd->values["mirror_l_key"]);
-    g.r_key = static_cast<uint32_t>(pd->values["mirror_r_key"]);
-    return g;
+// The generic region's keys of the HCA that holds `qp`.
+inline GenericRegion keys_for(Session &s, const Object &qp) {
+    return generic_region(*s.hca_of(qp));
 }
 
 // The address a peer names for a local buffer (inside the generic region).

@@ -152,10 +152,13 @@ int ulp_pingpong(Console &c, ulp::Session &s, const std::vector<std::string> &ar
     if (type == "ud") {
         for (int i = 0; i < 2; ++i) {
             End &e = ends[i];
-            ulp::Object *pd = latest_on(s, "pd", e.hca->name);
+            // In the QPs' PD: the HCA's generic one, where ulp connect makes them.
+            uint32_t pd_h = 0;
             const uint64_t dlid = ulp::port_lid(*ends[1 - i].hca, ulp::kPortOfConnections);
-            int status = ulp_ah_create_simple(e.hca->funcs, e.hca->ptr, static_cast<uint32_t>(pd->handle),
-                                              static_cast<uint16_t>(dlid), 0, &e.ah);
+            int status = ulp_get_gen_pd_h(e.hca->funcs, e.hca->ptr, &pd_h);
+            if (status == 0)
+                status = ulp_ah_create_simple(e.hca->funcs, e.hca->ptr, pd_h, static_cast<uint16_t>(dlid), 0,
+                                              &e.ah);
             if (status != 0) return ulp::failed(c, "pingpong: ah create on " + e.hca->name, status);
         }
     }

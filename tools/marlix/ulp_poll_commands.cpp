@@ -19,7 +19,7 @@ int ulp_poll(Console &c, ulp::Session &s, const std::vector<std::string> &args) 
     for (;;) {
         char line[256];
         int status = ulp_poll_simple(hca->funcs, hca->ptr, cq->ptr, nullptr, line, sizeof(line));
-        if (status == 9 /* ox_return_err_cq_empty */) break;
+        if (status == ulp_cq_empty) break;
         if (status != 0) return ulp::failed(c, "poll " + cq->name, status);
         c.out() << cq->name << ": " << line << "\n";
         ++n;

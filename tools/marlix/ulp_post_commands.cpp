@@ -85,9 +85,11 @@ int post_send(Console &c, ulp::Session &s, ulp::Object &qp, const std::string &o
         target.r_key = ulp::keys_for(s, *peer).r_key;
         to = " on " + peer->name;
     }
-    uint8_t *buf = ulp::qp_buffer(qp, bytes);
+    // Data the host writes goes into a buffer no earlier request uses.
+    const bool writes_data = op == ulp_op_send || op == ulp_op_write;
+    uint8_t *buf = ulp::qp_buffer(qp, bytes, writes_data);
     const uint64_t id = next_wr_id(qp);
-    if (op == ulp_op_send || op == ulp_op_write) fill_pattern(buf, bytes, id);
+    if (writes_data) fill_pattern(buf, bytes, id);
     int status = ulp_post_send_simple(hca->funcs, hca->ptr, qp.ptr, ulp_operation_type(transport), op, id,
                                       buf, static_cast<uint32_t>(bytes), ulp::keys_for(s, qp).l_key, &target);
     if (status != 0) return ulp::failed(c, "post " + op_name + " on " + qp.name, status);

@@ -155,42 +155,57 @@ int ulp_operation_type(const char *transport) {
     return -1;
 }
 
-int ulp_post_send_simple(const ulp_funcs_t *funcs, void *hca, void *qp, int operation_type,
-                         enum ulp_send_op op, uint64_t wr_id, void *addr, uint32_t length, uint32_t l_key,
-                         const struct ulp_send_target *target) {
+int ulp_post_send_request(const ulp_funcs_t *funcs, void *hca, void *qp, int operation_type,
+                          const struct ulp_send_request *r) {
     static const ox_wr_operation_t ops[] = {
         ox_wr_send,      ox_wr_send_immed,   ox_wr_rdma_write, ox_wr_rdma_write_immed,
         ox_wr_rdma_read, ox_wr_compare_swap, ox_wr_fetch_add};
+    const int atomic = r->op == ulp_op_cas || r->op == ulp_op_faa;
     ox_scatgat_t sg;
     ox_wr_t wr;
 
     memset(&wr, 0, sizeof(wr));
-    sg.v_address = (unsigned long)addr;
-    sg.length = length;
-    sg.l_key = l_key;
-    wr.wr_id = wr_id;
-    wr.completion_notification = 1;
+    sg.v_address = (unsigned long)r->addr;
+    sg.length = r->length;
+    sg.l_key = r->l_key;
+    wr.wr_id = r->wr_id;
+    wr.completion_notification = r->unsignalled ? 0 : 1;
     wr.scatgat_list = &sg;
-    wr.num_of_data_segments = length ? 1 : 0;
-    wr.wr_type = ops[op];
+    wr.num_of_data_segments = r->length ? 1 : 0;
+    wr.wr_type = ops[r->op];
     switch (operation_type) {
         case ox_operation_type_send_rc:
-            wr.type.send.send_qp_type.rc_type.r_addr = (unsigned long)target->remote_addr;
-            wr.type.send.send_qp_type.rc_type.r_r_key = target->r_key;
+            wr.type.send.send_qp_type.rc_type.r_addr = (unsigned long)r->target.remote_addr;
+            wr.type.send.send_qp_type.rc_type.r_r_key = r->target.r_key;
+            wr.type.send.send_qp_type.rc_type.atomic = atomic;
+            wr.type.send.send_qp_type.rc_type.atomic_operands.atom_first_operand =
+                (unsigned long)r->compare_add;
+            wr.type.send.send_qp_type.rc_type.atomic_operands.atom_second_operand = (unsigned long)r->swap;
             break;
         case ox_operation_type_send_uc:
-            wr.type.send.send_qp_type.uc_type.r_addr = (unsigned long)target->remote_addr;
-            wr.type.send.send_qp_type.uc_type.r_r_key = target->r_key;
+            wr.type.send.send_qp_type.uc_type.r_addr = (unsigned long)r->target.remote_addr;
+            wr.type.send.send_qp_type.uc_type.r_r_key = r->target.r_key;
             break;
         case ox_operation_type_send_ud:
-            wr.type.send.send_qp_type.ud_type.r_add_h = target->ah;
-            wr.type.send.send_qp_type.ud_type.r_qp_num = target->remote_qpn;
-            wr.type.send.send_qp_type.ud_type.r_q_key = target->q_key;
+            wr.type.send.send_qp_type.ud_type.r_add_h = r->target.ah;
+            wr.type.send.send_qp_type.ud_type.r_qp_num = r->target.remote_qpn;
+            wr.type.send.send_qp_type.ud_type.r_q_key = r->target.q_key;
             break;
         default:
             break;
     }
+    if (r->inline_data)
+        return funcs->ox_inline_post_send(HCA(hca), qp, &wr, (ox_wr_operation_type_t)operation_type);
     return funcs->ox_post_send(HCA(hca), qp, &wr, (ox_wr_operation_type_t)operation_type);
+}
+
+int ulp_post_send_simple(const ulp_funcs_t *funcs, void *hca, void *qp, int operation_type,
+                         enum ulp_send_op op, uint64_t wr_id, void *addr, uint32_t length, uint32_t l_key,
+                         const struct ulp_send_target *target) {
+    struct ulp_send_request r = {.op = op, .wr_id = wr_id, .addr = addr, .length = length, .l_key = l_key};
+
+    if (target) r.target = *target;
+    return ulp_post_send_request(funcs, hca, qp, operation_type, &r);
 }
 
 int ulp_post_receive_simple(const ulp_funcs_t *funcs, void *hca, void *qp, uint64_t wr_id, void *addr,
@@ -245,6 +260,8 @@ const char *ulp_comp_status_name(int completion_status) {
         return "ox_comp_status_?";
     return names[completion_status];
 }
+
+const int ulp_cq_empty = ox_return_err_cq_empty;
 
 int ulp_poll_simple(const ulp_funcs_t *funcs, void *hca, void *cq, struct ulp_completion *out, char *line,
                     size_t len) {

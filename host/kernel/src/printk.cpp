@@ -125,7 +125,7 @@ int vprintk(const char *fmt, va_list args) {
             if (!l.open) {
                 l.open = true;
                 l.partial.text.clear();
-                l.partial.stamp_jiffies = __atomic_load_n(&jiffies, __ATOMIC_RELAXED);
+                l.partial.stamp_jiffies = jiffies;
                 l.partial.level = l.default_level;
                 if (p[0] == '<' && p[1] >= '0' && p[1] <= '7' && p[2] == '>') {
                     l.partial.level = p[1] - '0';

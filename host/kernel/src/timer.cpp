@@ -11,7 +11,7 @@
 #include <chrono>
 
 extern "C" {
-volatile unsigned long jiffies = 0;
+volatile u64 jiffies_64 = 0;
 }
 
 namespace marlix::kernel {
@@ -36,10 +36,10 @@ Timers &timers() {
 char g_timer_base;
 
 unsigned long now() {
-    return __atomic_load_n(&jiffies, __ATOMIC_ACQUIRE);
+    return (unsigned long)__atomic_load_n(&jiffies_64, __ATOMIC_ACQUIRE);
 }
 void set_now(unsigned long j) {
-    __atomic_store_n(&jiffies, j, __ATOMIC_RELEASE);
+    __atomic_store_n(&jiffies_64, u64(j), __ATOMIC_RELEASE);
 }
 
 bool pending_locked(const timer_list *t) {

@@ -106,6 +106,14 @@ bool push_completion(const std::string &device, VAPI_cq_hndl_t cq, const VAPI_wc
 // states) until cleared with nullopt; the QP's real state is unchanged. False when unknown.
 bool set_reported_qp_state(const std::string &device, VAPI_qp_hndl_t qp, std::optional<uint32_t> raw_state);
 
+// The QP loses its primary path, as when a link on it fails: a reliable or unreliable connected
+// QP in RTS whose migration state is ARMED (with an alternate path loaded) moves to its alternate
+// path (address vector, port, P_Key index, timeout), reports VAPI_MIGRATED and raises
+// VAPI_QP_PATH_MIGRATED with its handle. Returns whether it migrated: false for a QP that is not
+// armed (it keeps its path), an unknown device or QP. Pulling the cable of a port does the same
+// for every QP whose primary path leaves from, or leads to, that port.
+bool migrate_path(const std::string &device, VAPI_qp_hndl_t qp);
+
 // The device fails as on a local catastrophic error: every QP enters the error state (queued
 // requests are flushed), VAPI_LOCAL_CATASTROPHIC_ERROR is raised, and the device does no more
 // work until it is closed and opened again. False when the device is unknown or closed.

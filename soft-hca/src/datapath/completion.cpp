@@ -58,7 +58,7 @@ void qp_event(Qp &qp, VAPI_event_record_type_t type, PendingEvents &events) {
     VAPI_event_record_t rec{};
     rec.type = type;
     rec.modifier.qp_hndl = qp.hndl;
-    events.async.push_back(rec);
+    events.async.push_back({rec, qp.event_gate});
 }
 
 void complete_send(Device &dev, Qp &qp, SendEntry &w, VAPI_wc_status_t status, uint32_t syndrome,

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "device/device.hpp"
+#include "device/event_gate.hpp"
 
 namespace marlix::softhca {
 
@@ -19,8 +20,10 @@ struct CompletionEvent {
     VAPI_hca_hndl_t hca = 0;
     VAPI_cq_hndl_t cq = 0;
     void *private_data = nullptr;
+    EventGateRef gate;  // the CQ's: once it is destroyed the event is dropped
     void fire() const {
-        if (handler) handler(hca, cq, private_data);
+        EventPass pass(gate.get());
+        if (pass.ok() && handler) handler(hca, cq, private_data);
     }
 };
 
@@ -72,6 +75,8 @@ class CompletionQueue : public Object {
     VAPI_cq_hndl_t hndl = 0;
     // QPs whose send or receive queue completes here (destroy is refused while non-zero).
     uint32_t qp_users = 0;
+    // What destroy closes and waits on: the CQ's completion and CQ error events in flight.
+    EventGateRef event_gate = std::make_shared<EventGate>();
 
   private:
     std::vector<VAPI_wc_desc_t> slots_;

@@ -54,6 +54,7 @@ std::optional<CompletionEvent> CompletionQueue::complete(const VAPI_wc_desc_t &w
     CompletionEvent ev;
     ev.hca = hca;
     ev.cq = hndl;
+    ev.gate = event_gate;
     if (handler) {
         ev.handler = handler->fn;
         ev.private_data = handler->private_data;
@@ -75,7 +76,7 @@ void push_completion(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicit
         rec.type = VAPI_CQ_ERROR;
         rec.syndrome = VAPI_CQ_ERR_OVERRUN;
         rec.modifier.cq_hndl = cq.hndl;
-        events.async.push_back(rec);
+        events.async.push_back({rec, cq.event_gate});
     }
 }
 
@@ -87,7 +88,7 @@ void PendingEvents::deliver(Device &dev) {
             for (size_t i = 0; i < batch.size(); ++i) batch[i].fire();
         });
     }
-    for (size_t i = 0; i < async.size(); ++i) dev.raise_async_event(async[i]);
+    for (size_t i = 0; i < async.size(); ++i) dev.raise_async_event(async[i].record, async[i].gate);
     completions.clear();
     async.clear();
 }

@@ -242,17 +242,59 @@ void Device::release_all() {
     async_private = nullptr;
 }
 
-void Device::raise_async_event(const VAPI_event_record_t &record) {
+namespace {
+
+// The gate of the QP or CQ an event's modifier names on the device now; null when the event
+// names no such object or the handle is not in use (an event about an unknown handle is still
+// delivered: the handler decides what it means).
+EventGateRef gate_named_by(Device &dev, const VAPI_event_record_t &record) {
+    switch (raw_value(record.type)) {
+        case VAPI_QP_PATH_MIGRATED:
+        case VAPI_QP_COMM_ESTABLISHED:
+        case VAPI_SEND_QUEUE_DRAINED:
+        case VAPI_RECEIVE_QUEUE_DRAINED:
+        case VAPI_LOCAL_WQ_INV_REQUEST_ERROR:
+        case VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR:
+        case VAPI_LOCAL_WQ_CATASTROPHIC_ERROR:
+        case VAPI_PATH_MIG_REQ_ERROR:
+        case VAPI_PATH_MIG_ARMED:
+            if (Qp *qp = find_qp(dev, record.modifier.qp_hndl)) return qp->event_gate;
+            return nullptr;
+        case VAPI_CQ_ERROR:
+            if (CompletionQueue *cq = find_cq(dev, record.modifier.cq_hndl)) return cq->event_gate;
+            return nullptr;
+        default:
+            return nullptr;
+    }
+}
+
+}  // namespace
+
+std::vector<EventGateRef> Device::event_gates() {
+    std::vector<EventGateRef> out;
+    if (event_gate) out.push_back(event_gate);
+    for (auto &[h, obj] : qps) out.push_back(static_cast<Qp *>(obj.get())->event_gate);
+    for (auto &[h, obj] : cqs) out.push_back(static_cast<CompletionQueue *>(obj.get())->event_gate);
+    return out;
+}
+
+void Device::raise_async_event(const VAPI_event_record_t &record, EventGateRef object) {
     VAPI_async_event_handler_t handler;
     void *priv;
+    EventGateRef device_gate;
     {
         std::lock_guard lk(mu);
         if (!open || !async_handler) return;
         handler = async_handler;
         priv = async_private;
+        device_gate = event_gate;
+        if (!object) object = gate_named_by(*this, record);
     }
     VAPI_hca_hndl_t h = hndl;
-    dispatch_event([handler, priv, h, record]() {
+    dispatch_event([handler, priv, h, record, device_gate, object]() {
+        // Nothing runs for a device closed, or an object destroyed, since the event was raised.
+        EventPass pass(device_gate.get(), object.get());
+        if (!pass.ok()) return;
         VAPI_event_record_t copy = record;  // the handler may scribble on its record
         handler(h, &copy, priv);
     });
@@ -527,7 +569,8 @@ bool inject_catastrophic_error(const std::string &device) {
         CompletionEvent ev = events.completions[i];
         dispatch_event([ev] { ev.fire(); });
     }
-    for (size_t i = 0; i < events.async.size(); ++i) d->raise_async_event(events.async[i]);
+    for (size_t i = 0; i < events.async.size(); ++i)
+        d->raise_async_event(events.async[i].record, events.async[i].gate);
     return true;
 }
 

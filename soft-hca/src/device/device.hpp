@@ -7,7 +7,8 @@
 //   device/             the device model: this file (device, ports, registry, Call), limits.hpp
 //                       (every fixed size and bound), memory (keys and translation), cq.hpp (the
 //                       completion ring and its events), qp.hpp (the QP record), the pure QP state
-//                       machine, fault injection and call counting
+//                       machine, event_gate.hpp (quiescing events on destroy), path migration,
+//                       fault injection and call counting
 //   verbs/              the thin extern "C" VAPI/EVAPI entry points, one file per subject
 //   datapath/           work queues, packets, and the requester, responder and completer
 //   engine/             what runs the data path: a threaded engine and a stepped one
@@ -64,11 +65,14 @@
 //      dispatcher, the threaded engine's sleep mutex.
 // Never call a user callback (completion or async handler) with a device mutex held: collect the
 // events in a PendingEvents and deliver them after unlocking.
+// Destroy and close wait for the handlers still running with the object's handle (event_gate.hpp):
+// they close the gate under the device mutex and wait only after releasing it.
 //
 #pragma once
 
 #include <evapi.h>
 
+#include "device/event_gate.hpp"
 #include "device/verbs.hpp"
 
 #include <algorithm>
@@ -211,6 +215,8 @@ class Device {
     // Asynchronous event handler (VAPI_set_async_event_handler).
     VAPI_async_event_handler_t async_handler = nullptr;
     void *async_private = nullptr;
+    // The events of this opening of the device: new at open, closed and waited on at close.
+    EventGateRef event_gate;
 
     // Protection domains, memory regions, fast memory regions.
     HandlePool pd_handles{1}, mr_handles{1}, fmr_handles{1};
@@ -269,10 +275,15 @@ class Device {
 
     // Releases every resource (close).
     void release_all();
+    // The event gates close must shut: the device's and those of its live QPs and CQs.
+    std::vector<EventGateRef> event_gates();
 
     // Delivers an asynchronous event to the device's handler, outside the device mutex (which the
-    // caller must not hold), through dispatch_event(). Nothing happens without a handler.
-    void raise_async_event(const VAPI_event_record_t &record);
+    // caller must not hold), through dispatch_event(). Nothing happens without a handler. `object`
+    // is the gate of the QP or CQ the event names; without one, a QP or CQ event finds the gate
+    // of the object its modifier names now (if any). The handler runs only while both the
+    // device's gate and the object's are open (see device/event_gate.hpp).
+    void raise_async_event(const VAPI_event_record_t &record, EventGateRef object = {});
 
   private:
     uint32_t next_key_index_ = 1;

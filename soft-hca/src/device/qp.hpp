@@ -13,6 +13,7 @@
 
 #include "device/cq.hpp"
 #include "device/device.hpp"
+#include "device/event_gate.hpp"
 #include "datapath/wq.hpp"
 #include "device/qp_state_machine.hpp"
 
@@ -41,6 +42,7 @@ struct Qp : Object {
     uint64_t retransmit_at = 0;        // when the oldest unanswered request times out (ns; 0: none)
     uint64_t rnr_wait_until = 0;       // RNR NAK: nothing is sent before this (ns)
     bool sqd_event_due = false;        // SQD entered with notification asked; raise when drained
+    bool alt_path_loaded = false;      // an alternate path was given; a migration uses it up
     // ---- Responder -----------------------------------------------------------------------
     uint32_t expected_psn = 0;  // RC/UC: the PSN the next request must carry
     uint32_t msn = 0;           // messages completed as responder
@@ -75,6 +77,8 @@ struct Qp : Object {
     bool destroyed = false;       // destroyed; the record waits in Device::retired
     std::set<std::pair<Mgid, IB_lid_t>> mcast_groups;  // groups this QP is attached to
     std::optional<uint32_t> reported_state;            // what VAPI_query_qp says instead (tests)
+    // What destroy closes and waits on: the QP's asynchronous events in flight.
+    EventGateRef event_gate = std::make_shared<EventGate>();
 
     VAPI_ts_type_t transport() const { return init.ts_type; }
     qpsm::QpState state() const { return static_cast<qpsm::QpState>(attr.qp_state); }
@@ -126,10 +130,19 @@ class SmallList {
     std::vector<T> more_;
 };
 
+// An asynchronous event and the gate of the QP or CQ it names, taken when it was raised under
+// the device lock (null: the modifier names no object, or it is looked up as the event goes out).
+struct AsyncEvent {
+    VAPI_event_record_t record{};
+    EventGateRef gate;
+    AsyncEvent() = default;
+    AsyncEvent(const VAPI_event_record_t &r, EventGateRef g = {}) : record(r), gate(std::move(g)) {}
+};
+
 // Completions and asynchronous events to deliver once the device lock is released.
 struct PendingEvents {
     SmallList<CompletionEvent, 8> completions;
-    SmallList<VAPI_event_record_t, 4> async;
+    SmallList<AsyncEvent, 4> async;
     bool empty() const { return completions.empty() && async.empty(); }
     // Raises everything as the adapter's interrupt; the caller holds no device lock.
     void deliver(Device &dev);

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <map>
 
+#include "device/path_migration.hpp"
+#include "engine/engine.hpp"
 #include "fabric/fabric.hpp"
 #include "marlix/softhca.hpp"
 
@@ -41,6 +43,29 @@ struct PendingEvent {
     VAPI_event_record_t rec;
 };
 
+// A port that went down in a sweep, with the LID it had.
+struct LostPort {
+    Device *dev;
+    IB_port_t port;
+    IB_lid_t lid;
+};
+
+// Every armed connected QP whose primary path used a lost port, on either end, moves to its
+// alternate path. Called with fab().mu held and no device mutex held.
+void migrate_lost_paths(const std::vector<LostPort> &lost) {
+    if (lost.empty()) return;
+    for (Device *d : devices()) {
+        PendingEvents events;
+        {
+            std::lock_guard lk(d->mu);
+            if (!d->open) continue;
+            for (const LostPort &l : lost) migrate_paths_through(*d, l.dev, l.port, l.lid, events);
+        }
+        events.deliver(*d);
+    }
+    engine_kick();
+}
+
 // One sweep; called with fab().mu held and no device mutex held.
 void sweep_locked() {
     Fabric &f = fab();
@@ -50,12 +75,15 @@ void sweep_locked() {
     Device *sm_dev = nullptr;
     IB_port_t sm_port = 0;
 
+    std::vector<LostPort> lost;
+
     // First pass: link state and LIDs.
     for (Device *d : devices()) {
         std::lock_guard lk(d->mu);
         for (Port &p : d->ports) {
             IB_port_state_t before = p.state;
             if (!p.cabled || p.disabled) {
+                if (before != PORT_DOWN) lost.push_back({d, p.num, p.lid});
                 p.phys_state = p.disabled ? PORT_PHYS_DISABLED : PORT_PHYS_POLLING;
                 p.state = PORT_DOWN;
                 p.lid = 0;
@@ -114,6 +142,7 @@ void sweep_locked() {
         lids().map = std::move(table);
     }
     for (PendingEvent &e : events) e.dev->raise_async_event(e.rec);
+    migrate_lost_paths(lost);
 }
 
 // Changes one port's physical condition under the fabric lock, then lets the subnet manager

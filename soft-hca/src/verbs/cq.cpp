@@ -79,10 +79,16 @@ VAPI_ret_t VAPI_destroy_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl) {
     if (cq_hndl < Device::kFastCqHandles) dev.fast_cqs[cq_hndl].store(nullptr, std::memory_order_release);
     // A poll that looked the CQ up without the lock may still be reading it: the record waits
     // for the engine's next round.
+    EventGateRef gate = cq->event_gate;
     auto it = dev.cqs.find(cq_hndl);
     dev.retired.push_back(std::move(it->second));
     dev.cqs.erase(it);
     dev.cq_handles.release(cq_hndl);
+    // As for a QP: events not started are dropped, running handlers (on other threads) waited for
+    // once the device mutex is released.
+    gate->close();
+    call.unlock();
+    gate->wait_idle();
     return VAPI_OK;
 }
 

@@ -43,6 +43,7 @@ VAPI_ret_t VAPI_open_hca(const VAPI_hca_id_t hca_id, VAPI_hca_hndl_t *hca_hndl_p
     if (!dev) return VAPI_EINVAL_HCA_ID;
     std::lock_guard lk(dev->mu);
     if (dev->open) return VAPI_EBUSY_HCA;
+    dev->event_gate = std::make_shared<EventGate>();
     dev->open = true;
     dev->borrowed = 0;
     *hca_hndl_p = dev->hndl;
@@ -77,9 +78,15 @@ VAPI_ret_t VAPI_close_hca(VAPI_hca_hndl_t hca_hndl) {
     Call call(Verb::VAPI_close_hca, hca_hndl);
     if (call.failed()) return call.status();
     Device &dev = call.dev();
+    // No event of this opening runs once close returns: the device's gate and those of the QPs
+    // and CQs still alive close now, and are waited on once the device mutex is released.
+    std::vector<EventGateRef> gates = dev.event_gates();
+    for (const EventGateRef &g : gates) g->close();
     dev.release_all();
     dev.open = false;
     dev.borrowed = 0;
+    call.unlock();
+    for (const EventGateRef &g : gates) g->wait_idle();
     return VAPI_OK;
 }
 

@@ -3,6 +3,7 @@
 #include "device/qp.hpp"
 #include "datapath/datapath.hpp"
 #include "device/limits.hpp"
+#include "device/path_migration.hpp"
 #include "engine/engine.hpp"
 
 #include <algorithm>
@@ -242,6 +243,7 @@ void apply(Qp &qp, const VAPI_qp_attr_t &a, VAPI_qp_attr_mask_t mask) {
         t.alt_timeout = a.alt_timeout;
         t.alt_port = a.alt_port;
         t.alt_pkey_ix = a.alt_pkey_ix;
+        qp.alt_path_loaded = true;
     }
     if (mask & QP_ATTR_MIN_RNR_TIMER) t.min_rnr_timer = a.min_rnr_timer;
     if (mask & QP_ATTR_SQ_PSN) t.sq_psn = a.sq_psn;
@@ -333,6 +335,7 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
 
     const QpState from = qp->state();
     const QpState to = static_cast<QpState>(qp_attr_p->qp_state);
+    const bool was_armed = raw_value(qp->attr.path_mig_state) == VAPI_ARMED;
     PendingEvents events;
     if (to == QpState::Reset) {
         // Back to RESET: queued work is discarded without completions and every attribute is
@@ -346,6 +349,7 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
         fresh.port = qp->special_port;
         fresh.min_rnr_timer = kDefaultMinRnrTimer;
         qp->attr = fresh;
+        qp->alt_path_loaded = false;
     } else {
         VAPI_qp_attr_mask_t applied = mask;
         // Send-side timers named on the way into RTR are accepted and ignored (RTS sets them).
@@ -373,6 +377,11 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
         qp->rnr_retries_left = qp->attr.rnr_retry;
         activate(dev, *qp);  // requests posted meanwhile (SQD, SQE) go out now
     }
+    // Migration asked for by software: an armed QP told to be MIGRATED takes its alternate path
+    // now (the caller knows, so no event is raised). Otherwise the state is only recorded.
+    if (to == QpState::Rts && (mask & QP_ATTR_PATH_MIG_STATE) &&
+        raw_value(qp_attr_p->path_mig_state) == VAPI_MIGRATED && was_armed && qp->alt_path_loaded)
+        switch_to_alternate_path(dev, *qp);
     if (to == QpState::Err) flush_qp(dev, *qp, events);
     if (to == QpState::Sqd && from == QpState::Rts) {
         // The requester sends nothing new; the QP asked to be told when what is in flight is
@@ -426,6 +435,13 @@ VAPI_ret_t VAPI_destroy_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl) {
     dev.retired.push_back(std::move(it->second));
     dev.qps.erase(it);
     dev.qp_handles.release(qp_hndl);
+    // The QP's events already raised are dropped if they have not started; those running are
+    // waited for, without the device mutex (a handler may call verbs), and not the one this
+    // destroy may be called from.
+    EventGateRef gate = qp->event_gate;
+    gate->close();
+    call.unlock();
+    gate->wait_idle();
     return VAPI_OK;
 }
 

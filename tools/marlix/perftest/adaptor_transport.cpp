@@ -11,7 +11,6 @@
 
 #include <marlix/kernel.hpp>
 
-#include "perftest/ox_verbs.h"
 #include "perftest/transport.hpp"
 #include "ulp_datapath.h"
 #include "ulp_pair.hpp"
@@ -156,9 +155,7 @@ class AdaptorEndpoint final : public Endpoint {
         ulp_qp_attr_get(out.data(), "create_return.qp_num", &qpn);
         info.qpn = uint32_t(qpn);
         info.max_inline = kSendGather * 16;
-        transport_ = connection == Connection::RC   ? pt_ox_rc
-                     : connection == Connection::UC ? pt_ox_uc
-                                                    : pt_ox_ud;
+        operation_type_ = ulp_operation_type(type_name(connection));
         return true;
     }
 
@@ -241,37 +238,45 @@ class AdaptorEndpoint final : public Endpoint {
     }
 
     int post_send(QpId qp, const SendRequest &r) override {
-        pt_ox_request s;
+        ulp_send_request s{};
+        s.op = r.op == Op::Send          ? ulp_op_send
+               : r.op == Op::Write       ? ulp_op_write
+               : r.op == Op::Read        ? ulp_op_read
+               : r.op == Op::CompareSwap ? ulp_op_cas
+                                         : ulp_op_faa;
         s.wr_id = r.id;
-        s.op = r.op == Op::Send          ? pt_ox_send
-               : r.op == Op::Write       ? pt_ox_write
-               : r.op == Op::Read        ? pt_ox_read
-               : r.op == Op::CompareSwap ? pt_ox_cas
-                                         : pt_ox_faa;
-        s.transport = transport_of(qp);
-        s.signaled = r.signaled;
+        s.unsignalled = !r.signaled;
         s.inline_data = r.inline_data;
-        s.addr = r.local_addr;
+        s.addr = reinterpret_cast<void *>(static_cast<uintptr_t>(r.local_addr));
         s.length = r.length;
         s.l_key = r.lkey;
-        s.remote_addr = r.remote_addr;
-        s.r_key = r.rkey;
         s.compare_add = r.compare_add;
         s.swap = r.swap;
-        s.ah = r.ah;
-        s.remote_qpn = r.remote_qpn;
-        s.q_key = r.remote_qkey;
-        return pt_ox_post_send(funcs_, hca_, reinterpret_cast<void *>(static_cast<uintptr_t>(qp)), &s);
+        s.target.remote_addr = r.remote_addr;
+        s.target.r_key = r.rkey;
+        s.target.ah = r.ah;
+        s.target.remote_qpn = r.remote_qpn;
+        s.target.q_key = r.remote_qkey;
+        return ulp_post_send_request(funcs_, hca_, qp_ptr(qp), operation_type_, &s);
     }
 
     int post_recv(QpId qp, uint64_t id, uint64_t local_addr, uint32_t length, uint32_t lkey) override {
-        return pt_ox_post_receive(funcs_, hca_, reinterpret_cast<void *>(static_cast<uintptr_t>(qp)), id,
-                                  local_addr, length, lkey);
+        return ulp_post_receive_simple(funcs_, hca_, qp_ptr(qp), id,
+                                       reinterpret_cast<void *>(static_cast<uintptr_t>(local_addr)), length,
+                                       lkey);
     }
 
+    // 1 with a completion, 0 when the CQ is empty, otherwise the entry point's status negated.
     int poll(CqId cq, Completion &c) override {
-        return pt_ox_poll(funcs_, hca_, reinterpret_cast<void *>(static_cast<uintptr_t>(cq)), &c.id,
-                          &c.status, &c.byte_len);
+        ulp_completion wc;
+        const int rc = ulp_poll_simple(funcs_, hca_, reinterpret_cast<void *>(static_cast<uintptr_t>(cq)),
+                                       &wc, nullptr, 0);
+        if (rc == ulp_cq_empty) return 0;
+        if (rc != 0) return -rc;
+        c.id = wc.wr_id;
+        c.status = wc.completion_status;
+        c.byte_len = static_cast<uint32_t>(wc.num_bytes_transfered);
+        return 1;
     }
 
     int arm(CqId cq) override {
@@ -279,7 +284,8 @@ class AdaptorEndpoint final : public Endpoint {
             std::lock_guard lk(ev->mu);
             ev->seen = ev->count;
         }
-        return pt_ox_arm(funcs_, hca_, reinterpret_cast<void *>(static_cast<uintptr_t>(cq)));
+        return ulp_request_notification(funcs_, hca_, reinterpret_cast<void *>(static_cast<uintptr_t>(cq)),
+                                        0);
     }
 
     bool wait_event(CqId cq, int timeout_ms) override {
@@ -304,8 +310,7 @@ class AdaptorEndpoint final : public Endpoint {
         return c == Connection::RC ? "rc" : c == Connection::UC ? "uc" : "ud";
     }
 
-    // Every QP of a test has the same transport.
-    pt_ox_transport transport_of(QpId) const { return transport_; }
+    static void *qp_ptr(QpId qp) { return reinterpret_cast<void *>(static_cast<uintptr_t>(qp)); }
 
     CqEvents *events_of(CqId cq) {
         for (auto &e : event_cqs_)
@@ -334,7 +339,7 @@ class AdaptorEndpoint final : public Endpoint {
     uint32_t pd_ = 0, l_key_ = 0, r_key_ = 0;
     std::vector<void *> qps_, cqs_, buffers_;
     std::vector<uint64_t> ahs_, mrs_;
-    pt_ox_transport transport_ = pt_ox_rc;
+    int operation_type_ = 0;  // every QP of a test has the same transport
     std::vector<std::unique_ptr<CqEvents>> events_;
     std::vector<std::pair<void *, CqEvents *>> event_cqs_;
 };

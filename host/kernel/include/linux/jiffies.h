@@ -8,8 +8,12 @@
 #define HZ 1000
 
 __BEGIN_KERNEL_DECLS
-extern volatile unsigned long jiffies;
+extern volatile u64 jiffies_64;
 __END_KERNEL_DECLS
+
+/* The clock moves on another thread (the ticker, or whoever advances the virtual clock) while
+ * kernel code reads it from any context: every read is one whole, atomic load of the counter. */
+#define jiffies ((unsigned long)__atomic_load_n(&jiffies_64, __ATOMIC_RELAXED))
 
 #define time_after(a, b) ((long)(b) - (long)(a) < 0)
 #define time_before(a, b) time_after(b, a)
