@@ -91,7 +91,8 @@ VAPI_wc_desc_t completion_from(const uint8_t *&p, const uint8_t *end) {
 
 long long wc_field(const std::vector<unsigned char> &wc, const char *field) {
     long long v = 0;
-    if (dpl_get("ox_wc_t", wc.data(), field, &v) != 0) finding(std::string("no field ox_wc_t.") + field);
+    if (layout_get(dpl_layout(), "ox_wc_t", wc.data(), field, &v) != 0)
+        finding(std::string("no field ox_wc_t.") + field);
     return v;
 }
 
@@ -128,7 +129,8 @@ void check_generic(const VAPI_wc_desc_t &in, const std::vector<unsigned char> &o
     int found = 0;
     static const char *const kTypes[] = {"ox_qp_type_r_dgram", "ox_qp_type_u_dgram",
                                          "ox_qp_type_special_raw_eter", "ox_qp_type_special_raw_ipv6"};
-    expect("addres_info.remote_qp_type", dpl_const(type < 4 ? kTypes[type] : "ox_qp_type_not_valid", &found));
+    expect("addres_info.remote_qp_type",
+           layout_const(dpl_layout(), type < 4 ? kTypes[type] : "ox_qp_type_not_valid", &found));
 }
 
 void check_vapi(const VAPI_wc_desc_t &in, const VAPI_wc_desc_t &out) {
@@ -152,9 +154,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     if (ulp_cq_create(g_funcs, g_hca, 32, on_completion, nullptr, &g_cq, &g_cq_size) != 0)
         finding("CQ create failed");
     long long handle = 0;
-    if (dpl_get("ox_opened_cq_t", g_cq, "cq_h", &handle) != 0) finding("no field ox_opened_cq_t.cq_h");
+    if (layout_get(dpl_layout(), "ox_opened_cq_t", g_cq, "cq_h", &handle) != 0)
+        finding("no field ox_opened_cq_t.cq_h");
     g_vapi_cq = static_cast<VAPI_cq_hndl_t>(handle);
-    g_cq_empty = adp_const("ox_return_err_cq_empty", nullptr);
+    g_cq_empty = layout_const(adp_layout(), "ox_return_err_cq_empty", nullptr);
     g_baseline_allocations = module_allocations().size();
     return 0;
 }

@@ -89,13 +89,13 @@ long long g_ok;
 
 long long constant(const char *name) {
     int found = 0;
-    long long v = dpl_const(name, &found);
+    long long v = layout_const(dpl_layout(), name, &found);
     if (!found) finding(std::string("no constant ") + name);
     return v;
 }
 
 void set(const char *record, void *base, const std::string &field, long long value) {
-    if (dpl_set(record, base, field.c_str(), value) != 0)
+    if (layout_set(dpl_layout(), record, base, field.c_str(), value) != 0)
         finding(std::string("no field ") + record + "." + field);
 }
 
@@ -176,7 +176,8 @@ void destroy_pair(Pair &pr) {
 // One request from the input into `wr`, its gather entries into `list`.
 void read_request(const uint8_t *&p, const uint8_t *end, const Pair &pr, long long op_type, unsigned char *wr,
                   unsigned char *list, bool is_inline) {
-    const size_t wr_size = dpl_sizeof("ox_wr_t"), sg_size = dpl_sizeof("ox_scatgat_t");
+    const size_t wr_size = layout_sizeof(dpl_layout(), "ox_wr_t"),
+                 sg_size = layout_sizeof(dpl_layout(), "ox_scatgat_t");
     std::memset(wr, 0, wr_size);
     set("ox_wr_t", wr, "wr_id", static_cast<long long>(take(p, end, 8)));
     set("ox_wr_t", wr, "completion_notification", static_cast<long long>(take(p, end, 1)));
@@ -271,10 +272,10 @@ void drain(int side, void *cq, std::map<uint64_t, int> &accepted) {
     for (int n = 0; n < 4096; n++) {
         if (ulp_poll(g_funcs, g_side[side].hca, cq, wc.data()) != g_ok) return;
         long long id = 0, status = 0, bytes = 0;
-        dpl_get("ox_wc_t", wc.data(), "wr_id", &id);
+        layout_get(dpl_layout(), "ox_wc_t", wc.data(), "wr_id", &id);
         if (verbose) {
-            dpl_get("ox_wc_t", wc.data(), "completion_status", &status);
-            dpl_get("ox_wc_t", wc.data(), "num_bytes_transfered", &bytes);
+            layout_get(dpl_layout(), "ox_wc_t", wc.data(), "completion_status", &status);
+            layout_get(dpl_layout(), "ox_wc_t", wc.data(), "num_bytes_transfered", &bytes);
             std::fprintf(stderr, "side %d: wr_id 0x%llx %s, %lld bytes\n", side,
                          static_cast<unsigned long long>(id), ulp_comp_status_name(static_cast<int>(status)),
                          bytes);
@@ -303,7 +304,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     // Larger than one kmalloc may be: host memory, which the direct map covers as well.
     g_local = new unsigned char[kLocalSize]();
     g_peer = new unsigned char[kPeerSize]();
-    g_ok = adp_const("ox_return_ok", nullptr);
+    g_ok = layout_const(adp_layout(), "ox_return_ok", nullptr);
     g_baseline_allocations = module_allocations().size();
     return 0;
 }
@@ -327,7 +328,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             accepted[1][id]++;
     }
 
-    const size_t wr_size = dpl_sizeof("ox_wr_t"), sg_size = dpl_sizeof("ox_scatgat_t");
+    const size_t wr_size = layout_sizeof(dpl_layout(), "ox_wr_t"),
+                 sg_size = layout_sizeof(dpl_layout(), "ox_scatgat_t");
     std::vector<unsigned char> wrs(4 * wr_size), lists(4 * kListEntries * sg_size);
     while (p < end) {
         const uint8_t h = *p++;
@@ -376,7 +378,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (rc == g_ok) {
             for (uint32_t i = 0; i < count; i++) {
                 long long id = 0;
-                dpl_get("ox_wr_t", &wrs[i * wr_size], "wr_id", &id);
+                layout_get(dpl_layout(), "ox_wr_t", &wrs[i * wr_size], "wr_id", &id);
                 accepted[0][static_cast<uint64_t>(id)]++;
             }
         }
