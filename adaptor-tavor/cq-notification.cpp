@@ -10,6 +10,8 @@
 ox_return_t oxi_mlx_request_completion_notification(ox_opened_hca_t *opened_hca_p, ox_cq_h_t cq_h,
                                                     ox_request_comp_notify_t comp_notify) {
     ox_opened_cq_t *cq = (ox_opened_cq_t *)cq_h;
+    /* Read raw: a caller may pass any value, also none of the enumerators. */
+    const u32 request = ox_mlx_raw_enum(&comp_notify);
     VAPI_cq_notif_type_t notify;
     VAPI_ret_t stat;
 
@@ -22,14 +24,14 @@ ox_return_t oxi_mlx_request_completion_notification(ox_opened_hca_t *opened_hca_
     g_stat.last_com_notify_num++;
 
     /* The table has two rows; any other request is refused rather than read past it. */
-    if ((u32)comp_notify >= COM_NOTIFY_TRANSLATION_NUM) {
-        AD_TAVOR_ERROR("ERROR - comp_notify: %d is not a notification type", (int)comp_notify);
+    if (request >= COM_NOTIFY_TRANSLATION_NUM) {
+        AD_TAVOR_ERROR("ERROR - comp_notify: %d is not a notification type", (int)request);
         ox_mlx_count_error();
         return ox_return_err_invalid_parameter;
     }
-    notify = (VAPI_cq_notif_type_t)com_notify_ox_to_mlx_translation[comp_notify];
+    notify = (VAPI_cq_notif_type_t)com_notify_ox_to_mlx_translation[request];
     AD_TAVOR_DEBUG("comp notify: hca_h: %d, cq_h: %p, user cq h: %p, ox comp_notify: %d, mlx notify: %d",
-                   (int)opened_hca_p->hca_h, cq->cq_h, (void *)cq, (int)comp_notify, (int)notify);
+                   (int)opened_hca_p->hca_h, cq->cq_h, (void *)cq, (int)request, (int)notify);
 
     stat = VAPI_req_comp_notif(opened_hca_p->hca_h, (VAPI_cq_hndl_t)(unsigned long)cq->cq_h, notify);
     if (stat != VAPI_OK) {

@@ -4,6 +4,7 @@
 
 #include "adaptor-tavor.h"
 #include "ox-entry-points.h"
+#include "translate.h"
 
 ox_return_t oxi_mlx_poll_for_completion_vapi(ox_opened_hca_t *opened_hca_p, ox_cq_h_t cq_h, void *wc) {
     ox_opened_cq_t *cq = (ox_opened_cq_t *)cq_h;
@@ -29,8 +30,9 @@ ox_return_t oxi_mlx_poll_for_completion_vapi(ox_opened_hca_t *opened_hca_p, ox_c
         ox_mlx_count_vapi_failure(poll_for_completion_indx, stat);
         return ox_return_err;
     }
-    if (wc_desc->status != VAPI_SUCCESS) {
-        if (wc_desc->opcode != VAPI_CQE_RQ_SEND_DATA) {
+    /* Read raw: the adapter may write any value into the status and opcode. */
+    if (ox_mlx_raw_enum(&wc_desc->status) != (u32)VAPI_SUCCESS) {
+        if (ox_mlx_raw_enum(&wc_desc->opcode) != (u32)VAPI_CQE_RQ_SEND_DATA) {
             g_stat.ox_send_error_status++;
             g_stat.ox_send_last_error_status++;
         } else {

@@ -23,6 +23,7 @@ ox_return_t oxi_mlx_poll_for_completion(ox_opened_hca_t *opened_hca_p, ox_cq_h_t
     VAPI_wc_desc_t wc_desc;
     VAPI_ret_t stat;
     u32 completion_status;
+    u32 vapi_status, vapi_opcode;
 
     g_stat.poll_num++;
     g_stat.last_poll_num++;
@@ -44,6 +45,9 @@ ox_return_t oxi_mlx_poll_for_completion(ox_opened_hca_t *opened_hca_p, ox_cq_h_t
         return ox_return_err;
     }
 
+    /* Status, opcode and address type are read raw: the adapter may write any value there. */
+    vapi_status = ox_mlx_raw_enum(&wc_desc.status);
+    vapi_opcode = ox_mlx_raw_enum(&wc_desc.opcode);
     AD_TAVOR_DEBUG(
         "mlx parmeters (RD/UD):\n"
         "  id: %llu\n"
@@ -62,20 +66,20 @@ ox_return_t oxi_mlx_poll_for_completion(ox_opened_hca_t *opened_hca_p, ox_cq_h_t
         "  pkey_ix: %d\n"
         "  vendor_err_syndrome: %u\n"
         "  free_res_count: %u",
-        (unsigned long long)wc_desc.id, (int)wc_desc.opcode, (int)wc_desc.status, wc_desc.byte_len,
+        (unsigned long long)wc_desc.id, (int)vapi_opcode, (int)vapi_status, wc_desc.byte_len,
         (int)wc_desc.imm_data_valid, (unsigned)wc_desc.imm_data, (unsigned)wc_desc.local_qp_num,
-        (int)wc_desc.remote_node_addr.type, (int)wc_desc.remote_node_addr.slid,
+        (int)ox_mlx_raw_enum(&wc_desc.remote_node_addr.type), (int)wc_desc.remote_node_addr.slid,
         (int)wc_desc.remote_node_addr.sl, (unsigned)wc_desc.remote_node_addr.qp_ety.qp,
         (unsigned)wc_desc.remote_node_addr.ee_dlid.loc_eecn, (int)wc_desc.grh_flag, (int)wc_desc.pkey_ix,
         (unsigned)wc_desc.vendor_err_syndrome, (unsigned)wc_desc.free_res_count);
-    if ((u32)wc_desc.remote_node_addr.type < VAPI_RNA_RAW_ETY)
+    if (ox_mlx_raw_enum(&wc_desc.remote_node_addr.type) < (u32)VAPI_RNA_RAW_ETY)
         AD_TAVOR_DEBUG("Datagram - remote address info QP: %d", (int)wc_desc.remote_node_addr.qp_ety.qp);
 
     if (!ox_mlx_wc_from_vapi(&wc_desc, work_completion))
-        AD_TAVOR_ERROR("ERROR - wc_desc.status: %d", (int)wc_desc.status);
+        AD_TAVOR_ERROR("ERROR - wc_desc.status: %d", (int)vapi_status);
 
     /* The data that came in: received sends and the answers of RDMA reads. */
-    if (wc_desc.opcode == VAPI_CQE_RQ_SEND_DATA || wc_desc.opcode == VAPI_CQE_SQ_RDMA_READ) {
+    if (vapi_opcode == (u32)VAPI_CQE_RQ_SEND_DATA || vapi_opcode == (u32)VAPI_CQE_SQ_RDMA_READ) {
         g_stat.rx_byte += wc_desc.byte_len;
         g_stat.last_rx_byte += wc_desc.byte_len;
     }
@@ -91,13 +95,13 @@ ox_return_t oxi_mlx_poll_for_completion(ox_opened_hca_t *opened_hca_p, ox_cq_h_t
             g_stat.ox_receive_error_status++;
             g_stat.ox_receive_last_error_status++;
         }
-        if (wc_desc.status != VAPI_WR_FLUSH_ERR) {
+        if (vapi_status != (u32)VAPI_WR_FLUSH_ERR) {
             ox_mlx_logged_completion_errors++;
             AD_TAVOR_ERROR(
                 "MRX: completion_status: %d (MLX: %d, syndrom: %d), total err num: %d (not print flush "
                 "errors)",
-                (int)completion_status, (int)wc_desc.status,
-                (int)wc_desc.vendor_err_syndrome, (int)ox_mlx_logged_completion_errors);
+                (int)completion_status, (int)vapi_status, (int)wc_desc.vendor_err_syndrome,
+                (int)ox_mlx_logged_completion_errors);
         }
     }
     return ox_return_ok;

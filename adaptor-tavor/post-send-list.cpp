@@ -55,8 +55,8 @@ ox_return_t oxi_mlx_post_send_list(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h
     sg_area = (VAPI_sg_lst_entry_t *)(descs + num_of_requests);
 
     for (i = 0; i < num_of_requests; i++) {
-        prep = ox_mlx_common_post_send_prep(opened_hca_p, qp, &work_req[i], operation_type, &descs[i],
-                                            &sg_area[i], 0);
+        prep = ox_mlx_common_post_send_prep(opened_hca_p, qp, &work_req[i], ox_mlx_raw_enum(&operation_type),
+                                            &descs[i], &sg_area[i], 0);
         if (prep != OX_MLX_PREP_OK) {
             /* Nothing is posted, not even the requests translated before. */
             OX_MLX_PREP_FAILED(prep, ret);

@@ -30,6 +30,7 @@
 
 #include "adaptor-tavor.h"
 #include "gather-address.h"
+#include "translate.h"
 
 __BEGIN_KERNEL_DECLS
 
@@ -98,14 +99,17 @@ typedef enum {
  *    eight per request, and more would write past them;
  *  - a wr_type past the opcode table (a bind request): there is no VAPI opcode to give.
  * Both are logged at ERROR and counted once; the caller returns ox_return_err_invalid_parameter.
- * An unsupported operation type counts one error here; the caller counts it again. */
+ * An unsupported operation type counts one error here; the caller counts it again.
+ *
+ * `operation_type` and the request's wr_type arrive as raw values (ox_mlx_raw_enum): a caller
+ * may put any number there, and they are range-checked before use. */
 static inline ox_mlx_prep_t ox_mlx_common_post_send_prep(ox_opened_hca_t *opened_hca_p, ox_opened_qp_t *qp,
-                                                         const ox_wr_t *work_req,
-                                                         ox_wr_operation_type_t operation_type,
+                                                         const ox_wr_t *work_req, u32 operation_type,
                                                          VAPI_sr_desc_t *desc, VAPI_sg_lst_entry_t *sg,
                                                          int is_inline) {
     const ox_send_wr_t *send = &work_req->type.send;
     ox_iova_t iova;
+    const u32 wr_type = ox_mlx_raw_enum(&work_req->wr_type);
     u32 total = 0;
     u32 i;
 
@@ -125,8 +129,8 @@ static inline ox_mlx_prep_t ox_mlx_common_post_send_prep(ox_opened_hca_t *opened
                    (void *)work_req->scatgat_list, (void *)(unsigned long)desc->id,
                    (void *)(unsigned long)work_req->wr_id);
 
-    if ((u32)work_req->wr_type >= OX_WR_TYPE_TRANSLATION_NUM) {
-        AD_TAVOR_ERROR("ERROR - wr_type: %d has no VAPI opcode", (int)work_req->wr_type);
+    if (wr_type >= OX_WR_TYPE_TRANSLATION_NUM) {
+        AD_TAVOR_ERROR("ERROR - wr_type: %d has no VAPI opcode", (int)wr_type);
         ox_mlx_count_error();
         return OX_MLX_PREP_BAD_REQUEST;
     }
@@ -136,7 +140,7 @@ static inline ox_mlx_prep_t ox_mlx_common_post_send_prep(ox_opened_hca_t *opened
         ox_mlx_count_error();
         return OX_MLX_PREP_BAD_REQUEST;
     }
-    desc->opcode = (VAPI_wr_opcode_t)wr_type_ox_to_mlx_translation[work_req->wr_type];
+    desc->opcode = (VAPI_wr_opcode_t)wr_type_ox_to_mlx_translation[wr_type];
 
     switch (operation_type) {
         case ox_operation_type_send_rc:
@@ -196,7 +200,7 @@ static inline ox_mlx_prep_t ox_mlx_common_post_send_prep(ox_opened_hca_t *opened
     }
     desc->sg_lst_p = sg;
 
-    if (work_req->wr_type != ox_wr_rdma_read) {
+    if (wr_type != (u32)ox_wr_rdma_read) {
         g_stat.tx_byte += total;
         g_stat.last_tx_byte += total;
     }

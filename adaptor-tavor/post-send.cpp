@@ -18,8 +18,8 @@ ox_return_t oxi_mlx_post_send(ox_opened_hca_t *opened_hca_p, ox_qp_h_t qp_h, ox_
 
     if (locked) OX_QP_SEND_LOCK(qp, flags);
 
-    prep = ox_mlx_common_post_send_prep(opened_hca_p, qp, work_req, operation_type, &qp->sr_desc,
-                                        qp->mlx_sg_array_s, 0);
+    prep = ox_mlx_common_post_send_prep(opened_hca_p, qp, work_req, ox_mlx_raw_enum(&operation_type),
+                                        &qp->sr_desc, qp->mlx_sg_array_s, 0);
     if (prep != OX_MLX_PREP_OK) {
         OX_MLX_PREP_FAILED(prep, ret);
         if (locked) OX_QP_SEND_UNLOCK(qp, flags);

@@ -17,6 +17,7 @@
 #include <vapi.h>
 
 #include "ox-types.h"
+#include "translate.h"
 
 __BEGIN_KERNEL_DECLS
 
@@ -42,8 +43,9 @@ static inline ox_qp_type_t ox_mlx_remote_qp_type(u32 vapi_type) {
  * is then left as it was), 1 otherwise. */
 static inline int ox_mlx_wc_from_vapi(const VAPI_wc_desc_t *vapi, ox_wc_t *wc) {
     const VAPI_remote_node_addr_t *rna = &vapi->remote_node_addr;
-    const u32 type = (u32)rna->type;
-    const u32 status = (u32)vapi->status;
+    /* The enumeration fields are read raw: a completion entry may hold any value there. */
+    const u32 type = ox_mlx_raw_enum(&rna->type);
+    const u32 status = ox_mlx_raw_enum(&vapi->status);
 
     /* RD and UD carry a source QP; the raw types an Ethertype in the same word. */
     if (type < VAPI_RNA_RAW_ETY)
@@ -58,15 +60,16 @@ static inline int ox_mlx_wc_from_vapi(const VAPI_wc_desc_t *vapi, ox_wc_t *wc) {
     wc->addres_info.slid = rna->slid;
     wc->addres_info.remote_qp_type = ox_mlx_remote_qp_type(type);
 
+    /* Stored raw: one row reads as 100, which no enumerator holds. */
     if (status < WC_STATUS_TRANSLATION_NUM)
-        wc->completion_status = (ox_comp_status_t)wc_status_mlx_to_ox_translation[status];
+        ox_mlx_store_raw_enum(&wc->completion_status, (u32)(int)wc_status_mlx_to_ox_translation[status]);
 
     wc->freed_resource = vapi->free_res_count;
     wc->grh_indicator = vapi->grh_flag;
     wc->immidiate_data_indicator = vapi->imm_data_valid;
     wc->immidiate_data = vapi->imm_data;
     wc->num_bytes_transfered = vapi->byte_len;
-    wc->operation_type = (ox_wc_operation_t)vapi->opcode;
+    ox_mlx_store_raw_enum(&wc->operation_type, ox_mlx_raw_enum(&vapi->opcode));
     wc->p_key_index = vapi->pkey_ix;
     wc->wr_id = vapi->id;
     return status < WC_STATUS_TRANSLATION_NUM;

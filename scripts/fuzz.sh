@@ -2,7 +2,8 @@
 # Runs one libFuzzer target for as long as asked: scripts/fuzz.sh TARGET SECONDS [libFuzzer options]
 # TARGET is a folder name under tests/fuzz/corpus (control, ...). Builds the fuzz preset's target
 # first. New inputs go to build/fuzz/long-corpus/TARGET (the seeds in the tree stay as they are);
-# a finding is written to build/fuzz/findings/ and makes the script fail.
+# a finding is written to build/fuzz/findings/ and makes the script fail. libFuzzer also leaves
+# "slow-unit-*" files there: inputs that took long on a busy machine, not findings.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ $# -lt 2 ]; then
@@ -23,5 +24,7 @@ mkdir -p "$work" "$findings"
 dict=()
 [ -f "tests/fuzz/$target.dict" ] && dict=("-dict=tests/fuzz/$target.dict")
 echo "fuzz: $target for $seconds s; corpus $work"
-exec "build/fuzz/tests/fuzz/${target}_fuzzer" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=4096 \
+# An input takes well under a second; the generous timeout is for shared machines, where a run
+# under nice 19 can be starved of the CPU for tens of seconds (a later -timeout=N overrides it).
+exec "build/fuzz/tests/fuzz/${target}_fuzzer" -max_total_time="$seconds" -timeout=120 -rss_limit_mb=4096 \
   -print_final_stats=1 -artifact_prefix="$findings/$target-" "${dict[@]}" "$@" "$work" "tests/fuzz/corpus/$target"

@@ -89,12 +89,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (cq && ulp_cq_destroy(funcs, hca0, cq) != 0) finding("CQ destroy failed");
     if (hca1) close_hca(funcs, hca1);
     if (hca0) close_hca(funcs, hca0);
-    check_kernel_reports();
-    auto left = module_allocations();
-    if (left.size() != g_baseline_allocations)
-        finding("module holds " + std::to_string(left.size()) + " allocations instead of " +
-                std::to_string(g_baseline_allocations) + ", the last from " + left.back().func + " (" +
-                left.back().file + ":" + std::to_string(left.back().line) + ")");
-    k::log_clear();
+    check_after_input(g_baseline_allocations);
     return 0;
 }

@@ -42,19 +42,31 @@ inline std::vector<k::Allocation> module_allocations() {
     return out;
 }
 
-inline void boot_machine() {
+// The stepped engine runs the devices only when the harness steps them, so that every run of an
+// input sees the same packets, completions and events.
+inline void boot_machine(hca::EngineKind engine = hca::EngineKind::Threaded) {
     k::BootOptions options;
     options.clock = k::ClockMode::Virtual;
     k::boot(options);
     st::boot();
     hca::Options hca_options;
     hca_options.device_count = 2;
+    hca_options.engine = engine;
     hca::boot(hca_options);
 }
 
 inline void load_module() {
     int rc = k::insmod("adaptor-mlx");
     if (rc != 0) finding("insmod adaptor-mlx failed: " + std::to_string(rc));
+}
+
+// Boots the machine, loads the module and returns its provider table.
+inline const ulp_funcs_t *start(hca::EngineKind engine = hca::EngineKind::Threaded) {
+    boot_machine(engine);
+    load_module();
+    const ulp_funcs_t *funcs = ulp_find_provider("mlx");
+    if (!funcs) finding("provider mlx not registered");
+    return funcs;
 }
 
 // The kernel reported no leak, no lock misuse and no sleeping call in atomic context.
@@ -83,6 +95,27 @@ inline void read_file(const char *path) {
     std::string out;
     int rc = k::read_file(path, out);
     if (rc < 0) finding(std::string("read of ") + path + " failed: " + std::to_string(rc));
+}
+
+// Reads up to n bytes of the input as a little-endian value (missing bytes are zero); advances.
+inline uint64_t take(const uint8_t *&p, const uint8_t *end, size_t n) {
+    uint64_t v = 0;
+    for (size_t i = 0; i < n && p < end; i++) v |= static_cast<uint64_t>(*p++) << (8 * i);
+    return v;
+}
+
+// The end of every input: the kernel reported nothing, and the module holds exactly the
+// allocations it held before the input (`baseline`).
+inline void check_after_input(size_t baseline) {
+    check_kernel_reports();
+    auto left = module_allocations();
+    if (left.size() != baseline)
+        finding("module holds " + std::to_string(left.size()) + " allocations instead of " +
+                std::to_string(baseline) +
+                (left.empty() ? std::string()
+                              : ", the last from " + left.back().func + " (" + left.back().file + ":" +
+                                    std::to_string(left.back().line) + ")"));
+    k::log_clear();
 }
 
 // Splits `data` at every `separator` byte.

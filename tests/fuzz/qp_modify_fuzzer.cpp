@@ -32,13 +32,6 @@ size_t g_baseline_allocations;
 std::vector<const char *> g_int_fields;  // "modify.params...." integer fields, in record order
 std::vector<const char *> g_gid_fields;
 
-// Reads up to n bytes as a little-endian value; advances.
-uint64_t take(const uint8_t *&p, const uint8_t *end, size_t n) {
-    uint64_t v = 0;
-    for (size_t i = 0; i < n && p < end; i++) v |= static_cast<uint64_t>(*p++) << (8 * i);
-    return v;
-}
-
 void collect_fields() {
     for (size_t i = 0;; i++) {
         const char *name = ulp_qp_attr_field_name("modify.params.", i);
@@ -117,10 +110,7 @@ void write_seeds(const char *dir) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    boot_machine();
-    load_module();
-    g_funcs = ulp_find_provider("mlx");
-    if (!g_funcs) finding("provider mlx not registered");
+    g_funcs = start();
     if (ulp_hca_open(g_funcs, "InfiniHost0", nullptr, &g_hca) != 0) finding("HCA open failed");
     uint32_t actual = 0;
     if (ulp_cq_create(g_funcs, g_hca, 64, nullptr, nullptr, &g_cq, &actual) != 0) finding("CQ create failed");
@@ -172,11 +162,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
 
     if (ulp_qp_destroy(g_funcs, g_hca, qp) != 0) finding("QP destroy failed");
-    check_kernel_reports();
-    auto left = module_allocations();
-    if (left.size() != g_baseline_allocations)
-        finding("module holds " + std::to_string(left.size()) + " allocations instead of " +
-                std::to_string(g_baseline_allocations));
-    k::log_clear();
+    check_after_input(g_baseline_allocations);
     return 0;
 }

@@ -95,6 +95,13 @@ enum class WorkQueue { Send, Receive };
 // error would, flushing what is behind it. False when the device or QP is unknown.
 bool complete_next_with_status(const std::string &device, VAPI_qp_hndl_t qp, WorkQueue queue,
                                VAPI_wc_status_t status, uint32_t syndrome = 0);
+// Writes `wc` into the CQ's ring as the adapter writes a completion entry, byte for byte, and
+// raises the CQ's completion event when it is armed for it (`solicited` as a solicited receive
+// would). The status, opcode and remote address type may hold any 32-bit value, none of the
+// enumerators included (store such values with std::memcpy). A full ring drops the entry and marks
+// the CQ overrun, as a completion of the data path would. False when the device or CQ is unknown.
+bool push_completion(const std::string &device, VAPI_cq_hndl_t cq, const VAPI_wc_desc_t &wc,
+                     bool solicited = false);
 // VAPI_query_qp reports `raw_state` as the QP's state (any 32-bit value, also none of the known
 // states) until cleared with nullopt; the QP's real state is unchanged. False when unknown.
 bool set_reported_qp_state(const std::string &device, VAPI_qp_hndl_t qp, std::optional<uint32_t> raw_state);

@@ -91,8 +91,8 @@ std::optional<CompletionEvent> CompletionQueue::complete(const VAPI_wc_desc_t &w
     const bool was_overrun = overrun_;
     push(wc);
     if (overran) *overran = !was_overrun && overrun_;
-    bool due =
-        armed_ == VAPI_NEXT_COMP || (armed_ == VAPI_SOLIC_COMP && (solicited || wc.status != VAPI_SUCCESS));
+    bool due = armed_ == VAPI_NEXT_COMP ||
+               (armed_ == VAPI_SOLIC_COMP && (solicited || raw_value(wc.status) != VAPI_SUCCESS));
     if (armed_count_ != 0 && count_ >= armed_count_) due = true;
     if (!due) return std::nullopt;
     armed_ = VAPI_NOTIF_NONE;

@@ -537,6 +537,20 @@ bool complete_next_with_status(const std::string &device, VAPI_qp_hndl_t qp, Wor
     return true;
 }
 
+bool push_completion(const std::string &device, VAPI_cq_hndl_t cq, const VAPI_wc_desc_t &wc, bool solicited) {
+    Device *d = device_by_name(device);
+    if (!d) return false;
+    PendingEvents events;
+    {
+        std::lock_guard lk(d->mu);
+        CompletionQueue *q = find_cq(*d, cq);
+        if (!q) return false;
+        push_completion(*q, wc, solicited, events);
+    }
+    events.deliver(*d);
+    return true;
+}
+
 bool inject_catastrophic_error(const std::string &device) {
     Device *d = device_by_name(device);
     if (!d) return false;
