@@ -46,8 +46,11 @@ class ThreadedEngine : public Engine {
 
     size_t run_until_idle(size_t) override {
         // Wait for a round that found nothing to do and began after everything posted so far.
-        kicked_.store(true);
+        // Read the round count before kicking: were the kick first, the engine could clear it and
+        // start its round before the count is read, so that round would not count and the engine,
+        // finding no kick left, would sleep while we wait for it.
         const uint64_t after = started_.load();
+        kicked_.store(true);
         std::unique_lock lk(mu_);
         cv_.notify_one();
         idle_cv_.wait(lk, [&] { return last_idle_start_ > after || stop_; });
