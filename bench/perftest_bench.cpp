@@ -7,6 +7,8 @@
 //   bounced between two threads, the floor of a latency.
 #include <benchmark/benchmark.h>
 
+#include "floors.hpp"
+
 #include <atomic>
 #include <cstring>
 #include <sstream>
@@ -153,40 +155,12 @@ BENCHMARK(BM_VapiSendPostPoll)->UseRealTime();
 // Half a round trip of one cache line between two threads: the floor of any latency between two
 // agents of this machine (the engine's thread and the test's).
 void BM_CacheLinePingPong(benchmark::State &state) {
-    alignas(64) std::atomic<uint64_t> line{0};
-    std::atomic<bool> done{false};
-    std::thread peer([&] {
-        uint64_t seen = 0;
-        while (!done.load(std::memory_order_relaxed)) {
-            uint64_t v = line.load(std::memory_order_acquire);
-            if (v != seen && (v & 1)) {
-                line.store(v + 1, std::memory_order_release);
-                seen = v + 1;
-            }
-        }
-    });
-    uint64_t v = 0;
-    for (auto _ : state) {
-        line.store(++v, std::memory_order_release);
-        while (line.load(std::memory_order_acquire) != v + 1) {
-        }
-        ++v;
-    }
-    done = true;
-    peer.join();
-    state.counters["half_round_trip_ns"] = benchmark::Counter(
-        double(state.iterations()) * 2, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    marlix::bench::cache_line_pingpong_floor(state, "half_round_trip_ns");
 }
 BENCHMARK(BM_CacheLinePingPong)->UseRealTime();
 
 void BM_Memcpy(benchmark::State &state) {
-    const size_t n = size_t(state.range(0));
-    std::vector<uint8_t> src(n, 0x5a), dst(n);
-    for (auto _ : state) {
-        std::memcpy(dst.data(), src.data(), n);
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(n));
+    marlix::bench::memcpy_floor(state);
 }
 BENCHMARK(BM_Memcpy)->Arg(64)->Arg(4096)->Arg(65536)->Arg(1 << 20);
 

@@ -4,6 +4,8 @@
 // the baseline the adaptor is measured against (docs/soft-hca.md).
 #include <benchmark/benchmark.h>
 
+#include "floors.hpp"
+
 #include <atomic>
 #include <cstring>
 #include <memory>
@@ -176,14 +178,7 @@ void BM_RdmaWrite(benchmark::State &state) {
 BENCHMARK(BM_RdmaWrite)->RangeMultiplier(4)->Range(64, 1 << 20)->UseRealTime();
 
 void BM_Memcpy(benchmark::State &state) {
-    const size_t size = size_t(state.range(0));
-    std::vector<uint8_t> a(size, 1), b(size, 2);
-    for (auto _ : state) {
-        std::memcpy(b.data(), a.data(), size);
-        benchmark::DoNotOptimize(b.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(size));
+    marlix::bench::memcpy_floor(state);
 }
 BENCHMARK(BM_Memcpy)->RangeMultiplier(4)->Range(64, 1 << 20)->UseRealTime();
 
@@ -224,31 +219,7 @@ BENCHMARK(BM_SendPingPong)->UseRealTime();
 
 // Two threads passing a token through one cache line: the floor of any cross-thread hand-off.
 void BM_CacheLinePingPong(benchmark::State &state) {
-    alignas(64) static std::atomic<uint64_t> line{0};
-    line = 0;
-    std::atomic<bool> stop{false};
-    std::thread other([&] {
-        uint64_t seen = 0;
-        while (!stop.load(std::memory_order_relaxed)) {
-            uint64_t v = line.load(std::memory_order_acquire);
-            if (v != seen && (v & 1)) {
-                line.store(v + 1, std::memory_order_release);
-                seen = v + 1;
-            }
-        }
-    });
-    uint64_t v = 0;
-    for (auto _ : state) {
-        line.store(v + 1, std::memory_order_release);
-        while (line.load(std::memory_order_acquire) != v + 2) {
-            if (stop.load(std::memory_order_relaxed)) break;
-        }
-        v += 2;
-    }
-    stop = true;
-    other.join();
-    state.counters["one_way"] = benchmark::Counter(double(state.iterations()) * 2,
-                                                   benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    marlix::bench::cache_line_pingpong_floor(state, "one_way");
 }
 BENCHMARK(BM_CacheLinePingPong)->UseRealTime();
 
