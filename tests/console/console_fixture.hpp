@@ -59,3 +59,28 @@ class ConsoleTest : public ::testing::Test {
     std::unique_ptr<marlix::console::Console> console_;
     std::unique_ptr<marlix::console::Host> host_;
 };
+
+// The adaptor module loaded at trace level 1 (errors only: the log holds what the commands print
+// and nothing of their trace), for the upper-layer tests.
+class ModuleConsoleTest : public ConsoleTest {
+  protected:
+    void SetUp() override {
+        ConsoleTest::SetUp();
+        ASSERT_EQ(0, run("rep set marlix/modules/adaptor-mlx/ debug-level 1; insmod adaptor-mlx")) << err();
+    }
+    // The statistics page (which also clears the "(n)" companions).
+    std::string page() {
+        EXPECT_EQ(0, run(std::string("cat ") + kControl)) << err();
+        return out();
+    }
+};
+
+// The module loaded and both HCAs opened through the upper layer (hca1, hca2).
+class TwoHcaConsoleTest : public ModuleConsoleTest {
+  protected:
+    void SetUp() override {
+        ModuleConsoleTest::SetUp();
+        if (HasFatalFailure()) return;
+        ASSERT_EQ(0, run("ulp open InfiniHost0; ulp open InfiniHost1")) << err();
+    }
+};

@@ -7,18 +7,7 @@
 
 namespace {
 
-class UlpDatapathTest : public ConsoleTest {
-  protected:
-    void SetUp() override {
-        ConsoleTest::SetUp();
-        ASSERT_EQ(0, run("rep set marlix/modules/adaptor-mlx/ debug-level 1; insmod adaptor-mlx")) << err();
-        ASSERT_EQ(0, run("ulp open InfiniHost0; ulp open InfiniHost1")) << err();
-    }
-    std::string page() {
-        EXPECT_EQ(0, run(std::string("cat ") + kControl)) << err();
-        return out();
-    }
-};
+class UlpDatapathTest : public TwoHcaConsoleTest {};
 
 TEST_F(UlpDatapathTest, PingpongOfEachTransportChecksEveryByteAndIsCounted) {
     ASSERT_EQ(0, run("ulp pingpong rc 100 5")) << err();
@@ -112,8 +101,9 @@ TEST_F(UlpDatapathTest, PairsUseTheGenericPdWhichCannotBeFreed) {
 
     // The generic region's keys work for RC traffic in it...
     ASSERT_EQ(0, run("ulp post recv qp2 64; ulp post send qp1 64; ulp poll cq1")) << err();
-    EXPECT_NE(std::string::npos, out().find("cq1: wr_id: 1, operation_type: ox_wc_send_sq, num_bytes_transfered: "
-                                            "64, completion_status: ox_comp_status_success"))
+    EXPECT_NE(std::string::npos,
+              out().find("cq1: wr_id: 1, operation_type: ox_wc_send_sq, num_bytes_transfered: "
+                         "64, completion_status: ox_comp_status_success"))
         << out();
     // ...and a datagram pingpong after a PD of the upper layer's own still sends through an
     // address handle of the QPs' (generic) PD.

@@ -15,18 +15,7 @@ size_t count_lines(const std::string &text, const std::string &part) {
     return n;
 }
 
-class UlpEventsTest : public ConsoleTest {
-  protected:
-    void SetUp() override {
-        ConsoleTest::SetUp();
-        ASSERT_EQ(0, run("rep set marlix/modules/adaptor-mlx/ debug-level 1; insmod adaptor-mlx")) << err();
-        ASSERT_EQ(0, run("ulp open InfiniHost0; ulp open InfiniHost1")) << err();
-    }
-    std::string page() {
-        EXPECT_EQ(0, run(std::string("cat ") + kControl)) << err();
-        return out();
-    }
-};
+class UlpEventsTest : public TwoHcaConsoleTest {};
 
 TEST_F(UlpEventsTest, ACablePulledAndReplugedIsPrintedAndCounted) {
     page();

@@ -7,17 +7,8 @@
 
 namespace {
 
-class UlpQueuesTest : public ConsoleTest {
+class UlpQueuesTest : public ModuleConsoleTest {
   protected:
-    void SetUp() override {
-        ConsoleTest::SetUp();
-        ASSERT_EQ(0, run("rep set marlix/modules/adaptor-mlx/ debug-level 1; insmod adaptor-mlx")) << err();
-    }
-    // The statistics page (which also clears the "(n)" companions).
-    std::string page() {
-        EXPECT_EQ(0, run(std::string("cat ") + kControl)) << err();
-        return out();
-    }
     void expect_state(const std::string &qp, const std::string &state) {
         ASSERT_EQ(0, run("ulp qp query " + qp)) << err();
         EXPECT_TRUE(has_line(out(), "  qp_state: " + state)) << qp << "\n" << out();

@@ -9,13 +9,8 @@
 
 namespace {
 
-class UlpTest : public ConsoleTest {
+class UlpTest : public ModuleConsoleTest {
   protected:
-    void SetUp() override {
-        ConsoleTest::SetUp();
-        // Errors only: the log holds what the commands print and nothing of the open's trace.
-        ASSERT_EQ(0, run("rep set marlix/modules/adaptor-mlx/ debug-level 1; insmod adaptor-mlx")) << err();
-    }
     std::vector<std::string> dmesg() {
         EXPECT_EQ(0, run("dmesg -t"));
         return lines_of(out());
