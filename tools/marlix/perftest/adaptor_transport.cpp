@@ -11,6 +11,7 @@
 
 #include <marlix/kernel.hpp>
 
+#include "perftest/page_buffers.hpp"
 #include "perftest/transport.hpp"
 #include "ulp_datapath.h"
 #include "ulp_pair.hpp"
@@ -225,16 +226,7 @@ class AdaptorEndpoint final : public Endpoint {
     }
 
     uint8_t *allocate_buffer(size_t length, std::string &error) override {
-        // Host memory is the emulated kernel's direct map, so any buffer is a kernel buffer.
-        const size_t rounded = (length + 4095) / 4096 * 4096;
-        void *p = std::aligned_alloc(4096, rounded);
-        if (!p) {
-            error = "out of memory for a buffer of " + std::to_string(length) + " bytes";
-            return nullptr;
-        }
-        std::memset(p, 0, rounded);
-        buffers_.push_back(p);
-        return static_cast<uint8_t *>(p);
+        return buffers_.allocate(length, error);
     }
 
     int post_send(QpId qp, const SendRequest &r) override {
@@ -330,14 +322,14 @@ class AdaptorEndpoint final : public Endpoint {
             // thread; the CqEvents it touches live until this returns.
             marlix::kernel::irq_sync();
         }
-        for (void *p : buffers_) std::free(p);
-        buffers_.clear();
+        buffers_.release();
     }
 
     const ulp_funcs_t *funcs_;
     void *hca_ = nullptr;
     uint32_t pd_ = 0, l_key_ = 0, r_key_ = 0;
-    std::vector<void *> qps_, cqs_, buffers_;
+    std::vector<void *> qps_, cqs_;
+    PageBuffers buffers_;
     std::vector<uint64_t> ahs_, mrs_;
     int operation_type_ = 0;  // every QP of a test has the same transport
     std::vector<std::unique_ptr<CqEvents>> events_;

@@ -10,6 +10,7 @@
 #include <evapi.h>
 #include <marlix/kernel.hpp>
 
+#include "perftest/page_buffers.hpp"
 #include "perftest/transport.hpp"
 
 namespace marlix::perftest {
@@ -224,15 +225,7 @@ class DirectEndpoint final : public Endpoint {
     }
 
     uint8_t *allocate_buffer(size_t length, std::string &error) override {
-        const size_t rounded = (length + 4095) / 4096 * 4096;
-        void *p = std::aligned_alloc(4096, rounded);
-        if (!p) {
-            error = "out of memory for a buffer of " + std::to_string(length) + " bytes";
-            return nullptr;
-        }
-        std::memset(p, 0, rounded);
-        buffers_.push_back(p);
-        return static_cast<uint8_t *>(p);
+        return buffers_.allocate(length, error);
     }
 
     int post_send(QpId qp, const SendRequest &r) override {
@@ -339,8 +332,7 @@ class DirectEndpoint final : public Endpoint {
 
     void release() {
         if (opened_) release_resources();
-        for (void *p : buffers_) std::free(p);
-        buffers_.clear();
+        buffers_.release();
     }
 
     void release_resources() {
@@ -369,7 +361,7 @@ class DirectEndpoint final : public Endpoint {
     std::vector<VAPI_ud_av_hndl_t> ahs_;
     std::vector<EVAPI_compl_handler_hndl_t> handlers_;
     std::vector<std::pair<VAPI_cq_hndl_t, std::unique_ptr<CqEvents>>> events_;
-    std::vector<void *> buffers_;
+    PageBuffers buffers_;
 };
 
 }  // namespace
