@@ -89,6 +89,12 @@ class PerftestTest : public ConsoleTest {
                     EXPECT_LT(row[4] * row[0] / 1.048576, 0.005) << o;
                     continue;
                 }
+                // Latency's standard deviation (column 6) rounds to 0.00 when a few samples agree
+                // to the hundredth of a microsecond, which the device now often does.
+                if (!bw && i == 6) {
+                    EXPECT_GE(row[i], 0) << "column " << i << " of " << o;
+                    continue;
+                }
                 EXPECT_GT(row[i], 0) << "column " << i << " of " << o;
             }
         }
