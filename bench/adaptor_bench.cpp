@@ -16,6 +16,7 @@
 #include <evapi.h>
 
 #include "datapath_layout.h"
+#include "rc_fabric.hpp"
 #include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 #include "marlix/stack.hpp"
@@ -28,6 +29,7 @@ namespace k = marlix::kernel;
 namespace st = marlix::stack;
 namespace sh = marlix::softhca;
 namespace up = marlix::ulp_pair;
+namespace mb = marlix::bench;
 
 constexpr uint32_t kWindow = 64;
 constexpr uint32_t kBytes = 8;
@@ -36,11 +38,8 @@ constexpr uint32_t kBytes = 8;
 // made through the provider; the VAPI handles of what the module made, for the direct calls.
 struct System {
     up::Side side[2];
-    VAPI_hca_hndl_t hca[2] = {};
-    VAPI_qp_hndl_t qp[2] = {};
-    VAPI_cq_hndl_t cq[2] = {};
+    mb::RcEnd end[2];  // the same QPs and CQs as VAPI sees them, buffers at their generic IOVA
     std::vector<uint8_t> buf[2];
-    uint64_t gen_iova[2] = {};
 
     System() {
         k::BootOptions ko;
@@ -48,9 +47,7 @@ struct System {
         ko.module_path = MARLIX_BENCH_MODULE_DIR;
         k::boot(ko);
         st::boot();
-        sh::Options so;
-        so.engine = sh::EngineKind::Threaded;
-        sh::boot(so);
+        mb::boot_threaded_devices();
         st::set_long(st::kAdaptorKey, "debug-level", 0);
         if (k::insmod("adaptor-mlx", {}) != 0) std::abort();
         const char *names[2] = {"InfiniHost0", "InfiniHost1"};
@@ -63,15 +60,16 @@ struct System {
         for (int i = 0; i < 2; ++i) {
             long long v = 0;
             layout_get(adp_layout(), "ox_opened_hca_t", side[i].hca, "hca_h", &v);
-            hca[i] = VAPI_hca_hndl_t(v);
+            end[i].hca = VAPI_hca_hndl_t(v);
             layout_get(dpl_layout(), "ox_opened_qp_t", side[i].qp, "qp_h", &v);
-            qp[i] = VAPI_qp_hndl_t(v);
+            end[i].qp = VAPI_qp_hndl_t(v);
             layout_get(dpl_layout(), "ox_opened_cq_t", side[i].cq, "cq_h", &v);
-            cq[i] = VAPI_cq_hndl_t(v);
+            end[i].cq = VAPI_cq_hndl_t(v);
+            end[i].lkey = side[i].l_key;
             buf[i].assign(4096, uint8_t(i));
             unsigned long adv = 0;
             ulp_va2advertise_addr(funcs, side[i].hca, 0x10000000000UL, &adv);
-            gen_iova[i] = adv;
+            end[i].base = adv + (reinterpret_cast<unsigned long>(buf[i].data()) - 0x10000000000UL);
         }
         for (uint32_t n = 0; n < 4 * kWindow; ++n) recv(n);
     }
@@ -86,23 +84,11 @@ struct System {
     }
 
     // A receive on side 1, posted directly (the same in both benchmarks).
-    void recv(uint64_t id) {
-        VAPI_sg_lst_entry_t sg{gen_iova[1] +
-                                   (reinterpret_cast<unsigned long>(buf[1].data()) - 0x10000000000UL) +
-                                   (id % 64) * kBytes,
-                               kBytes, side[1].l_key};
-        VAPI_rr_desc_t d{};
-        d.id = id;
-        d.opcode = VAPI_RECEIVE;
-        d.comp_type = VAPI_SIGNALED;
-        d.sg_lst_p = &sg;
-        d.sg_lst_len = 1;
-        VAPI_post_rr(hca[1], qp[1], &d);
-    }
+    void recv(uint64_t id) { end[1].recv(id, uint32_t(id % 64) * kBytes, kBytes); }
     // Takes what side 1 received and posts as many receives again.
     void replenish(uint64_t &recvs) {
         VAPI_wc_desc_t wc{};
-        while (VAPI_poll_cq(hca[1], cq[1], &wc) == VAPI_OK) recv(recvs++);
+        while (end[1].poll(wc)) recv(recvs++);
     }
 };
 
@@ -116,52 +102,29 @@ void BM_AdaptorSendPoll(benchmark::State &state) {
     const ulp_funcs_t *funcs = s.side[0].funcs;
     std::vector<char> wc(ulp_sizeof_wc(), 0);
     const ulp_send_target target{};
-    uint64_t posted = 0, done = 0, recvs = 4 * kWindow;
-    for (auto _ : state) {
-        while (posted - done >= kWindow) {
+    uint64_t recvs = 4 * kWindow;
+    mb::send_window(
+        state, kWindow, 1,
+        [&](uint64_t id) {
+            ulp_post_send_simple(funcs, s.side[0].hca, s.side[0].qp, ulp_operation_type("rc"), ulp_op_send,
+                                 id, s.buf[0].data() + (id % 64) * kBytes, kBytes, s.side[0].l_key, &target);
+        },
+        [&](uint64_t &done) {
             while (ulp_poll(funcs, s.side[0].hca, s.side[0].cq, wc.data()) == 0) ++done;
-            s.replenish(recvs);
-        }
-        ulp_post_send_simple(funcs, s.side[0].hca, s.side[0].qp, ulp_operation_type("rc"), ulp_op_send,
-                             posted, s.buf[0].data() + (posted % 64) * kBytes, kBytes, s.side[0].l_key,
-                             &target);
-        ++posted;
-    }
-    while (done < posted) {
-        done += ulp_poll(funcs, s.side[0].hca, s.side[0].cq, wc.data()) == 0;
-        s.replenish(recvs);
-    }
-    state.SetItemsProcessed(int64_t(posted));
-    state.counters["msg/s"] = benchmark::Counter(double(posted), benchmark::Counter::kIsRate);
+        },
+        [&] { s.replenish(recvs); });
 }
 
 void BM_VapiSendPoll(benchmark::State &state) {
     System &s = system_once();
     VAPI_wc_desc_t wc{};
-    uint64_t posted = 0, done = 0, recvs = 4 * kWindow;
-    const uint64_t base =
-        s.gen_iova[0] + (reinterpret_cast<unsigned long>(s.buf[0].data()) - 0x10000000000UL);
-    for (auto _ : state) {
-        while (posted - done >= kWindow) {
-            while (VAPI_poll_cq(s.hca[0], s.cq[0], &wc) == VAPI_OK) ++done;
-            s.replenish(recvs);
-        }
-        VAPI_sg_lst_entry_t sg{base + (posted % 64) * kBytes, kBytes, s.side[0].l_key};
-        VAPI_sr_desc_t d{};
-        d.id = posted;
-        d.opcode = VAPI_SEND;
-        d.comp_type = VAPI_SIGNALED;
-        d.sg_lst_p = &sg;
-        d.sg_lst_len = 1;
-        VAPI_post_sr(s.hca[0], s.qp[0], &d);
-        ++posted;
-    }
-    while (done < posted) {
-        done += VAPI_poll_cq(s.hca[0], s.cq[0], &wc) == VAPI_OK;
-        s.replenish(recvs);
-    }
-    state.SetItemsProcessed(int64_t(posted));
-    state.counters["msg/s"] = benchmark::Counter(double(posted), benchmark::Counter::kIsRate);
+    uint64_t recvs = 4 * kWindow;
+    mb::send_window(
+        state, kWindow, 1, [&](uint64_t id) { s.end[0].send(id, uint32_t(id % 64) * kBytes, kBytes, true); },
+        [&](uint64_t &done) {
+            while (s.end[0].poll(wc)) ++done;
+        },
+        [&] { s.replenish(recvs); });
 }
 
 // Interleaved, so that both see the same machine.

@@ -1,13 +1,19 @@
 // The floors the device and the adaptor are measured against, shared by the benchmarks so each
 // reports the same thing: a plain memcpy, and half a round trip of one cache line between two
-// spinning threads (the least any hand-off between two agents of this machine can cost).
+// spinning threads on two cores (the least any hand-off between two agents of this machine can
+// cost). Also what every ping-pong here uses: one-way samples and a pair of cores to run on.
 #pragma once
 
 #include <benchmark/benchmark.h>
+#include <pthread.h>
+#include <sched.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <thread>
 #include <vector>
 
@@ -25,12 +31,107 @@ inline void memcpy_floor(benchmark::State &state) {
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(size));
 }
 
-// One round trip of a token per iteration; reports half of it under `counter` (seconds, as a
-// rate inverted).
-inline void cache_line_pingpong_floor(benchmark::State &state, const char *counter) {
+using SteadyClock = std::chrono::steady_clock;
+
+// Half of every round trip, timed with the steady clock into an array sized before the loop
+// (nothing is allocated while measuring). Reports the mean and the median one way in
+// nanoseconds: the mean shows what preemption and stalls cost, the median what one hand-off
+// typically costs. Each sample includes one read of the clock (a few tens of nanoseconds).
+class OneWaySamples {
+  public:
+    explicit OneWaySamples(const benchmark::State &state) : ns_(size_t(state.max_iterations)) {}
+
+    void add(SteadyClock::time_point sent, SteadyClock::time_point answered) {
+        if (count_ < ns_.size()) ns_[count_++] = double((answered - sent).count()) / 2.0;
+    }
+
+    void report(benchmark::State &state) {
+        if (count_ == 0) return;
+        double sum = 0;
+        for (size_t i = 0; i < count_; ++i) sum += ns_[i];
+        const auto mid = ns_.begin() + ptrdiff_t(count_ / 2);
+        std::nth_element(ns_.begin(), mid, ns_.begin() + ptrdiff_t(count_));
+        state.counters["one_way_mean_ns"] = sum / double(count_);
+        state.counters["one_way_median_ns"] = *mid;
+    }
+
+  private:
+    std::vector<double> ns_;
+    size_t count_ = 0;
+};
+
+// Two of the cores this process may run on, so that a ping-pong's two threads hand off between
+// cores rather than through the scheduler. With fewer than two cores nothing is pinned. The
+// benchmark's own thread gets its affinity back when the pair goes away.
+class CorePair {
+  public:
+    CorePair() {
+        CPU_ZERO(&saved_);
+        if (sched_getaffinity(0, sizeof saved_, &saved_) != 0) return;
+        int found = 0;
+        for (int c = 0; c < CPU_SETSIZE && found < 2; ++c)
+            if (CPU_ISSET(c, &saved_)) cpu_[found++] = c;
+        pinned_ = found == 2;
+        if (pinned_) pin(0);
+    }
+    ~CorePair() {
+        if (pinned_) sched_setaffinity(0, sizeof saved_, &saved_);
+    }
+    CorePair(const CorePair &) = delete;
+    CorePair &operator=(const CorePair &) = delete;
+
+    // Pins the calling thread to the pair's core `which` (0: the benchmark's thread, 1: its peer).
+    void pin(int which) const {
+        if (!pinned_) return;
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(cpu_[which], &one);
+        sched_setaffinity(0, sizeof one, &one);
+    }
+
+  private:
+    cpu_set_t saved_;
+    int cpu_[2] = {0, 0};
+    bool pinned_ = false;
+};
+
+inline double thread_cpu_seconds() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+}
+inline double process_cpu_seconds() {
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
+}
+
+// The processor time the process spends outside the threads a benchmark runs itself (the
+// device's engine, the kernel's interrupt thread), as a fraction of one core over the loop: 0
+// when nothing competes with the measured threads.
+class OtherThreadsCpu {
+  public:
+    OtherThreadsCpu() : process_(process_cpu_seconds()), wall_(SteadyClock::now()) {}
+    // `own`: processor seconds the benchmark's threads spent in the loop.
+    void report(benchmark::State &state, double own) const {
+        const double wall = std::chrono::duration<double>(SteadyClock::now() - wall_).count();
+        const double others = process_cpu_seconds() - process_ - own;
+        state.counters["other_threads_cpu"] = wall > 0 ? std::max(0.0, others) / wall : 0.0;
+    }
+
+  private:
+    double process_;
+    SteadyClock::time_point wall_;
+};
+
+// One round trip of a token through one cache line per iteration, the two threads on two cores.
+inline void cache_line_pingpong_floor(benchmark::State &state) {
+    CorePair cores;
+    OneWaySamples samples(state);
     alignas(64) std::atomic<uint64_t> line{0};
     std::atomic<bool> done{false};
     std::thread peer([&] {
+        cores.pin(1);
         uint64_t seen = 0;
         while (!done.load(std::memory_order_relaxed)) {
             uint64_t v = line.load(std::memory_order_acquire);
@@ -42,15 +143,16 @@ inline void cache_line_pingpong_floor(benchmark::State &state, const char *count
     });
     uint64_t v = 0;
     for (auto _ : state) {
+        const auto sent = SteadyClock::now();
         line.store(++v, std::memory_order_release);
         while (line.load(std::memory_order_acquire) != v + 1) {
         }
+        samples.add(sent, SteadyClock::now());
         ++v;
     }
     done = true;
     peer.join();
-    state.counters[counter] = benchmark::Counter(double(state.iterations()) * 2,
-                                                 benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    samples.report(state);
 }
 
 }  // namespace marlix::bench

@@ -155,7 +155,7 @@ BENCHMARK(BM_VapiSendPostPoll)->UseRealTime();
 // Half a round trip of one cache line between two threads: the floor of any latency between two
 // agents of this machine (the engine's thread and the test's).
 void BM_CacheLinePingPong(benchmark::State &state) {
-    marlix::bench::cache_line_pingpong_floor(state, "half_round_trip_ns");
+    marlix::bench::cache_line_pingpong_floor(state);
 }
 BENCHMARK(BM_CacheLinePingPong)->UseRealTime();
 

@@ -1,225 +1,234 @@
-// The software HCA at the VAPI level, on the threaded engine: the message rate of 8-byte sends
-// posted and polled on one QP, RDMA write bandwidth beside memcpy of the same sizes, and the
-// half round trip of an RC send ping-pong beside a cross-thread cache-line ping-pong. These are
-// the baseline the adaptor is measured against (docs/soft-hca.md).
+// The software HCA at the VAPI level, on the threaded engine, across its two devices:
+//
+//   BM_SendMessageRate            8-byte sends posted and polled on one QP, one signalled request
+//                                 per post, a window of 64
+//   BM_SendMessageRateList/N      the same sends N to a post call (EVAPI_post_sr_list), the last
+//                                 of each list signalled
+//   BM_SendMessageRateModerated   one send per post call, every 16th signalled
+//   BM_RdmaWrite/N, BM_Memcpy/N   RDMA write bandwidth, one write outstanding, beside memcpy
+//   BM_SendPingPong               an RC send ping-pong between two threads on two cores
+//   BM_SendPingPongOneThread      the same exchange with both QPs driven by one thread: what the
+//                                 device itself costs, without any hand-off between cores
+//   BM_CacheLinePingPong          the floor of a cross-core hand-off
+//
+// These are the baseline the adaptor is measured against (docs/soft-hca.md, Speed).
 #include <benchmark/benchmark.h>
 
 #include "floors.hpp"
+#include "rc_fabric.hpp"
 
 #include <atomic>
-#include <cstring>
-#include <memory>
 #include <thread>
 #include <vector>
 
 #include <evapi.h>
 
-#include "marlix/softhca.hpp"
-
 namespace {
 
-namespace sh = marlix::softhca;
+namespace mb = marlix::bench;
+using mb::RcEnd;
+using mb::RcFabric;
+using mb::SteadyClock;
 
-struct Side {
-    VAPI_hca_hndl_t hca = 0;
-    VAPI_pd_hndl_t pd = 0;
-    VAPI_cq_hndl_t cq = 0;
-    IB_lid_t lid = 0;
-};
+constexpr uint32_t kMsg = 8;
 
-struct Region {
-    std::vector<uint8_t> bytes;
-    VAPI_lkey_t lkey = 0;
-    VAPI_rkey_t rkey = 0;
-    uint64_t addr() const { return reinterpret_cast<uintptr_t>(bytes.data()); }
-};
-
-// Two devices, an RC connection between them, registered buffers on both sides.
-struct Fabric {
-    Side s[2];
-    VAPI_qp_hndl_t qp[2] = {};
-    VAPI_qp_num_t num[2] = {};
-    Region buf[2];
-
-    explicit Fabric(size_t bytes, uint32_t depth = 256) {
-        sh::Options o;
-        o.engine = sh::EngineKind::Threaded;
-        sh::boot(o);
-        const char *names[2] = {"InfiniHost0", "InfiniHost1"};
-        for (int i = 0; i < 2; ++i) {
-            VAPI_open_hca(names[i], &s[i].hca);
-            EVAPI_alloc_pd(s[i].hca, 16, &s[i].pd);
-            VAPI_cqe_num_t n = 0;
-            VAPI_create_cq(s[i].hca, 4 * depth, &s[i].cq, &n);
-            s[i].lid = sh::port_status(names[i], 1)->lid;
-            buf[i].bytes.assign(bytes, uint8_t(i));
-            VAPI_mrw_t req{}, rep{};
-            req.type = VAPI_MR;
-            req.start = buf[i].addr();
-            req.size = bytes;
-            req.pd_hndl = s[i].pd;
-            req.acl = VAPI_EN_LOCAL_WRITE | VAPI_EN_REMOTE_WRITE | VAPI_EN_REMOTE_READ;
-            VAPI_mr_hndl_t mr = 0;
-            VAPI_register_mr(s[i].hca, &req, &mr, &rep);
-            buf[i].lkey = rep.l_key;
-            buf[i].rkey = rep.r_key;
-            VAPI_qp_init_attr_t a{};
-            a.sq_cq_hndl = a.rq_cq_hndl = s[i].cq;
-            a.cap.max_oust_wr_sq = a.cap.max_oust_wr_rq = depth;
-            a.cap.max_sg_size_sq = a.cap.max_sg_size_rq = 1;
-            a.sq_sig_type = VAPI_SIGNAL_REQ_WR;
-            a.rq_sig_type = VAPI_SIGNAL_ALL_WR;
-            a.pd_hndl = s[i].pd;
-            a.ts_type = VAPI_TS_RC;
-            VAPI_qp_prop_t prop{};
-            VAPI_create_qp(s[i].hca, &a, &qp[i], &prop);
-            num[i] = prop.qp_num;
-        }
-        for (int i = 0; i < 2; ++i) connect(i, 1 - i);
-    }
-    ~Fabric() { sh::halt(); }
-
-    void connect(int i, int peer) {
-        VAPI_qp_attr_t a{};
-        VAPI_qp_cap_t cap{};
-        a.qp_state = VAPI_INIT;
-        a.port = 1;
-        a.remote_atomic_flags = VAPI_EN_REM_WRITE | VAPI_EN_REM_READ;
-        VAPI_qp_attr_mask_t m =
-            QP_ATTR_QP_STATE | QP_ATTR_PORT | QP_ATTR_PKEY_IX | QP_ATTR_REMOTE_ATOMIC_FLAGS;
-        VAPI_modify_qp(s[i].hca, qp[i], &a, &m, &cap);
-        a.qp_state = VAPI_RTR;
-        a.av.dlid = s[peer].lid;
-        a.path_mtu = MTU2048;
-        a.dest_qp_num = num[peer];
-        a.qp_ous_rd_atom = 4;
-        m = QP_ATTR_QP_STATE | QP_ATTR_AV | QP_ATTR_PATH_MTU | QP_ATTR_DEST_QP_NUM | QP_ATTR_RQ_PSN |
-            QP_ATTR_QP_OUS_RD_ATOM;
-        VAPI_modify_qp(s[i].hca, qp[i], &a, &m, &cap);
-        a.qp_state = VAPI_RTS;
-        a.timeout = 14;
-        a.retry_count = 7;
-        a.rnr_retry = 7;
-        a.ous_dst_rd_atom = 4;
-        m = QP_ATTR_QP_STATE | QP_ATTR_SQ_PSN | QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY |
-            QP_ATTR_OUS_DST_RD_ATOM;
-        VAPI_modify_qp(s[i].hca, qp[i], &a, &m, &cap);
-    }
-
-    VAPI_ret_t send(int i, uint64_t id, uint32_t offset, uint32_t len, bool signalled,
-                    VAPI_wr_opcode_t op = VAPI_SEND, uint64_t remote = 0) {
-        VAPI_sg_lst_entry_t sg{buf[i].addr() + offset, len, buf[i].lkey};
-        VAPI_sr_desc_t d{};
-        d.id = id;
-        d.opcode = op;
-        d.comp_type = signalled ? VAPI_SIGNALED : VAPI_UNSIGNALED;
-        d.sg_lst_p = &sg;
-        d.sg_lst_len = 1;
-        d.remote_addr = remote;
-        d.r_key = buf[1 - i].rkey;
-        return VAPI_post_sr(s[i].hca, qp[i], &d);
-    }
-    VAPI_ret_t recv(int i, uint64_t id, uint32_t offset, uint32_t len) {
-        VAPI_sg_lst_entry_t sg{buf[i].addr() + offset, len, buf[i].lkey};
-        VAPI_rr_desc_t d{};
-        d.id = id;
-        d.opcode = VAPI_RECEIVE;
-        d.comp_type = VAPI_SIGNALED;
-        d.sg_lst_p = &sg;
-        d.sg_lst_len = 1;
-        return VAPI_post_rr(s[i].hca, qp[i], &d);
-    }
-    // Waits for one completion on side i's CQ.
-    VAPI_wc_desc_t wait(int i) {
+// The receiving side of the message-rate benchmarks (side 1): takes every receive that completed
+// and posts it again, one request per post, the same in every variant.
+struct Receiver {
+    const RcEnd &end;
+    uint64_t next_id;
+    void replenish() {
         VAPI_wc_desc_t wc{};
-        while (VAPI_poll_cq(s[i].hca, s[i].cq, &wc) != VAPI_OK) {
-        }
-        return wc;
+        while (end.poll(wc)) end.recv(next_id++, 0, kMsg);
     }
 };
+
+Receiver receives_ahead(const RcFabric &f, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) f.end[1].recv(i, (i % 64) * kMsg, kMsg);
+    return Receiver{f.end[1], count};
+}
 
 // 8-byte sends on one QP: post a window, poll what completes, keep the window full. Every send
 // is signalled and every receive completes, so each message costs two posts and two polls.
 void BM_SendMessageRate(benchmark::State &state) {
     constexpr uint32_t kWindow = 64;
-    Fabric f(4096, 256);
-    uint64_t posted = 0, done = 0, received = 0;
-    for (uint32_t i = 0; i < 2 * kWindow; ++i) f.recv(1, i, (i % 64) * 8, 8);
-    uint64_t recvs = 2 * kWindow;
+    RcFabric f(4096, 256);
+    Receiver rx = receives_ahead(f, 2 * kWindow);
     VAPI_wc_desc_t wc{};
-    for (auto _ : state) {
-        while (posted - done >= kWindow) {
-            while (VAPI_poll_cq(f.s[0].hca, f.s[0].cq, &wc) == VAPI_OK) ++done;
-            while (VAPI_poll_cq(f.s[1].hca, f.s[1].cq, &wc) == VAPI_OK) {
-                ++received;
-                f.recv(1, recvs++, 0, 8);
-            }
-        }
-        f.send(0, posted, (posted % 64) * 8, 8, true);
-        ++posted;
-    }
-    while (done < posted) done += VAPI_poll_cq(f.s[0].hca, f.s[0].cq, &wc) == VAPI_OK;
-    state.SetItemsProcessed(int64_t(posted));
-    state.counters["msg/s"] = benchmark::Counter(double(posted), benchmark::Counter::kIsRate);
+    mb::send_window(
+        state, kWindow, 1, [&](uint64_t id) { f.end[0].send(id, uint32_t(id % 64) * kMsg, kMsg, true); },
+        [&](uint64_t &done) {
+            while (f.end[0].poll(wc)) ++done;
+        },
+        [&] { rx.replenish(); });
 }
 BENCHMARK(BM_SendMessageRate)->UseRealTime();
+
+// What perftest's bandwidth tests do to spare the sender: requests posted `per_call` to a call,
+// and only every `signal_every`-th signalled (completion moderation). An RC send queue completes
+// in order, so a signalled completion tells that every request up to it is done. The window is
+// 128 requests, so that two lists of 64 can be in flight. The receiver is as above.
+void send_rate_moderated(benchmark::State &state, uint32_t per_call, uint32_t signal_every) {
+    constexpr uint32_t kWindow = 128;
+    RcFabric f(4096, 256);
+    Receiver rx = receives_ahead(f, 2 * kWindow);
+    const RcEnd &tx = f.end[0];
+    std::vector<VAPI_sg_lst_entry_t> sg(per_call);
+    std::vector<VAPI_sr_desc_t> list(per_call);
+    for (uint32_t i = 0; i < per_call; ++i) {
+        sg[i] = {tx.base + (i % 64) * kMsg, kMsg, tx.lkey};
+        list[i] = VAPI_sr_desc_t{};
+        list[i].opcode = VAPI_SEND;
+        list[i].sg_lst_p = &sg[i];
+        list[i].sg_lst_len = 1;
+    }
+    // The last request of the run is signalled too, so that the drain after the loop ends.
+    const uint64_t last = uint64_t(state.max_iterations) * per_call - 1;
+    VAPI_wc_desc_t wc{};
+    mb::send_window(
+        state, kWindow, per_call,
+        [&](uint64_t first) {
+            for (uint32_t i = 0; i < per_call; ++i) {
+                const uint64_t id = first + i;
+                list[i].id = id;
+                list[i].comp_type =
+                    (id + 1) % signal_every == 0 || id == last ? VAPI_SIGNALED : VAPI_UNSIGNALED;
+            }
+            if (per_call == 1)
+                VAPI_post_sr(tx.hca, tx.qp, list.data());
+            else
+                EVAPI_post_sr_list(tx.hca, tx.qp, per_call, list.data());
+        },
+        [&](uint64_t &done) {
+            while (tx.poll(wc)) done = wc.id + 1;
+        },
+        [&] { rx.replenish(); });
+}
+
+void BM_SendMessageRateList(benchmark::State &state) {
+    const uint32_t n = uint32_t(state.range(0));
+    send_rate_moderated(state, n, n);
+}
+BENCHMARK(BM_SendMessageRateList)->Arg(16)->Arg(64)->UseRealTime();
+
+void BM_SendMessageRateModerated(benchmark::State &state) {
+    send_rate_moderated(state, 1, 16);
+}
+BENCHMARK(BM_SendMessageRateModerated)->UseRealTime();
 
 // RDMA writes of one size, one outstanding at a time (signalled), against memcpy of the same size.
 void BM_RdmaWrite(benchmark::State &state) {
     const uint32_t size = uint32_t(state.range(0));
-    Fabric f(size, 16);
+    RcFabric f(size, 16);
     uint64_t id = 0;
     for (auto _ : state) {
-        f.send(0, id++, 0, size, true, VAPI_RDMA_WRITE, f.buf[1].addr());
-        f.wait(0);
+        f.end[0].send(id++, 0, size, true, VAPI_RDMA_WRITE, f.remote(1), f.rkey[1]);
+        f.end[0].wait();
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * size);
 }
 BENCHMARK(BM_RdmaWrite)->RangeMultiplier(4)->Range(64, 1 << 20)->UseRealTime();
 
 void BM_Memcpy(benchmark::State &state) {
-    marlix::bench::memcpy_floor(state);
+    mb::memcpy_floor(state);
 }
 BENCHMARK(BM_Memcpy)->RangeMultiplier(4)->Range(64, 1 << 20)->UseRealTime();
 
-// RC send ping-pong: side 1 echoes on its own thread; the time reported is half a round trip.
-void BM_SendPingPong(benchmark::State &state) {
-    Fabric f(4096, 64);
-    std::atomic<bool> stop{false};
-    for (int i = 0; i < 32; ++i) {
-        f.recv(0, i, 0, 8);
-        f.recv(1, i, 0, 8);
+// The ping-pongs below work as perftest's send latency test does: receives posted ahead on both
+// sides, sends unsignalled, so each CQ holds only the receives that arrive and each side
+// busy-polls its own. A receive used up is posted again after the round trip is timed.
+constexpr uint32_t kAhead = 32;
+constexpr uint32_t kPingOffset = 8;  // sends go from here; receives land at offset 0
+
+void post_ahead(const RcFabric &f) {
+    for (uint32_t i = 0; i < kAhead; ++i) {
+        f.end[0].recv(i, 0, kMsg);
+        f.end[1].recv(i, 0, kMsg);
     }
+}
+
+bool received(benchmark::State &state, const VAPI_wc_desc_t &wc) {
+    if (wc.status == VAPI_SUCCESS && wc.opcode == VAPI_CQE_RQ_SEND_DATA) return true;
+    state.SkipWithError("a ping-pong completion that is not a successful receive");
+    return false;
+}
+
+// Side 0 on the benchmark's thread, side 1 echoing on a second thread, each on a core of its own;
+// no other thread of the process runs meanwhile (`other_threads_cpu` shows it: the device's
+// engine stays asleep, since each post carries its message through on the posting thread).
+void BM_SendPingPong(benchmark::State &state) {
+    RcFabric f(4096, 64);
+    post_ahead(f);
+    mb::CorePair cores;
+    mb::OneWaySamples samples(state);
+    std::atomic<bool> stop{false};
+    std::atomic<double> echo_cpu{0};
+    std::atomic<bool> echo_failed{false};
+    const mb::OtherThreadsCpu others;
+    const double cpu0 = mb::thread_cpu_seconds();
     std::thread echo([&] {
+        cores.pin(1);
+        const double start = mb::thread_cpu_seconds();
+        const RcEnd &e = f.end[1];
         VAPI_wc_desc_t wc{};
         uint64_t n = 0;
         while (!stop.load(std::memory_order_relaxed)) {
-            if (VAPI_poll_cq(f.s[1].hca, f.s[1].cq, &wc) != VAPI_OK) continue;
-            if (wc.opcode != VAPI_CQE_RQ_SEND_DATA) continue;
-            f.recv(1, n, 0, 8);
-            f.send(1, n++, 8, 8, false);
+            if (!e.poll(wc)) continue;
+            if (wc.status != VAPI_SUCCESS) echo_failed = true;
+            e.send(n, kPingOffset, kMsg, false);
+            e.recv(n++, 0, kMsg);
         }
+        echo_cpu = mb::thread_cpu_seconds() - start;
     });
+    const RcEnd &e = f.end[0];
     uint64_t n = 0;
     for (auto _ : state) {
-        f.send(0, n, 8, 8, false);
-        for (;;) {
-            VAPI_wc_desc_t wc = f.wait(0);
-            if (wc.opcode == VAPI_CQE_RQ_SEND_DATA) break;
-        }
-        f.recv(0, n++, 0, 8);
+        const auto sent = SteadyClock::now();
+        e.send(n, kPingOffset, kMsg, false);
+        const VAPI_wc_desc_t wc = e.wait();
+        samples.add(sent, SteadyClock::now());
+        if (!received(state, wc)) break;
+        e.recv(n++, 0, kMsg);
     }
+    const double own = mb::thread_cpu_seconds() - cpu0;
     stop = true;
     echo.join();
-    // Each iteration is a whole round trip: two one-way hand-offs.
-    state.counters["one_way"] = benchmark::Counter(double(state.iterations()) * 2,
-                                                   benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    if (echo_failed) state.SkipWithError("the echo side got a failed completion");
+    samples.report(state);
+    others.report(state, own + echo_cpu.load());
 }
 BENCHMARK(BM_SendPingPong)->UseRealTime();
 
-// Two threads passing a token through one cache line: the floor of any cross-thread hand-off.
+// Both QPs driven by the benchmark's thread, as the console's ib_send_lat does: each post carries
+// its message through both devices on this thread, so this is the device's own cost of a message
+// (post, requester, responder, acknowledgement, poll), with nothing handed between cores.
+void BM_SendPingPongOneThread(benchmark::State &state) {
+    RcFabric f(4096, 64);
+    post_ahead(f);
+    mb::OneWaySamples samples(state);
+    const mb::OtherThreadsCpu others;
+    const double cpu0 = mb::thread_cpu_seconds();
+    uint64_t n = 0;
+    for (auto _ : state) {
+        const auto sent = SteadyClock::now();
+        f.end[0].send(n, kPingOffset, kMsg, false);
+        const VAPI_wc_desc_t ping = f.end[1].wait();
+        f.end[1].send(n, kPingOffset, kMsg, false);
+        const VAPI_wc_desc_t pong = f.end[0].wait();
+        samples.add(sent, SteadyClock::now());
+        if (!received(state, ping) || !received(state, pong)) break;
+        f.end[1].recv(n, 0, kMsg);
+        f.end[0].recv(n++, 0, kMsg);
+    }
+    samples.report(state);
+    others.report(state, mb::thread_cpu_seconds() - cpu0);
+}
+BENCHMARK(BM_SendPingPongOneThread)->UseRealTime();
+
+// Two threads on two cores passing a token through one cache line: the floor of any cross-core
+// hand-off, with the same statistics as the ping-pongs.
 void BM_CacheLinePingPong(benchmark::State &state) {
-    marlix::bench::cache_line_pingpong_floor(state, "one_way");
+    mb::cache_line_pingpong_floor(state);
 }
 BENCHMARK(BM_CacheLinePingPong)->UseRealTime();
 
