@@ -36,27 +36,35 @@ using SteadyClock = std::chrono::steady_clock;
 // Half of every round trip, timed with the steady clock into an array sized before the loop
 // (nothing is allocated while measuring). Reports the mean and the median one way in
 // nanoseconds: the mean shows what preemption and stalls cost, the median what one hand-off
-// typically costs. Each sample includes one read of the clock (a few tens of nanoseconds).
+// typically costs. Each sample includes one read of the clock (a few tens of nanoseconds). The
+// array keeps the first kMaxSamples round trips (16 MiB); the mean covers every one.
 class OneWaySamples {
   public:
-    explicit OneWaySamples(const benchmark::State &state) : ns_(size_t(state.max_iterations)) {}
+    static constexpr size_t kMaxSamples = size_t(1) << 22;
+
+    explicit OneWaySamples(const benchmark::State &state)
+        : round_trip_ns_(std::min(size_t(state.max_iterations), kMaxSamples)) {}
 
     void add(SteadyClock::time_point sent, SteadyClock::time_point answered) {
-        if (count_ < ns_.size()) ns_[count_++] = double((answered - sent).count()) / 2.0;
+        const uint64_t ns = uint64_t(std::chrono::nanoseconds(answered - sent).count());
+        sum_ns_ += ns;
+        if (count_ < round_trip_ns_.size())
+            round_trip_ns_[count_] = uint32_t(std::min<uint64_t>(ns, UINT32_MAX));
+        ++count_;
     }
 
     void report(benchmark::State &state) {
         if (count_ == 0) return;
-        double sum = 0;
-        for (size_t i = 0; i < count_; ++i) sum += ns_[i];
-        const auto mid = ns_.begin() + ptrdiff_t(count_ / 2);
-        std::nth_element(ns_.begin(), mid, ns_.begin() + ptrdiff_t(count_));
-        state.counters["one_way_mean_ns"] = sum / double(count_);
-        state.counters["one_way_median_ns"] = *mid;
+        const size_t kept = std::min(count_, round_trip_ns_.size());
+        const auto mid = round_trip_ns_.begin() + ptrdiff_t(kept / 2);
+        std::nth_element(round_trip_ns_.begin(), mid, round_trip_ns_.begin() + ptrdiff_t(kept));
+        state.counters["one_way_mean_ns"] = double(sum_ns_) / double(count_) / 2.0;
+        state.counters["one_way_median_ns"] = double(*mid) / 2.0;
     }
 
   private:
-    std::vector<double> ns_;
+    std::vector<uint32_t> round_trip_ns_;
+    uint64_t sum_ns_ = 0;
     size_t count_ = 0;
 };
 

@@ -138,7 +138,9 @@ BENCHMARK(BM_Memcpy)->RangeMultiplier(4)->Range(64, 1 << 20)->UseRealTime();
 // sides, sends unsignalled, so each CQ holds only the receives that arrive and each side
 // busy-polls its own. A receive used up is posted again after the round trip is timed.
 constexpr uint32_t kAhead = 32;
-constexpr uint32_t kPingOffset = 8;  // sends go from here; receives land at offset 0
+// Receives land at offset 0, sends go from the other half of the buffer: were both in one cache
+// line, the responder writing a message and the echo reading its reply would share it.
+constexpr uint32_t kPingOffset = 2048;
 
 void post_ahead(const RcFabric &f) {
     for (uint32_t i = 0; i < kAhead; ++i) {
