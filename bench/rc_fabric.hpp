@@ -38,12 +38,8 @@ struct RcEnd {
     }
     VAPI_ret_t recv(uint64_t id, uint32_t offset, uint32_t len) const {
         VAPI_sg_lst_entry_t sg{base + offset, len, lkey};
-        VAPI_rr_desc_t d{};
-        d.id = id;
-        d.opcode = VAPI_RECEIVE;
-        d.comp_type = VAPI_SIGNALED;
-        d.sg_lst_p = &sg;
-        d.sg_lst_len = 1;
+        const VAPI_rr_desc_t d{
+            .id = id, .opcode = VAPI_RECEIVE, .comp_type = VAPI_SIGNALED, .sg_lst_p = &sg, .sg_lst_len = 1};
         return VAPI_post_rr(hca, qp, &d);
     }
     bool poll(VAPI_wc_desc_t &wc) const { return VAPI_poll_cq(hca, cq, &wc) == VAPI_OK; }
