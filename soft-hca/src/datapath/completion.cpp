@@ -48,6 +48,27 @@ void activate(Device &dev, Qp &qp) {
     dev.active_qps.push_back(&qp);
 }
 
+void ring_doorbell(Device &dev, Qp &qp) {
+    if (qp.doorbell_rung.exchange(true, std::memory_order_acq_rel)) return;
+    Qp *head = dev.doorbells.load(std::memory_order_relaxed);
+    do {
+        qp.doorbell_next = head;
+    } while (!dev.doorbells.compare_exchange_weak(head, &qp, std::memory_order_release, std::memory_order_relaxed));
+}
+
+void take_doorbells(Device &dev) {
+    if (!dev.doorbells.load(std::memory_order_relaxed)) return;
+    Qp *qp = dev.doorbells.exchange(nullptr, std::memory_order_acquire);
+    while (qp) {
+        // Read the link before the flag goes down: a post may put the QP back on the list at once.
+        Qp *next = qp->doorbell_next;
+        qp->doorbell_rung.store(false, std::memory_order_release);
+        // A record destroyed (or reused) since its post rang: activating it is harmless.
+        if (!qp->destroyed) activate(dev, *qp);
+        qp = next;
+    }
+}
+
 void deactivate(Device &dev, Qp &qp) {
     if (!qp.on_active_list) return;
     qp.on_active_list = false;
@@ -121,11 +142,13 @@ void flush_qp(Device &dev, Qp &qp, PendingEvents &events) {
 }
 
 void enter_error(Device &dev, Qp &qp, PendingEvents &events) {
+    QpQueueLock queues(qp);
     qp.attr.qp_state = VAPI_ERR;
     flush_qp(dev, qp, events);
 }
 
 void enter_send_error(Device &dev, Qp &qp, PendingEvents &events) {
+    QpQueueLock queues(qp);
     qp.attr.qp_state = VAPI_SQE;
     flush_send_queue(dev, qp, events);
 }

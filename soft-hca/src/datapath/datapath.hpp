@@ -110,6 +110,11 @@ void new_round(Device &dev);
 void activate(Device &dev, Qp &qp);
 // Takes the QP off that list (destroy).
 void deactivate(Device &dev, Qp &qp);
+// A post's doorbell when it cannot run the data path itself: puts the QP on the device's
+// lock-free doorbell list (no lock needed). take_doorbells() (device mutex held) moves the list
+// onto the active list; run_requesters() starts with it.
+void ring_doorbell(Device &dev, Qp &qp);
+void take_doorbells(Device &dev);
 
 // Moves the QP to the error state after a completion error and flushes what is queued behind.
 // `async` (optional) is the local work queue error event to raise for it.

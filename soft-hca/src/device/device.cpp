@@ -220,10 +220,13 @@ VAPI_ret_t Device::translate(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_
 
 void Device::release_all() {
     for (auto &c : fast_cqs) c.store(nullptr, std::memory_order_release);
+    for (auto &q : fast_qps) q.store(nullptr, std::memory_order_release);
+    doorbells.store(nullptr, std::memory_order_release);
     active_qps.clear();
     sent_unreliable.clear();
     qp_by_number.clear();
     retired.clear();
+    spare_qps.clear();
     retired_cqs.clear();
     failed = false;
     qps.clear();

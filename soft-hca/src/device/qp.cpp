@@ -10,6 +10,18 @@ Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp) {
     return it == dev.qps.end() ? nullptr : static_cast<Qp *>(it->second.get());
 }
 
+Qp *posting_qp(Device &dev, VAPI_qp_hndl_t qp) {
+    return qp < Device::kFastQpHandles ? dev.fast_qps[qp].load(std::memory_order_acquire) : nullptr;
+}
+
+void publish_qp(Device &dev, Qp &qp) {
+    if (qp.hndl < Device::kFastQpHandles) dev.fast_qps[qp.hndl].store(&qp, std::memory_order_release);
+}
+
+void withdraw_qp(Device &dev, Qp &qp) {
+    if (qp.hndl < Device::kFastQpHandles) dev.fast_qps[qp.hndl].store(nullptr, std::memory_order_release);
+}
+
 uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port) {
     // QP0 and QP1 exist once per port; every other number once per device.
     return qp_num <= 1 ? (qp_num | uint32_t(port) << 24) : qp_num;

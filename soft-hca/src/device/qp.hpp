@@ -4,9 +4,11 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <vector>
@@ -21,7 +23,26 @@ namespace marlix::softhca {
 
 using Mgid = std::array<uint8_t, 16>;
 
-struct Qp : Object {
+struct Qp;
+
+// What a QP record keeps when the device reuses it for a new QP: the locks posters take, the
+// rings they post into, and its link in the device's doorbell list. A poster may still hold a
+// record's lock after the QP is gone, so a record lives as long as the device is open.
+struct QpQueues {
+    // Posters of sends hold sq_mu, posters of receives rq_mu (see wq.hpp for what each side of a
+    // ring may touch). Whoever changes the QP's state, capabilities or rings holds the device
+    // mutex and both (sq_mu first).
+    std::mutex sq_mu;
+    std::mutex rq_mu;
+    SendRing sq;  // [head, next_send) sent, [next_send, tail) queued
+    RecvRing rq;
+    // On the device's doorbell list (posts that found the data path busy).
+    std::atomic<bool> doorbell_rung{false};
+    Qp *doorbell_next = nullptr;
+};
+
+// Everything else about a QP: a new QP starts from a fresh one.
+struct QpContext {
     VAPI_qp_hndl_t hndl = 0;
     VAPI_qp_num_t qp_num = 0;
     VAPI_special_qp_t special = VAPI_REGULAR_QP;
@@ -29,9 +50,6 @@ struct Qp : Object {
     qpsm::QpKind kind = qpsm::QpKind::Regular;
     VAPI_qp_init_attr_t init{};  // as created, with the capabilities actually granted
     VAPI_qp_attr_t attr{};       // current attributes (attr.qp_state is the IB state)
-    SendRing sq;                 // [head, next_send) sent, [next_send, tail) queued
-    RecvRing rq;
-
     // ---- Requester -----------------------------------------------------------------------
     uint64_t next_send = 0;            // position in sq of the next request to (re)transmit
     uint64_t sent_high = 0;            // positions below this were sent at least once
@@ -74,15 +92,20 @@ struct Qp : Object {
     Forced forced_send, forced_recv;
     bool on_active_list = false;  // queued on the device's list of QPs with requester work
     bool on_sent_list = false;    // on the device's list of UD/UC QPs with sent requests
-    bool destroyed = false;       // destroyed; the record waits in Device::retired
+    bool destroyed = false;       // destroyed; the record waits in Device::retired, then is reused
     std::set<std::pair<Mgid, IB_lid_t>> mcast_groups;  // groups this QP is attached to
     std::optional<uint32_t> reported_state;            // what VAPI_query_qp says instead (tests)
     // What destroy closes and waits on: the QP's asynchronous events in flight.
     EventGateRef event_gate = std::make_shared<EventGate>();
+};
 
+struct Qp : Object, QpQueues, QpContext {
     VAPI_ts_type_t transport() const { return init.ts_type; }
     qpsm::QpState state() const { return static_cast<qpsm::QpState>(attr.qp_state); }
     const VAPI_qp_cap_t &cap() const { return init.cap; }
+    // Still the live QP of handle `h` (read under either queue lock or the device mutex: a
+    // poster's record may have been destroyed, or reused, since it looked it up).
+    bool live_as(VAPI_qp_hndl_t h) const { return !destroyed && hndl == h; }
 };
 
 // The value a caller stored in an enumeration field, read without assuming it is one of the
@@ -97,6 +120,23 @@ uint32_t raw_value(const E &e) {
 
 // Looks up a QP / CQ record of the device (null when the handle is unknown).
 Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp);
+// The QP record of a handle from the table posters read without the device mutex (null: no QP,
+// or a handle beyond the table). Check live_as() under the queue's lock before using it.
+Qp *posting_qp(Device &dev, VAPI_qp_hndl_t qp);
+// Publishes a new QP in, and withdraws a destroyed one from, that table (device mutex held).
+void publish_qp(Device &dev, Qp &qp);
+void withdraw_qp(Device &dev, Qp &qp);
+
+// Both queue locks of a QP, sq_mu first, held (under the device mutex) by whoever changes its
+// state, capabilities or rings: a post then sees the QP before or after the change, and its work
+// is queued before or after any flush that goes with it.
+class QpQueueLock {
+  public:
+    explicit QpQueueLock(Qp &qp) : sq_(qp.sq_mu), rq_(qp.rq_mu) {}
+
+  private:
+    std::lock_guard<std::mutex> sq_, rq_;
+};
 CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq);
 // The QP a packet arriving on `port` for QP number `qp_num` is meant for: QP0 and QP1 are the
 // special QPs of that port, other numbers name the same QP on every port. Null when none.

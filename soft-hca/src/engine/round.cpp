@@ -31,7 +31,7 @@ enum class Pass { Round, Posted };
 // its requesters (a full outbox, a rewind), or a timer armed by a request still unanswered on a
 // QP that ran. Called with the device mutex held.
 bool work_left(Device &d, const RanQps &ran) {
-    if (!d.active_qps.empty() || ran.overflow) return true;
+    if (!d.active_qps.empty() || ran.overflow || d.doorbells.load(std::memory_order_relaxed)) return true;
     for (uint32_t i = 0; i < ran.count; ++i) {
         const Qp &qp = *ran.qps[i];
         if (!qp.destroyed && (qp.retransmit_at != 0 || qp.rnr_wait_until != 0)) return true;
@@ -43,7 +43,7 @@ bool work_left(Device &d, const RanQps &ran) {
 // path token held by the caller. A round also fires due timers and frees retired records; a
 // posting thread's pass leaves both to the engine and says in `left` whether the engine must run.
 // Returns the work done.
-size_t run_device(Device &d, uint64_t now, Scratch &s, Pass pass, bool *timers_pending, bool *left) {
+size_t run_device(Device &d, Qp *posted, uint64_t now, Scratch &s, Pass pass, bool *timers_pending, bool *left) {
     size_t work = 0;
     Outbox &out = s.out;
     out.clear();
@@ -53,8 +53,12 @@ size_t run_device(Device &d, uint64_t now, Scratch &s, Pass pass, bool *timers_p
     {
         std::lock_guard lk(d.mu);
         if (!d.open || d.failed) return 0;
+        if (posted && !posted->destroyed) activate(d, *posted);
         if (pass == Pass::Round) {
-            // Records of QPs destroyed before this round: no packet points into them any more.
+            // Records of QPs destroyed before this round: no packet points into them any more,
+            // and once the doorbell list has let go of them they serve new QPs.
+            take_doorbells(d);
+            for (auto &r : d.retired) d.spare_qps.push_back(std::move(r));
             d.retired.clear();
             work += run_timers(d, now, events);
         }
@@ -101,7 +105,7 @@ size_t run_round(uint64_t now, bool *timers_pending) {
         if (!d) continue;
         std::lock_guard token(d->run_mu);
         new_pass();
-        work += run_device(*d, now, s, Pass::Round, timers_pending ? &timers : nullptr, nullptr);
+        work += run_device(*d, nullptr, now, s, Pass::Round, timers_pending ? &timers : nullptr, nullptr);
     }
     s.replies.clear();
     work += deliver_delayed(now, s.replies);
@@ -112,16 +116,18 @@ size_t run_round(uint64_t now, bool *timers_pending) {
     return work;
 }
 
-PostedRun run_posted(Device &dev, uint64_t now) {
+PostedRun run_posted(Device &dev, Qp *qp, uint64_t now) {
     // Packets held on a delayed link, or links that lose or delay packets, are the engine's: a
     // pass here could overtake them.
-    if (wire_busy()) return PostedRun::Engine;
-    std::unique_lock token(dev.run_mu, std::try_to_lock);
-    if (!token.owns_lock()) return PostedRun::Engine;
+    std::unique_lock token(dev.run_mu, std::defer_lock);
+    if (wire_busy() || !token.try_lock()) {
+        if (qp) ring_doorbell(dev, *qp);
+        return PostedRun::Engine;
+    }
     Scratch &s = scratch();
     new_pass();
     bool left = false;
-    run_device(dev, now, s, Pass::Posted, nullptr, &left);
+    run_device(dev, qp, now, s, Pass::Posted, nullptr, &left);
     return left ? PostedRun::Engine : PostedRun::Done;
 }
 

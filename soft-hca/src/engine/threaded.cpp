@@ -38,8 +38,8 @@ class ThreadedEngine : public Engine {
         }
     }
 
-    void doorbell(Device &dev) override {
-        if (run_posted(dev, host::now_ns()) == PostedRun::Engine) kick();
+    void doorbell(Device &dev, Qp *qp) override {
+        if (run_posted(dev, qp, host::now_ns()) == PostedRun::Engine) kick();
     }
 
     size_t step() override { return 0; }
