@@ -276,7 +276,6 @@ class Device {
     // Destroyed CQs, emptied, kept until the device closes: a poll looks a CQ up without any
     // device lock and may still hold it.
     std::vector<std::unique_ptr<Object>> retired_cqs;
-    std::atomic<uint64_t> round{0};  // engine rounds (and posting threads' passes) run on this device
     // The data path token: whoever holds it runs this device's requesters and carries their
     // packets (the engine's round, or a posting thread that finds it free), so the packets of one
     // QP leave in order.

@@ -72,8 +72,8 @@ struct QpContext {
     uint64_t message_bytes = 0;      // bytes of the message in progress so far
     bool message_failed = false;     // UC: the message in progress is being dropped
     bool nak_sent = false;           // RC: a sequence NAK went out; quiet until the PSN comes
-    uint32_t reads_in_progress = 0;  // responder resources used in this round (reads, atomics)
-    uint64_t reads_round = 0;
+    uint32_t reads_in_progress = 0;  // responder resources used in this pass (reads, atomics)
+    uint64_t reads_pass = 0;
     bool comm_established = false;  // the first packet in RTR raised the event
     // The last atomic operations answered, to answer a duplicate with the same original value.
     struct AtomicReplay {

@@ -73,10 +73,10 @@ size_t run_device(Device &d, Qp *posted, uint64_t now, Scratch &s, Pass pass, bo
     if (out.count == 0) return work;
     // The wire, with no device lock held: requests to their responders, the replies back.
     s.replies.clear();
-    for (uint32_t i = 0; i < out.count; ++i) transmit(out.entries[i], now, s.replies);
+    transmit_all(out.entries.data(), out.count, now, s.replies);
     // Completers do not reply: the requests' outbox, done with, takes whatever might.
     out.clear();
-    for (uint32_t i = 0; i < s.replies.count; ++i) transmit(s.replies.entries[i], now, out);
+    transmit_all(s.replies.entries.data(), s.replies.count, now, out);
     if (unreliable || left) {
         std::lock_guard lk(d.mu);
         if (unreliable) work += finish_sent(d, events);
@@ -84,14 +84,6 @@ size_t run_device(Device &d, Qp *posted, uint64_t now, Scratch &s, Pass pass, bo
     }
     events.deliver(d);
     return work;
-}
-
-// A pass (one device's turn in a round, or a posting thread's pass) counts as a new round for
-// the responders' read and atomic resources on every device its packets may reach, so a
-// responder never counts the requests of two passes against one round.
-void new_pass() {
-    for (size_t di = 0, dn = device_count(); di < dn; ++di)
-        if (Device *d = device_at(di)) new_round(*d);
 }
 
 }  // namespace
@@ -111,7 +103,7 @@ size_t run_round(uint64_t now, bool *timers_pending) {
     work += deliver_delayed(now, s.replies);
     Outbox &dummy = s.out;
     dummy.clear();
-    for (uint32_t i = 0; i < s.replies.count; ++i) transmit(s.replies.entries[i], now, dummy);
+    transmit_all(s.replies.entries.data(), s.replies.count, now, dummy);
     if (timers_pending) *timers_pending = timers || next_delayed() != 0;
     return work;
 }
