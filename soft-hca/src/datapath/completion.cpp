@@ -14,10 +14,10 @@ bool signalled(const Qp &qp, const SendEntry &w) {
     return w.desc.comp_type == VAPI_SIGNALED || qp.init.sq_sig_type == VAPI_SIGNAL_ALL_WR;
 }
 
-void push_send_cqe(Device &dev, Qp &qp, const SendEntry &w, PendingEvents &events) {
+void push_send_cqe(Qp &qp, const SendEntry &w, PendingEvents &events) {
     // Successful unsignalled requests leave no completion; errors and flushes always do.
     if (w.status == VAPI_SUCCESS && !signalled(qp, w)) return;
-    CompletionQueue *cq = find_cq(dev, qp.init.sq_cq_hndl);
+    CompletionQueue *cq = qp.send_cq;
     if (!cq) return;
     VAPI_wc_desc_t wc{};
     wc.status = w.status;
@@ -90,12 +90,12 @@ void complete_send(Device &dev, Qp &qp, SendEntry &w, VAPI_wc_status_t status, u
     retire_sends(dev, qp, events);
 }
 
-void retire_sends(Device &dev, Qp &qp, PendingEvents &events) {
+void retire_sends(Device &, Qp &qp, PendingEvents &events) {
     while (!qp.sq.empty() && qp.sq.front().phase == SendPhase::Done) {
         SendEntry w = qp.sq.front();
         qp.sq.pop();
         if (qp.next_send < qp.sq.head()) qp.next_send = qp.sq.head();
-        push_send_cqe(dev, qp, w, events);
+        push_send_cqe(qp, w, events);
     }
     // Nothing unanswered any more: no retransmission is due.
     if (qp.sq.head() == qp.next_send) qp.retransmit_at = 0;
@@ -117,8 +117,8 @@ void flush_send_queue(Device &dev, Qp &qp, PendingEvents &events) {
     qp.rnr_wait_until = 0;
 }
 
-void flush_recv_queue(Device &dev, Qp &qp, PendingEvents &events) {
-    CompletionQueue *cq = find_cq(dev, qp.init.rq_cq_hndl);
+void flush_recv_queue(Device &, Qp &qp, PendingEvents &events) {
+    CompletionQueue *cq = qp.recv_cq;
     while (!qp.rq.empty()) {
         RecvEntry w = qp.rq.front();
         qp.rq.pop();

@@ -73,12 +73,12 @@ VAPI_wc_desc_t recv_wc(const Qp &qp, const RecvEntry &r, VAPI_wc_status_t status
 }
 
 // Takes the head receive request and completes it.
-void complete_recv(Device &dev, Qp &qp, VAPI_wc_desc_t wc, bool solicited, PendingEvents &events) {
+void complete_recv(Qp &qp, VAPI_wc_desc_t wc, bool solicited, PendingEvents &events) {
     const bool signalled = qp.init.rq_sig_type == VAPI_SIGNAL_ALL_WR || wc.status != VAPI_SUCCESS ||
                            qp.rq.front().desc.comp_type == VAPI_SIGNALED;
     qp.rq.pop();
     wc.free_res_count = qp.rq.free_slots();
-    if (CompletionQueue *cq = find_cq(dev, qp.init.rq_cq_hndl); cq && signalled)
+    if (CompletionQueue *cq = qp.recv_cq; cq && signalled)
         push_completion(*cq, wc, solicited, events);
 }
 
@@ -170,7 +170,7 @@ void respond_ud(Device &dev, IB_port_t port, Qp &qp, const Packet &p, PendingEve
         wc.status = qp.forced_recv.status;
         wc.vendor_err_syndrome = qp.forced_recv.syndrome;
         qp.forced_recv = {};
-        complete_recv(dev, qp, wc, p.solicited, events);
+        complete_recv(qp, wc, p.solicited, events);
         if (wc.status != VAPI_SUCCESS) enter_error(dev, qp, events);
         return;
     }
@@ -196,7 +196,7 @@ void respond_ud(Device &dev, IB_port_t port, Qp &qp, const Packet &p, PendingEve
         wc.remote_node_addr.ee_dlid.dst_path_bits = pt ? uint8_t(p.dlid & ((1u << pt->lmc) - 1)) : 0;
         wc.grh_flag = p.grh;
     }
-    complete_recv(dev, qp, wc, p.solicited, events);
+    complete_recv(qp, wc, p.solicited, events);
     // A receive that cannot be placed is a local error of the receive queue.
     if (st != VAPI_SUCCESS) enter_error(dev, qp, events);
 }
@@ -235,7 +235,7 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
         wc.byte_len = uint32_t(qp.message_bytes + p.payload_len);
         qp.forced_recv = {};
         qp.in_message = false;
-        complete_recv(dev, qp, wc, p.solicited, events);
+        complete_recv(qp, wc, p.solicited, events);
         if (wc.status != VAPI_SUCCESS) {
             if (rc) nak(dev, qp, port, p, out, aeth::kNakRemoteOp);
             enter_error(dev, qp, events);
@@ -248,7 +248,7 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
     if (st != VAPI_SUCCESS) {
         VAPI_wc_desc_t wc = recv_wc(qp, r, st);
         qp.in_message = false;
-        complete_recv(dev, qp, wc, false, events);
+        complete_recv(qp, wc, false, events);
         if (st == VAPI_LOC_LEN_ERR) {
             // The message is longer than the receive request: an invalid request.
             refuse(dev, qp, port, p, out, aeth::kNakInvalidRequest, VAPI_LOCAL_WQ_INV_REQUEST_ERROR, events);
@@ -271,7 +271,7 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
         wc.remote_node_addr.qp_ety.qp = qp.attr.dest_qp_num;
         qp.in_message = false;
         qp.recv_taken = false;
-        complete_recv(dev, qp, wc, p.solicited, events);
+        complete_recv(qp, wc, p.solicited, events);
     }
 }
 
@@ -494,7 +494,7 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
                 wc.vendor_err_syndrome = qp.forced_recv.syndrome;
                 qp.forced_recv = {};
             }
-            complete_recv(dev, qp, wc, p.solicited, events);
+            complete_recv(qp, wc, p.solicited, events);
             if (wc.status != VAPI_SUCCESS) {
                 if (rc) nak(dev, qp, port, p, out, aeth::kNakRemoteOp);
                 enter_error(dev, qp, events);

@@ -225,6 +225,7 @@ void Device::release_all() {
     active_qps.clear();
     sent_unreliable.clear();
     qp_by_number.clear();
+    qp_by_fast_number.fill(nullptr);
     retired.clear();
     spare_qps.clear();
     retired_cqs.clear();

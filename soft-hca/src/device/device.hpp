@@ -260,6 +260,10 @@ class Device {
     // the engine's next round on this device (a packet of the round before may still point into
     // their rings).
     std::unordered_map<uint32_t, struct Qp *> qp_by_number;  // packets name QPs by number
+    // The same for the first regular QP numbers, which is where they are handed out from: a
+    // packet finds its QP without hashing.
+    static constexpr size_t kFastQpNumbers = 4096;
+    std::array<struct Qp *, kFastQpNumbers> qp_by_fast_number{};
     std::vector<struct Qp *> active_qps;
     std::vector<struct Qp *> sent_unreliable;
     std::vector<std::unique_ptr<Object>> retired;

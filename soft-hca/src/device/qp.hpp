@@ -3,12 +3,14 @@
 // Posting writes work requests into the rings; the data path consumes them from the front.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <set>
 #include <vector>
@@ -50,6 +52,9 @@ struct QpContext {
     qpsm::QpKind kind = qpsm::QpKind::Regular;
     VAPI_qp_init_attr_t init{};  // as created, with the capabilities actually granted
     VAPI_qp_attr_t attr{};       // current attributes (attr.qp_state is the IB state)
+    // The CQs of init.sq_cq_hndl and init.rq_cq_hndl (a CQ is not destroyed while a QP uses it).
+    CompletionQueue *send_cq = nullptr;
+    CompletionQueue *recv_cq = nullptr;
     // ---- Requester -----------------------------------------------------------------------
     uint64_t next_send = 0;            // position in sq of the next request to (re)transmit
     uint64_t sent_high = 0;            // positions below this were sent at least once
@@ -123,7 +128,8 @@ Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp);
 // The QP record of a handle from the table posters read without the device mutex (null: no QP,
 // or a handle beyond the table). Check live_as() under the queue's lock before using it.
 Qp *posting_qp(Device &dev, VAPI_qp_hndl_t qp);
-// Publishes a new QP in, and withdraws a destroyed one from, that table (device mutex held).
+// Publishes a new QP in, and withdraws a destroyed one from, the tables that find it by handle
+// (posters) and by number (packets); device mutex held.
 void publish_qp(Device &dev, Qp &qp);
 void withdraw_qp(Device &dev, Qp &qp);
 
@@ -145,27 +151,39 @@ Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port);
 uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port);
 
 // A few values kept inline, more spilling to the heap: event lists are short (one completion
-// event per armed CQ), so collecting them costs no allocation.
+// event per armed CQ), so collecting them costs no allocation. The inline slots are constructed
+// only when used: every pass makes a few of these, and most stay empty.
 template <class T, size_t N>
 class SmallList {
   public:
+    SmallList() = default;
+    SmallList(const SmallList &other) {
+        for (size_t i = 0; i < other.size(); ++i) push_back(other[i]);
+    }
+    SmallList &operator=(const SmallList &) = delete;
+    ~SmallList() { clear(); }
     void push_back(const T &v) {
         if (n_ < N)
-            inline_[n_] = v;
+            new (slot(n_)) T(v);
         else
             more_.push_back(v);
         ++n_;
     }
     size_t size() const { return n_; }
     bool empty() const { return n_ == 0; }
-    const T &operator[](size_t i) const { return i < N ? inline_[i] : more_[i - N]; }
+    const T &operator[](size_t i) const { return i < N ? *slot(i) : more_[i - N]; }
     void clear() {
+        for (size_t i = 0; i < std::min(n_, N); ++i) slot(i)->~T();
         n_ = 0;
         more_.clear();
     }
 
   private:
-    T inline_[N]{};
+    T *slot(size_t i) { return std::launder(reinterpret_cast<T *>(storage_ + i * sizeof(T))); }
+    const T *slot(size_t i) const {
+        return std::launder(reinterpret_cast<const T *>(storage_ + i * sizeof(T)));
+    }
+    alignas(T) unsigned char storage_[N * sizeof(T)];
     size_t n_ = 0;
     std::vector<T> more_;
 };

@@ -194,6 +194,8 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
         qp->attr.cap = cap;
         qp->attr.port = port;
         qp->attr.min_rnr_timer = kDefaultMinRnrTimer;
+        qp->send_cq = scq;
+        qp->recv_cq = rcq;
         qp->hndl = dev.qp_handles.allocate();
         qp->sq.clear();
         qp->rq.clear();
@@ -201,7 +203,6 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
         qp->rq.resize(cap.max_oust_wr_rq, cap.max_sg_size_rq, 0);
     }
 
-    dev.qp_by_number[qp_number_key(qp->qp_num, port)] = qp;
     pd->users++;
     scq->qp_users++;
     rcq->qp_users++;
@@ -453,7 +454,6 @@ VAPI_ret_t VAPI_destroy_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl) {
         QpQueueLock queues(*qp);
         qp->destroyed = true;
     }
-    dev.qp_by_number.erase(qp_number_key(qp->qp_num, qp->special_port));
     // The record outlives its handle until the engine's next round on this device: a packet
     // of the current round may still read from its rings. Then it serves a new QP.
     auto it = dev.qps.find(qp_hndl);
