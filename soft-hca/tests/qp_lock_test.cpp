@@ -19,7 +19,8 @@ using namespace dp;
 class QpLock : public DataPathTest {
   protected:
     // Runs `post` on another thread while this one holds `held`; true if it returned meanwhile.
-    static bool returns_while_held(std::mutex &held, const std::function<void()> &post) {
+    template <class Mutex>
+    static bool returns_while_held(Mutex &held, const std::function<void()> &post) {
         std::atomic<bool> done{false};
         std::thread poster;
         {

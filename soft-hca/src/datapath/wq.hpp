@@ -15,6 +15,8 @@
 
 #include <vapi_types.h>
 
+#include "device/limits.hpp"
+
 #include <atomic>
 #include <cstdint>
 #include <vector>
@@ -95,7 +97,9 @@ class WorkRing {
     std::vector<VAPI_sg_lst_entry_t> sg_area_;
     std::vector<uint8_t> inline_area_;
     uint32_t depth_ = 0, mask_ = 0, sg_stride_ = 0, inline_stride_ = 0;
-    std::atomic<uint64_t> head_{0}, tail_{0};
+    // The consumer's and the producer's positions, each in a cache line of its own.
+    alignas(limits::kCacheLine) std::atomic<uint64_t> head_{0};
+    alignas(limits::kCacheLine) std::atomic<uint64_t> tail_{0};
 };
 
 using SendRing = WorkRing<SendEntry>;

@@ -421,7 +421,7 @@ Call::Call(Verb verb, VAPI_hca_hndl_t hca) {
         status_ = VAPI_EINVAL_HCA_HNDL;
         return;
     }
-    lock_ = std::unique_lock<std::mutex>(dev_->mu);
+    lock_ = std::unique_lock<AdaptiveMutex>(dev_->mu);
     if (!dev_->open) {
         lock_.unlock();
         status_ = VAPI_EINVAL_HCA_HNDL;
@@ -433,7 +433,7 @@ Call::Call(Device *dev, Checked) : dev_(dev) {
         status_ = VAPI_EINVAL_HCA_HNDL;
         return;
     }
-    lock_ = std::unique_lock<std::mutex>(dev_->mu);
+    lock_ = std::unique_lock<AdaptiveMutex>(dev_->mu);
     if (!dev_->open) {
         lock_.unlock();
         status_ = VAPI_EINVAL_HCA_HNDL;

@@ -95,7 +95,9 @@
 
 #include <evapi.h>
 
+#include "device/adaptive_mutex.hpp"
 #include "device/event_gate.hpp"
+#include "device/limits.hpp"
 #include "device/verbs.hpp"
 
 #include <algorithm>
@@ -221,7 +223,9 @@ class Device {
     Device(int index, int ports);
     ~Device();
 
-    std::mutex mu;
+    // The device mutex and the data path token in cache lines of their own: passes on other
+    // threads take them while posters read the device's tables.
+    alignas(limits::kCacheLine) AdaptiveMutex mu;
 
     // Identity and capabilities (fixed at boot).
     const int index;
@@ -276,14 +280,14 @@ class Device {
     std::array<std::atomic<struct Qp *>, kFastQpHandles> fast_qps{};
     // QPs whose posts found the data path busy: a lock-free list that whoever runs the data path
     // next takes over (under the device mutex) onto active_qps.
-    std::atomic<struct Qp *> doorbells{nullptr};
+    alignas(limits::kCacheLine) std::atomic<struct Qp *> doorbells{nullptr};
     // Destroyed CQs, emptied, kept until the device closes: a poll looks a CQ up without any
     // device lock and may still hold it.
     std::vector<std::unique_ptr<Object>> retired_cqs;
     // The data path token: whoever holds it runs this device's requesters and carries their
     // packets (the engine's round, or a posting thread that finds it free), so the packets of one
     // QP leave in order.
-    std::mutex run_mu;
+    alignas(limits::kCacheLine) std::mutex run_mu;
     // CQs by handle, read without the lock by VAPI_poll_cq to answer "empty" at once; handles
     // beyond the table take the locked path.
     static constexpr size_t kFastCqHandles = 4096;
@@ -410,7 +414,7 @@ class Call {
   private:
     VAPI_ret_t status_ = VAPI_OK;
     Device *dev_ = nullptr;
-    std::unique_lock<std::mutex> lock_;
+    std::unique_lock<AdaptiveMutex> lock_;
 };
 
 // Fault injection and call counting. Counts the call (per device, atomically; calls not tied to a

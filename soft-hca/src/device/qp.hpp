@@ -18,6 +18,7 @@
 #include "device/cq.hpp"
 #include "device/device.hpp"
 #include "device/event_gate.hpp"
+#include "device/limits.hpp"
 #include "datapath/wq.hpp"
 #include "device/qp_state_machine.hpp"
 
@@ -34,9 +35,11 @@ struct QpQueues {
     // Posters of sends hold sq_mu, posters of receives rq_mu (see wq.hpp for what each side of a
     // ring may touch). Whoever changes the QP's state, capabilities or rings holds the device
     // mutex and both (sq_mu first).
-    std::mutex sq_mu;
-    std::mutex rq_mu;
+    // Each queue's lock and ring apart from the other's: its posters and its consumer may run
+    // on different threads.
+    alignas(limits::kCacheLine) std::mutex sq_mu;
     SendRing sq;  // [head, next_send) sent, [next_send, tail) queued
+    alignas(limits::kCacheLine) std::mutex rq_mu;
     RecvRing rq;
     // On the device's doorbell list (posts that found the data path busy).
     std::atomic<bool> doorbell_rung{false};
@@ -56,7 +59,9 @@ struct QpContext {
     CompletionQueue *send_cq = nullptr;
     CompletionQueue *recv_cq = nullptr;
     // ---- Requester -----------------------------------------------------------------------
-    uint64_t next_send = 0;            // position in sq of the next request to (re)transmit
+    // (Requester and responder state in cache lines of their own: the passes that run the two
+    // roles of one QP may be on different threads.)
+    alignas(limits::kCacheLine) uint64_t next_send = 0;            // position in sq of the next request to (re)transmit
     uint64_t sent_high = 0;            // positions below this were sent at least once
     uint32_t next_psn = 0;             // PSN of the next packet to send
     uint32_t rd_atom_outstanding = 0;  // RDMA reads and atomics sent and not yet answered
@@ -67,7 +72,7 @@ struct QpContext {
     bool sqd_event_due = false;        // SQD entered with notification asked; raise when drained
     bool alt_path_loaded = false;      // an alternate path was given; a migration uses it up
     // ---- Responder -----------------------------------------------------------------------
-    uint32_t expected_psn = 0;  // RC/UC: the PSN the next request must carry
+    alignas(limits::kCacheLine) uint32_t expected_psn = 0;  // RC/UC: the PSN the next request must carry
     uint32_t msn = 0;           // messages completed as responder
     bool in_message = false;    // a multi-packet send or write is in progress
     bool recv_taken = false;    // ... and has taken the receive request at rq.head()
@@ -88,13 +93,14 @@ struct QpContext {
     };
     std::array<AtomicReplay, 4> atomic_replay{};
     uint32_t atomic_replay_next = 0;
-    // ---- Controls for tests -----------------------------------------------------------------
+    // ---- Controls for tests, list membership -----------------------------------------------
     struct Forced {
         bool armed = false;
         VAPI_wc_status_t status = VAPI_SUCCESS;
         uint32_t syndrome = 0;
     };
-    Forced forced_send, forced_recv;
+    alignas(limits::kCacheLine) Forced forced_send;
+    Forced forced_recv;
     bool on_active_list = false;  // queued on the device's list of QPs with requester work
     bool on_sent_list = false;    // on the device's list of UD/UC QPs with sent requests
     bool destroyed = false;       // destroyed; the record waits in Device::retired, then is reused
