@@ -299,15 +299,18 @@ class DataPathTest : public SoftHcaTest {
         return out;
     }
 
-    // The QP's state as VAPI_query_qp reports it (into a record of 0xff bytes: RESET is 0).
-    VAPI_qp_state_t state(const Qp &q) {
+    // The QP's attributes as VAPI_query_qp reports them, read into a record of 0xff bytes so that
+    // a field left unwritten cannot pass for a zero (RESET, port 0) a test expects.
+    VAPI_qp_attr_t query(const Qp &q) {
         VAPI_qp_attr_t a;
         std::memset(&a, 0xff, sizeof a);
         VAPI_qp_attr_mask_t m = 0;
         VAPI_qp_init_attr_t i{};
         EXPECT_EQ(VAPI_query_qp(q.side->hca, q.hndl, &a, &m, &i), VAPI_OK);
-        return a.qp_state;
+        return a;
     }
+
+    VAPI_qp_state_t state(const Qp &q) { return query(q).qp_state; }
 
     // PortXmitData, PortRcvData, PortXmitPkts, PortRcvPkts of port 1 (PerfMgt PortCounters).
     static std::array<uint32_t, 4> port_counters(const Side &s) {
