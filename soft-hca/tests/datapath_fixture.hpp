@@ -108,6 +108,21 @@ inline VAPI_wc_desc_t only(const std::vector<VAPI_wc_desc_t> &wcs) {
     return wcs.empty() ? unwritten_completion() : wcs.front();
 }
 
+// Asynchronous events seen by a handler, per device.
+struct AsyncLog {
+    std::vector<VAPI_event_record_t> events;
+    static void handler(VAPI_hca_hndl_t, VAPI_event_record_t *rec, void *priv) {
+        static_cast<AsyncLog *>(priv)->events.push_back(*rec);
+    }
+    bool has(VAPI_event_record_type_t type, uint64_t qp_or_cq) const { return count(type, qp_or_cq) > 0; }
+    // Events of `type` (for the one QP or CQ `qp_or_cq` when given).
+    size_t count(VAPI_event_record_type_t type, std::optional<uint64_t> qp_or_cq = std::nullopt) const {
+        size_t n = 0;
+        for (const auto &e : events) n += e.type == type && (!qp_or_cq || e.modifier.qp_hndl == *qp_or_cq);
+        return n;
+    }
+};
+
 class DataPathTest : public SoftHcaTest {
   protected:
     sh::Options options() override {
@@ -120,6 +135,12 @@ class DataPathTest : public SoftHcaTest {
         SoftHcaTest::SetUp();
         ASSERT_NO_FATAL_FAILURE(open_side(s0, "InfiniHost0"));
         ASSERT_NO_FATAL_FAILURE(open_side(s1, "InfiniHost1"));
+    }
+
+    // From here on the asynchronous events of each device are logged in async0 and async1.
+    void log_async_events() {
+        ASSERT_EQ(VAPI_set_async_event_handler(s0.hca, AsyncLog::handler, &async0), VAPI_OK);
+        ASSERT_EQ(VAPI_set_async_event_handler(s1.hca, AsyncLog::handler, &async1), VAPI_OK);
     }
 
     // Opens device `name` with a PD and a 255-entry CQ, and learns the LID of its port 1.
@@ -289,6 +310,20 @@ class DataPathTest : public SoftHcaTest {
 
     size_t run() { return sh::run_until_idle(); }
 
+    // The link of the side's port 1 loses the next `packets` packets that cross it.
+    static void drop_packets(const Side &s, uint32_t packets) {
+        sh::LinkFaults f;
+        f.drop_next = packets;
+        EXPECT_TRUE(sh::set_link_faults(s.name, 1, f));
+    }
+
+    // The link of the side's port 1 holds every packet for `ms` milliseconds of the device clock.
+    static void delay_packets(const Side &s, uint32_t ms) {
+        sh::LinkFaults f;
+        f.delay_ms = ms;
+        EXPECT_TRUE(sh::set_link_faults(s.name, 1, f));
+    }
+
     // Every completion waiting on the CQ, each polled into a record of 0xff bytes, so that a field
     // the device leaves unwritten cannot pass for a zero a test expects.
     std::vector<VAPI_wc_desc_t> poll(Side &s, VAPI_cq_hndl_t cq = 0) {
@@ -358,21 +393,7 @@ class DataPathTest : public SoftHcaTest {
     Side &s0 = sides[0];
     Side &s1 = sides[1];
     std::vector<std::unique_ptr<Buffer>> buffers;
-};
-
-// Asynchronous events seen by a handler, per device.
-struct AsyncLog {
-    std::vector<VAPI_event_record_t> events;
-    static void handler(VAPI_hca_hndl_t, VAPI_event_record_t *rec, void *priv) {
-        static_cast<AsyncLog *>(priv)->events.push_back(*rec);
-    }
-    bool has(VAPI_event_record_type_t type, uint64_t qp_or_cq) const { return count(type, qp_or_cq) > 0; }
-    // Events of `type` (for the one QP or CQ `qp_or_cq` when given).
-    size_t count(VAPI_event_record_type_t type, std::optional<uint64_t> qp_or_cq = std::nullopt) const {
-        size_t n = 0;
-        for (const auto &e : events) n += e.type == type && (!qp_or_cq || e.modifier.qp_hndl == *qp_or_cq);
-        return n;
-    }
+    AsyncLog async0, async1;  // filled once log_async_events() has been called
 };
 
 }  // namespace dp

@@ -18,8 +18,7 @@ class PathMigration : public DataPathTest {
     }
     void SetUp() override {
         DataPathTest::SetUp();
-        ASSERT_EQ(VAPI_set_async_event_handler(s0.hca, AsyncLog::handler, &async0), VAPI_OK);
-        ASSERT_EQ(VAPI_set_async_event_handler(s1.hca, AsyncLog::handler, &async1), VAPI_OK);
+        log_async_events();
     }
     static IB_lid_t lid(const Side &s, int port) { return sh::port_status(s.name, port)->lid; }
 
@@ -57,7 +56,6 @@ class PathMigration : public DataPathTest {
         }
         return got;
     }
-    AsyncLog async0, async1;
 };
 
 TEST_F(PathMigration, PullingThePrimaryCableMovesArmedRcQpsOnBothEndsToTheAlternatePath) {
@@ -105,9 +103,7 @@ TEST_F(PathMigration, ARequestLostOnThePrimaryPathIsRetransmittedOnTheAlternate)
     ASSERT_EQ(load_alternate(b, a, VAPI_ARMED), VAPI_OK);
     Buffer &src = buffer(s0, 128), &dst = buffer(s1, 128);
     pattern(src, 9);
-    sh::LinkFaults drop;
-    drop.drop_next = 1;
-    ASSERT_TRUE(sh::set_link_faults("InfiniHost0", 1, drop));
+    drop_packets(s0, 1);
     ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 128)}, dst.addr(), dst.rkey), VAPI_OK);
     run();
     ASSERT_EQ(sh::link_dropped_packets("InfiniHost0", 1), 1u);
