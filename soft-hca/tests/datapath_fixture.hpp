@@ -156,12 +156,7 @@ class DataPathTest : public SoftHcaTest {
     Buffer &buffer(Side &s, size_t size, VAPI_mrw_acl_t acl = kAllAccess, uint8_t fill = 0) {
         auto b = std::make_unique<Buffer>();
         b->bytes.assign(size, fill);
-        VAPI_mrw_t req{}, rep{};
-        req.type = VAPI_MR;
-        req.start = b->addr();
-        req.size = size;
-        req.pd_hndl = s.pd;
-        req.acl = acl;
+        VAPI_mrw_t req = virtual_region(s.pd, b->bytes.data(), size, acl), rep{};
         EXPECT_EQ(VAPI_register_mr(s.hca, &req, &b->mr, &rep), VAPI_OK);
         b->lkey = rep.l_key;
         b->rkey = rep.r_key;

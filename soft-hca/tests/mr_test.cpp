@@ -14,15 +14,7 @@ class MrTest : public SoftHcaTest {
         h = open();
         ASSERT_EQ(EVAPI_alloc_pd(h, 16, &pd), VAPI_OK);
     }
-    VAPI_mrw_t virt(void *p, size_t n, VAPI_mrw_acl_t acl) {
-        VAPI_mrw_t r{};
-        r.type = VAPI_MR;
-        r.start = reinterpret_cast<uintptr_t>(p);
-        r.size = n;
-        r.pd_hndl = pd;
-        r.acl = acl;
-        return r;
-    }
+    VAPI_mrw_t virt(void *p, size_t n, VAPI_mrw_acl_t acl) { return virtual_region(pd, p, n, acl); }
     sh::Device &dev() { return *sh::device_by_name("InfiniHost0"); }
     VAPI_hca_hndl_t h = 0;
     VAPI_pd_hndl_t pd = 0;
