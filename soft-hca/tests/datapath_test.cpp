@@ -29,7 +29,7 @@ TEST_F(DataPath, ReliableSendAcrossDevicesGathersAndScattersEveryByte) {
     EXPECT_EQ(r.opcode, VAPI_CQE_RQ_SEND_DATA);
     EXPECT_EQ(r.byte_len, 5000u);
     EXPECT_EQ(r.local_qp_num, b.num);
-    EXPECT_FALSE(r.imm_data_valid);
+    EXPECT_EQ(r.imm_data_valid, FALSE);
     EXPECT_EQ(r.remote_node_addr.slid, s0.lid);
     EXPECT_EQ(r.remote_node_addr.qp_ety.qp, a.num);
     EXPECT_EQ(r.free_res_count, 16u);
@@ -58,7 +58,7 @@ TEST_F(DataPath, SendWithImmediateOnOneDevice) {
     EXPECT_EQ(s.opcode, VAPI_CQE_SQ_SEND_DATA);
     EXPECT_EQ(r.opcode, VAPI_CQE_RQ_SEND_DATA);
     EXPECT_EQ(r.byte_len, 40u);
-    EXPECT_TRUE(r.imm_data_valid);
+    EXPECT_EQ(r.imm_data_valid, TRUE);
     EXPECT_EQ(r.imm_data, 0xfeedbeefu);
     EXPECT_EQ(r.remote_node_addr.qp_ety.qp, a.num);
     EXPECT_EQ(0, std::memcmp(dst.bytes.data(), src.bytes.data(), 40));
@@ -102,7 +102,7 @@ TEST_F(DataPath, RdmaWriteAndWriteWithImmediate) {
     EXPECT_EQ(r.id, 9u);
     EXPECT_EQ(r.opcode, VAPI_CQE_RQ_RDMA_WITH_IMM);
     EXPECT_EQ(r.byte_len, 3000u);
-    EXPECT_TRUE(r.imm_data_valid);
+    EXPECT_EQ(r.imm_data_valid, TRUE);
     EXPECT_EQ(r.imm_data, 0x5151u);
     EXPECT_EQ(0, std::memcmp(dst.bytes.data(), src.bytes.data() + 100, 3000));
 }
@@ -194,8 +194,8 @@ TEST_F(DataPath, DatagramLeavesRoomForTheGrhAndNamesTheSender) {
     EXPECT_EQ(r.remote_node_addr.slid, s0.lid);
     EXPECT_EQ(r.remote_node_addr.sl, 3);
     EXPECT_EQ(r.remote_node_addr.qp_ety.qp, a.num);
-    EXPECT_FALSE(r.grh_flag);
-    EXPECT_TRUE(r.imm_data_valid);
+    EXPECT_EQ(r.grh_flag, FALSE);
+    EXPECT_EQ(r.imm_data_valid, TRUE);
     EXPECT_EQ(r.imm_data, 42u);
     EXPECT_EQ(r.pkey_ix, 0);
     // Without a GRH the first 40 bytes are left as they were.
@@ -211,7 +211,7 @@ TEST_F(DataPath, DatagramWithGrhFillsTheGrhArea) {
     wr.to(ah(s0, s1.lid, true), b.num, 0x1234);
     ASSERT_EQ(post(a, wr), VAPI_OK);
     run();
-    EXPECT_TRUE(only(poll(s1)).grh_flag);
+    EXPECT_EQ(only(poll(s1)).grh_flag, TRUE);
     EXPECT_EQ(dst.bytes[0] >> 4, 6);  // IP version 6
     EXPECT_EQ(dst.bytes[6], 0x1b);    // next header: IBA
     EXPECT_EQ(dst.bytes[8], 0xfe);    // source GID: fe80::/64 + port GUID
