@@ -101,6 +101,13 @@ inline VAPI_wc_desc_t unwritten_completion() {
     return wc;
 }
 
+// The statuses of `wcs`, in order.
+inline std::vector<VAPI_wc_status_t> statuses(const std::vector<VAPI_wc_desc_t> &wcs) {
+    std::vector<VAPI_wc_status_t> out;
+    for (const VAPI_wc_desc_t &wc : wcs) out.push_back(wc.status);
+    return out;
+}
+
 // The one completion in `wcs`. None or several fail the test; with none the caller sees
 // unwritten_completion().
 inline VAPI_wc_desc_t only(const std::vector<VAPI_wc_desc_t> &wcs) {
