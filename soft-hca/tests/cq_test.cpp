@@ -112,7 +112,6 @@ TEST_F(CqTest, PollingAnEmptyCqSaysEmptyAndLeavesTheRecord) {
     VAPI_wc_desc_t wc{};
     wc.id = 0x55;
     EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_CQ_EMPTY);
-    EXPECT_EQ(VAPI_CQ_EMPTY, -212);
     EXPECT_EQ(wc.id, 0x55u);
 }
 

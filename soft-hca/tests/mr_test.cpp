@@ -28,7 +28,8 @@ TEST_F(MrTest, VirtualRegionGetsKeysAndIsQueryable) {
     EXPECT_NE(rep.l_key, 0u);
     EXPECT_EQ(rep.start, req.start);
     EXPECT_EQ(rep.size, 8192u);
-    VAPI_mrw_t q{};
+    VAPI_mrw_t q;
+    std::memset(&q, 0xff, sizeof q);  // every field checked below must come from the query
     VAPI_virt_addr_t rs = 0;
     VAPI_size_t rsz = 0;
     ASSERT_EQ(VAPI_query_mr(h, mr, &q, &rs, &rsz), VAPI_OK);
@@ -96,6 +97,7 @@ TEST_F(MrTest, WholeMemoryPhysicalRegionReachesKernelBuffers) {
     req.pbuf_list_p = &all;
     req.iova_offset = 0;
     VAPI_mr_hndl_t mr;
+    rep.start = 0xdead000;  // so that the check below sees what the verb wrote
     ASSERT_EQ(VAPI_register_mr(h, &req, &mr, &rep), VAPI_OK);
     EXPECT_EQ(rep.start, 0u);  // the requested IOVA is the assigned one
     // A buffer at kernel virtual address v sits at IOVA v - PAGE_OFFSET in this region.

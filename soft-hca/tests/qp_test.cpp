@@ -121,6 +121,7 @@ TEST_F(QpTest, HandlesAndQpNumbersAreReusedLowestFirst) {
     VAPI_qp_prop_t pd_{};
     ASSERT_EQ(create(init_attr(VAPI_TS_UD, cq, cq), &d, &pd_), VAPI_OK);
     EXPECT_EQ(d, b);
+    EXPECT_EQ(pb.qp_num, 0x401u);
     EXPECT_EQ(pd_.qp_num, pb.qp_num);
 }
 
