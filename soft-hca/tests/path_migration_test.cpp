@@ -188,6 +188,10 @@ struct SoftwareMigrationCase {
     IB_port_t port;           // the port the QP then sends from, to the peer's port of that number
 };
 
+void PrintTo(const SoftwareMigrationCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
 class SoftwareMigration : public PathMigration,
                           public ::testing::WithParamInterface<SoftwareMigrationCase> {};
 

@@ -108,9 +108,7 @@ TEST_F(PostingThread, LeavesADelayedLinkToTheEngine) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
     run();
-    sh::LinkFaults delay;
-    delay.delay_ms = 1;
-    ASSERT_TRUE(sh::set_link_faults("InfiniHost1", 1, delay));
+    delay_packets(s1, 1);
     ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 8)}, dst.addr(), dst.rkey), VAPI_OK);
     VAPI_wc_desc_t wc{};
     EXPECT_EQ(VAPI_poll_cq(s0.hca, s0.cq, &wc), VAPI_CQ_EMPTY);  // held on the link, not done here
