@@ -380,7 +380,7 @@ TEST_F(PostTest, InjectedFaultsQueueNothing) {
 
 TEST_F(PostTest, PostsAndPollsFromManyThreadsAtOnce) {
     // Each thread owns a QP in ERR and its CQ: every receive it posts comes back as a flush
-    // completion, all through the one device lock.
+    // completion, while the other threads post and poll on the same device.
     constexpr int kThreads = 4, kRounds = 200;
     std::vector<VAPI_qp_hndl_t> qps;
     std::vector<VAPI_cq_hndl_t> cqs;
