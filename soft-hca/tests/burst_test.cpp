@@ -9,14 +9,11 @@ using namespace dp;
 
 class Burst : public DataPathTest {
   protected:
-    VAPI_sr_desc_t send_desc(VAPI_wr_id_t id, VAPI_sg_lst_entry_t &sg) {
-        VAPI_sr_desc_t d{};
-        d.id = id;
-        d.opcode = VAPI_SEND;
-        d.comp_type = VAPI_SIGNALED;
-        d.sg_lst_p = &sg;
-        d.sg_lst_len = 1;
-        return d;
+    // Posts the requests as one list.
+    VAPI_ret_t post_list(const Qp &q, std::vector<SendWr> &wrs) {
+        std::vector<VAPI_sr_desc_t> d;
+        for (SendWr &w : wrs) d.push_back(*w.desc());
+        return EVAPI_post_sr_list(q.side->hca, q.hndl, uint32_t(d.size()), d.data());
     }
 };
 
@@ -25,14 +22,10 @@ TEST_F(Burst, AListOfSendsDrawsOneAck) {
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
     pattern(src, 5);
     for (int i = 0; i < 4; ++i) ASSERT_EQ(post_recv(b, 100 + i, {dst.sg(16 * i, 16)}), VAPI_OK);
-    VAPI_sg_lst_entry_t sg[4];
-    VAPI_sr_desc_t d[4];
-    for (int i = 0; i < 4; ++i) {
-        sg[i] = src.sg(16 * i, 16);
-        d[i] = send_desc(i, sg[i]);
-    }
+    std::vector<SendWr> wrs;
+    for (int i = 0; i < 4; ++i) wrs.emplace_back(i, VAPI_SEND, std::vector{src.sg(16 * i, 16)});
     const auto before0 = port_counters(s0), before1 = port_counters(s1);
-    ASSERT_EQ(EVAPI_post_sr_list(s0.hca, a.hndl, 4, d), VAPI_OK);
+    ASSERT_EQ(post_list(a, wrs), VAPI_OK);
     run();
     const auto after0 = port_counters(s0), after1 = port_counters(s1);
     // PortXmitPkts / PortRcvPkts: four requests one way, one ACK back.
@@ -58,14 +51,13 @@ TEST_F(Burst, AReadResponseBetweenSendsKeepsBothAcks) {
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64), &sink = buffer(s0, 64);
     pattern(dst, 40);
     for (int i = 0; i < 2; ++i) ASSERT_EQ(post_recv(b, 100 + i, {dst.sg(32 + 16 * i, 16)}), VAPI_OK);
-    VAPI_sg_lst_entry_t sg[3] = {src.sg(0, 16), sink.sg(0, 8), src.sg(16, 16)};
-    VAPI_sr_desc_t d[3] = {send_desc(0, sg[0]), send_desc(1, sg[1]), send_desc(2, sg[2])};
-    d[1].opcode = VAPI_RDMA_READ;
-    d[1].remote_addr = dst.addr();
-    d[1].r_key = dst.rkey;
+    std::vector<SendWr> wrs;
+    wrs.emplace_back(0, VAPI_SEND, std::vector{src.sg(0, 16)});
+    wrs.emplace_back(1, VAPI_RDMA_READ, std::vector{sink.sg(0, 8)}, dst.addr(), dst.rkey);
+    wrs.emplace_back(2, VAPI_SEND, std::vector{src.sg(16, 16)});
     const std::vector<uint8_t> readable(dst.bytes.begin(), dst.bytes.begin() + 8);
     const auto before1 = port_counters(s1);
-    ASSERT_EQ(EVAPI_post_sr_list(s0.hca, a.hndl, 3, d), VAPI_OK);
+    ASSERT_EQ(post_list(a, wrs), VAPI_OK);
     run();
     // ACK, read response, ACK: the read response stands between the two ACKs.
     EXPECT_EQ(port_counters(s1)[2] - before1[2], 3u);

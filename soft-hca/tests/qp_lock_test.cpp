@@ -172,8 +172,7 @@ TEST_F(QpLockThreaded, PostsRacingTheErrorStateAreEachCompletedOnce) {
     // send the post accepted completes exactly once, with success or a flush, none stranded.
     constexpr int kPosts = 120;
     Qp a = create(s0, VAPI_TS_RC, 128), b = create(s1, VAPI_TS_RC, 128);
-    connect_one(a, b, VAPI_TS_RC, Conn{});
-    connect_one(b, a, VAPI_TS_RC, Conn{});
+    connect(a, b, VAPI_TS_RC);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
     for (int i = 0; i < kPosts; ++i) ASSERT_EQ(post_recv(b, 1000 + i, {dst.sg(0, 64)}), VAPI_OK);
     std::atomic<int> accepted{0}, tried{0};
