@@ -39,6 +39,18 @@ bool work_left(Device &d, const RanQps &ran) {
     return false;
 }
 
+// work_left() read under the device's mutex by the last delivery of a pass's replies to it.
+struct LeftProbe {
+    const RanQps *ran;
+    bool left = false;
+    bool seen = false;
+};
+void read_left(Device &d, void *ctx) {
+    auto *p = static_cast<LeftProbe *>(ctx);
+    p->left = work_left(d, *p->ran);
+    p->seen = true;
+}
+
 // The requesters of one device and everything their packets provoke, with the device's data
 // path token held by the caller. A round also fires due timers and frees retired records; a
 // posting thread's pass leaves both to the engine and says in `left` whether the engine must run.
@@ -74,13 +86,18 @@ size_t run_device(Device &d, Qp *posted, uint64_t now, Scratch &s, Pass pass, bo
     // The wire, with no device lock held: requests to their responders, the replies back.
     s.replies.clear();
     transmit_all(out.entries.data(), out.count, now, s.replies);
-    // Completers do not reply: the requests' outbox, done with, takes whatever might.
+    // Completers do not reply: the requests' outbox, done with, takes whatever might. When the
+    // replies end at this device, what the pass left is read in that hold of its mutex.
     out.clear();
-    transmit_all(s.replies.entries.data(), s.replies.count, now, out);
-    if (unreliable || left) {
+    LeftProbe probe{&s.ran};
+    const AfterRun after{&d, read_left, &probe};
+    transmit_all(s.replies.entries.data(), s.replies.count, now, out, left && !unreliable ? &after : nullptr);
+    if (unreliable || (left && !probe.seen)) {
         std::lock_guard lk(d.mu);
         if (unreliable) work += finish_sent(d, events);
         if (left) *left = work_left(d, s.ran);
+    } else if (left) {
+        *left = probe.left;
     }
     events.deliver(d);
     return work;

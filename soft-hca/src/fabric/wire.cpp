@@ -153,7 +153,7 @@ bool direct_route(const Outbox::Entry &e, Device *&dest, IB_port_t &port) {
 
 // Hands `n` entries bound for the same port to the receiving device under one hold of its lock.
 void deliver_run(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n, uint64_t now,
-                 Outbox &replies) {
+                 Outbox &replies, const AfterRun *after) {
     PendingEvents events;
     {
         std::lock_guard lk(dest.mu);
@@ -172,6 +172,7 @@ void deliver_run(Device &dest, IB_port_t port, const Outbox::Entry *entries, uin
                 respond_train(dest, port, e, replies, events);
             }
         }
+        if (after && after->dev == &dest) after->fn(dest, after->ctx);
     }
     events.deliver(dest);
 }
@@ -182,7 +183,8 @@ void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies) {
     transmit_all(&e, 1, now, replies);
 }
 
-void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox &replies) {
+void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox &replies,
+                  const AfterRun *after) {
     for (uint32_t i = 0; i < n;) {
         const Outbox::Entry &e = entries[i];
         Device *dest = nullptr;
@@ -204,7 +206,7 @@ void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox
                 next.pkt.dlid != e.pkt.dlid)
                 break;
         }
-        deliver_run(*dest, port, entries + i, j - i, now, replies);
+        deliver_run(*dest, port, entries + i, j - i, now, replies, after);
         i = j;
     }
 }
