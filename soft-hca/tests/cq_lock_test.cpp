@@ -17,8 +17,7 @@ class CqLock : public DataPathTest {};
 TEST_F(CqLock, PollingDoesNotWaitForTheDeviceMutex) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
-    ASSERT_EQ(post_recv(b, 3, {dst.sg(0, 64)}), VAPI_OK);
-    ASSERT_EQ(post_send(a, 4, VAPI_SEND, {src.sg(0, 16)}), VAPI_OK);
+    post_message(a, b, {src.sg(0, 16)}, {dst.sg(0, 64)}, 4, 3);
     run();
     std::atomic<bool> polled{false};
     VAPI_wc_desc_t wc{};

@@ -11,25 +11,6 @@ using namespace dp;
 
 namespace {
 
-class DataPathEvents : public DataPathTest {
-  protected:
-    void SetUp() override {
-        marlix::kernel::boot();
-        DataPathTest::SetUp();
-        ASSERT_EQ(VAPI_set_async_event_handler(s0.hca, AsyncLog::handler, &async0), VAPI_OK);
-        ASSERT_EQ(VAPI_set_async_event_handler(s1.hca, AsyncLog::handler, &async1), VAPI_OK);
-    }
-    void TearDown() override {
-        DataPathTest::TearDown();
-        marlix::kernel::halt(true);
-    }
-    void settle() {
-        run();
-        marlix::kernel::irq_sync();
-    }
-    AsyncLog async0, async1;
-};
-
 struct Seen {
     std::atomic<int> calls{0};
     VAPI_hca_hndl_t hca = 0;
@@ -47,11 +28,32 @@ void on_completion(VAPI_hca_hndl_t hca, VAPI_cq_hndl_t cq, void *priv) {
     s->calls.fetch_add(1);
 }
 
+class DataPathEvents : public DataPathTest {
+  protected:
+    void SetUp() override {
+        marlix::kernel::boot();
+        DataPathTest::SetUp();
+        log_async_events();
+    }
+    void TearDown() override {
+        DataPathTest::TearDown();
+        marlix::kernel::halt(true);
+    }
+    void settle() {
+        run();
+        marlix::kernel::irq_sync();
+    }
+    // on_completion(), recording into `seen`, becomes the completion handler of the side's CQ.
+    static void watch(const Side &s, Seen &seen) {
+        EVAPI_compl_handler_hndl_t h = 0;
+        ASSERT_EQ(EVAPI_set_comp_eventh(s.hca, s.cq, on_completion, &seen, &h), VAPI_OK);
+    }
+};
+
 TEST_F(DataPathEvents, ArmedCqCallsItsHandlerOnceInHardirqContext) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Seen seen;
-    EVAPI_compl_handler_hndl_t h = 0;
-    ASSERT_EQ(EVAPI_set_comp_eventh(s1.hca, s1.cq, on_completion, &seen, &h), VAPI_OK);
+    watch(s1, seen);
     ASSERT_EQ(VAPI_req_comp_notif(s1.hca, s1.cq, VAPI_NEXT_COMP), VAPI_OK);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
     ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 64)}), VAPI_OK);
@@ -70,23 +72,16 @@ TEST_F(DataPathEvents, ArmedCqCallsItsHandlerOnceInHardirqContext) {
 TEST_F(DataPathEvents, SolicitedArmingWaitsForASolicitedMessage) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Seen seen;
-    EVAPI_compl_handler_hndl_t h = 0;
-    ASSERT_EQ(EVAPI_set_comp_eventh(s1.hca, s1.cq, on_completion, &seen, &h), VAPI_OK);
+    watch(s1, seen);
     ASSERT_EQ(VAPI_req_comp_notif(s1.hca, s1.cq, VAPI_SOLIC_COMP), VAPI_OK);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
     for (int i = 0; i < 2; ++i) ASSERT_EQ(post_recv(b, i, {dst.sg(0, 64)}), VAPI_OK);
     ASSERT_EQ(post_send(a, 1, VAPI_SEND, {src.sg(0, 8)}), VAPI_OK);
     settle();
     EXPECT_EQ(seen.calls.load(), 0);
-    VAPI_sg_lst_entry_t sg = src.sg(0, 8);
-    VAPI_sr_desc_t d{};
-    d.id = 2;
-    d.opcode = VAPI_SEND;
-    d.comp_type = VAPI_SIGNALED;
-    d.sg_lst_p = &sg;
-    d.sg_lst_len = 1;
-    d.set_se = TRUE;
-    ASSERT_EQ(VAPI_post_sr(s0.hca, a.hndl, &d), VAPI_OK);
+    SendWr solicited(2, VAPI_SEND, {src.sg(0, 8)});
+    solicited.d.set_se = TRUE;
+    ASSERT_EQ(post(a, solicited), VAPI_OK);
     settle();
     EXPECT_EQ(seen.calls.load(), 1);
 }
@@ -94,8 +89,7 @@ TEST_F(DataPathEvents, SolicitedArmingWaitsForASolicitedMessage) {
 TEST_F(DataPathEvents, CountArmingWaitsForThatManyCompletions) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Seen seen;
-    EVAPI_compl_handler_hndl_t h = 0;
-    ASSERT_EQ(EVAPI_set_comp_eventh(s0.hca, s0.cq, on_completion, &seen, &h), VAPI_OK);
+    watch(s0, seen);
     EXPECT_EQ(EVAPI_req_ncomp_notif(s0.hca, s0.cq, 0), VAPI_E2BIG_CQ_NUM);
     ASSERT_EQ(EVAPI_req_ncomp_notif(s0.hca, s0.cq, 3), VAPI_OK);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
@@ -133,10 +127,7 @@ TEST_F(DataPathEvents, FirstPacketInRtrEstablishesTheConnection) {
     ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 8)}, dst.addr(), dst.rkey), VAPI_OK);
     ASSERT_EQ(post_send(a, 2, VAPI_RDMA_WRITE, {src.sg(0, 8)}, dst.addr(), dst.rkey), VAPI_OK);
     settle();
-    int established = 0;
-    for (auto &e : async1.events)
-        established += e.type == VAPI_QP_COMM_ESTABLISHED && e.modifier.qp_hndl == b.hndl;
-    EXPECT_EQ(established, 1);
+    EXPECT_EQ(async1.count(VAPI_QP_COMM_ESTABLISHED, b.hndl), 1u);
     EXPECT_EQ(poll(s0).size(), 2u);
 }
 
@@ -146,9 +137,7 @@ TEST_F(DataPathEvents, SendQueueDrainedWhenWhatWasInFlightIsAnswered) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1, c);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
     // The request goes out but its packet is lost: the QP is still draining when it enters SQD.
-    sh::LinkFaults f;
-    f.drop_next = 1;
-    ASSERT_TRUE(sh::set_link_faults("InfiniHost0", 1, f));
+    drop_packets(s0, 1);
     ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 8)}, dst.addr(), dst.rkey), VAPI_OK);
     settle();
     VAPI_qp_attr_t at{};
@@ -162,15 +151,11 @@ TEST_F(DataPathEvents, SendQueueDrainedWhenWhatWasInFlightIsAnswered) {
     sh::advance_clock(5);  // the retransmission is answered
     marlix::kernel::irq_sync();
     EXPECT_TRUE(async0.has(VAPI_SEND_QUEUE_DRAINED, a.hndl));
-    auto wcs = poll(s0);
-    ASSERT_EQ(wcs.size(), 1u);
-    EXPECT_EQ(wcs[0].id, 1u);
+    EXPECT_EQ(only(poll(s0)).id, 1u);
     at.qp_state = VAPI_RTS;
     ASSERT_EQ(modify(a, at, QP_ATTR_QP_STATE), VAPI_OK);
     settle();
-    wcs = poll(s0);
-    ASSERT_EQ(wcs.size(), 1u);
-    EXPECT_EQ(wcs[0].id, 2u);
+    EXPECT_EQ(only(poll(s0)).id, 2u);
 }
 
 TEST_F(DataPathEvents, AnyAsyncEventCanBeRaisedForTests) {
@@ -187,15 +172,8 @@ TEST_F(DataPathEvents, ThreadedEngineMovesDataWithoutStepping) {
     sh::boot(o);
     EXPECT_EQ(sh::engine_kind(), sh::EngineKind::Threaded);
     Side t0, t1;
-    t0.name = "InfiniHost0";
-    t1.name = "InfiniHost1";
-    for (Side *s : {&t0, &t1}) {
-        s->hca = open(s->name);
-        ASSERT_EQ(EVAPI_alloc_pd(s->hca, 64, &s->pd), VAPI_OK);
-        VAPI_cqe_num_t n = 0;
-        ASSERT_EQ(VAPI_create_cq(s->hca, 255, &s->cq, &n), VAPI_OK);
-        s->lid = sh::port_status(s->name, 1)->lid;
-    }
+    ASSERT_NO_FATAL_FAILURE(open_side(t0, "InfiniHost0"));
+    ASSERT_NO_FATAL_FAILURE(open_side(t1, "InfiniHost1"));
     auto [a, b] = pair(VAPI_TS_RC, t0, t1);
     Buffer &src = buffer(t0, 4096), &dst = buffer(t1, 4096);
     pattern(src, 3);

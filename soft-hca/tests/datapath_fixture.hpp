@@ -1,12 +1,14 @@
 // Both devices open, each with a PD, a CQ and registered buffers; helpers that connect RC and UC
-// QPs (on one device or across the two), post, run the devices and poll. The stepped engine by
-// default, so each test sees the same packets and completions on every run.
+// QPs (on one device or across the two), build and post requests, send one message end to end,
+// run the devices and poll. The stepped engine by default, so each test sees the same packets and
+// completions on every run.
 #pragma once
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "softhca_fixture.hpp"
@@ -56,6 +58,78 @@ struct Conn {
     IB_mtu_t mtu = MTU2048;
 };
 
+// A signalled send request with its own gather list. The constructor fills what every request
+// has; a test sets the other fields of `d` (immediate data, fence, solicited event, compare and
+// swap values) and hands desc() to the verb it posts with.
+struct SendWr {
+    SendWr(VAPI_wr_id_t id, VAPI_wr_opcode_t op, std::vector<VAPI_sg_lst_entry_t> gather,
+           uint64_t remote_addr = 0, VAPI_rkey_t rkey = 0)
+        : sg(std::move(gather)) {
+        d.id = id;
+        d.opcode = op;
+        d.comp_type = VAPI_SIGNALED;
+        d.remote_addr = remote_addr;
+        d.r_key = rkey;
+    }
+    // Addressed to datagram QP `qp` through address handle `ah`.
+    SendWr &to(VAPI_ud_av_hndl_t ah, VAPI_qp_num_t qp, VAPI_qkey_t qkey = 0) {
+        d.remote_ah = ah;
+        d.remote_qp = qp;
+        d.remote_qkey = qkey;
+        return *this;
+    }
+    VAPI_sr_desc_t *desc() {
+        d.sg_lst_p = sg.data();
+        d.sg_lst_len = uint32_t(sg.size());
+        return &d;
+    }
+    VAPI_sr_desc_t d{};
+    std::vector<VAPI_sg_lst_entry_t> sg;
+};
+
+// What one message left on the two sides: the completions polled from the sender's CQ and from
+// the receiver's.
+struct Delivery {
+    std::vector<VAPI_wc_desc_t> sent, got;
+};
+
+// A completion whose every byte is 0xff: what only() and poll() show where the device wrote
+// nothing, so that no field of it matches a value a test expects.
+inline VAPI_wc_desc_t unwritten_completion() {
+    VAPI_wc_desc_t wc;
+    std::memset(&wc, 0xff, sizeof wc);
+    return wc;
+}
+
+// The statuses of `wcs`, in order.
+inline std::vector<VAPI_wc_status_t> statuses(const std::vector<VAPI_wc_desc_t> &wcs) {
+    std::vector<VAPI_wc_status_t> out;
+    for (const VAPI_wc_desc_t &wc : wcs) out.push_back(wc.status);
+    return out;
+}
+
+// The one completion in `wcs`. None or several fail the test; with none the caller sees
+// unwritten_completion().
+inline VAPI_wc_desc_t only(const std::vector<VAPI_wc_desc_t> &wcs) {
+    EXPECT_EQ(wcs.size(), 1u) << "expected exactly one completion";
+    return wcs.empty() ? unwritten_completion() : wcs.front();
+}
+
+// Asynchronous events seen by a handler, per device.
+struct AsyncLog {
+    std::vector<VAPI_event_record_t> events;
+    static void handler(VAPI_hca_hndl_t, VAPI_event_record_t *rec, void *priv) {
+        static_cast<AsyncLog *>(priv)->events.push_back(*rec);
+    }
+    bool has(VAPI_event_record_type_t type, uint64_t qp_or_cq) const { return count(type, qp_or_cq) > 0; }
+    // Events of `type` (for the one QP or CQ `qp_or_cq` when given).
+    size_t count(VAPI_event_record_type_t type, std::optional<uint64_t> qp_or_cq = std::nullopt) const {
+        size_t n = 0;
+        for (const auto &e : events) n += e.type == type && (!qp_or_cq || e.modifier.qp_hndl == *qp_or_cq);
+        return n;
+    }
+};
+
 class DataPathTest : public SoftHcaTest {
   protected:
     sh::Options options() override {
@@ -66,26 +140,30 @@ class DataPathTest : public SoftHcaTest {
 
     void SetUp() override {
         SoftHcaTest::SetUp();
-        for (int i = 0; i < 2; ++i) {
-            Side &s = sides[i];
-            s.name = i == 0 ? "InfiniHost0" : "InfiniHost1";
-            s.hca = open(s.name);
-            ASSERT_EQ(EVAPI_alloc_pd(s.hca, 64, &s.pd), VAPI_OK);
-            VAPI_cqe_num_t n = 0;
-            ASSERT_EQ(VAPI_create_cq(s.hca, 255, &s.cq, &n), VAPI_OK);
-            s.lid = sh::port_status(s.name, 1)->lid;
-        }
+        ASSERT_NO_FATAL_FAILURE(open_side(s0, "InfiniHost0"));
+        ASSERT_NO_FATAL_FAILURE(open_side(s1, "InfiniHost1"));
+    }
+
+    // From here on the asynchronous events of each device are logged in async0 and async1.
+    void log_async_events() {
+        ASSERT_EQ(VAPI_set_async_event_handler(s0.hca, AsyncLog::handler, &async0), VAPI_OK);
+        ASSERT_EQ(VAPI_set_async_event_handler(s1.hca, AsyncLog::handler, &async1), VAPI_OK);
+    }
+
+    // Opens device `name` with a PD and a 255-entry CQ, and learns the LID of its port 1.
+    void open_side(Side &s, const char *name) {
+        s.name = name;
+        s.hca = open(name);
+        ASSERT_EQ(EVAPI_alloc_pd(s.hca, 64, &s.pd), VAPI_OK);
+        VAPI_cqe_num_t n = 0;
+        ASSERT_EQ(VAPI_create_cq(s.hca, 255, &s.cq, &n), VAPI_OK);
+        s.lid = sh::port_status(name, 1)->lid;
     }
 
     Buffer &buffer(Side &s, size_t size, VAPI_mrw_acl_t acl = kAllAccess, uint8_t fill = 0) {
         auto b = std::make_unique<Buffer>();
         b->bytes.assign(size, fill);
-        VAPI_mrw_t req{}, rep{};
-        req.type = VAPI_MR;
-        req.start = b->addr();
-        req.size = size;
-        req.pd_hndl = s.pd;
-        req.acl = acl;
+        VAPI_mrw_t req = virtual_region(s.pd, b->bytes.data(), size, acl), rep{};
         EXPECT_EQ(VAPI_register_mr(s.hca, &req, &b->mr, &rep), VAPI_OK);
         b->lkey = rep.l_key;
         b->rkey = rep.r_key;
@@ -151,11 +229,16 @@ class DataPathTest : public SoftHcaTest {
         ASSERT_EQ(modify(q, a, m), VAPI_OK);
     }
 
+    // Connects `a` and `b` to each other, both with the same attributes.
+    void connect(const Qp &a, const Qp &b, VAPI_ts_type_t ts, const Conn &c = Conn{}) {
+        connect_one(a, b, ts, c);
+        connect_one(b, a, ts, c);
+    }
+
     // A connected pair: `a` on side `sa`, `b` on side `sb` (the same side: loopback).
     std::pair<Qp, Qp> pair(VAPI_ts_type_t ts, Side &sa, Side &sb, const Conn &c = Conn{}) {
         Qp a = create(sa, ts), b = create(sb, ts);
-        connect_one(a, b, ts, c);
-        connect_one(b, a, ts, c);
+        connect(a, b, ts, c);
         return {a, b};
     }
 
@@ -186,18 +269,14 @@ class DataPathTest : public SoftHcaTest {
         return h;
     }
 
+    VAPI_ret_t post(const Qp &q, SendWr &wr) { return VAPI_post_sr(q.side->hca, q.hndl, wr.desc()); }
+
     VAPI_ret_t post_send(const Qp &q, VAPI_wr_id_t id, VAPI_wr_opcode_t op,
                          std::vector<VAPI_sg_lst_entry_t> sg, uint64_t remote_addr = 0, VAPI_rkey_t rkey = 0,
                          bool signalled = true) {
-        VAPI_sr_desc_t d{};
-        d.id = id;
-        d.opcode = op;
-        d.comp_type = signalled ? VAPI_SIGNALED : VAPI_UNSIGNALED;
-        d.sg_lst_p = sg.data();
-        d.sg_lst_len = uint32_t(sg.size());
-        d.remote_addr = remote_addr;
-        d.r_key = rkey;
-        return VAPI_post_sr(q.side->hca, q.hndl, &d);
+        SendWr wr(id, op, std::move(sg), remote_addr, rkey);
+        if (!signalled) wr.d.comp_type = VAPI_UNSIGNALED;
+        return post(q, wr);
     }
 
     VAPI_ret_t post_recv(const Qp &q, VAPI_wr_id_t id, std::vector<VAPI_sg_lst_entry_t> sg) {
@@ -210,22 +289,65 @@ class DataPathTest : public SoftHcaTest {
         return VAPI_post_rr(q.side->hca, q.hndl, &d);
     }
 
+    // One message from `a` to `b`: a receive of `to` posted on b, then a send of `from` on a.
+    void post_message(const Qp &a, const Qp &b, std::vector<VAPI_sg_lst_entry_t> from,
+                      std::vector<VAPI_sg_lst_entry_t> to, VAPI_wr_id_t send_id = 1,
+                      VAPI_wr_id_t recv_id = 2) {
+        EXPECT_EQ(post_recv(b, recv_id, std::move(to)), VAPI_OK);
+        EXPECT_EQ(post_send(a, send_id, VAPI_SEND, std::move(from)), VAPI_OK);
+    }
+
+    // post_message(), then the devices run until idle and both sides' CQs are polled. For QPs on
+    // two devices, each on its side's CQ.
+    Delivery send_message(const Qp &a, const Qp &b, std::vector<VAPI_sg_lst_entry_t> from,
+                          std::vector<VAPI_sg_lst_entry_t> to, VAPI_wr_id_t send_id = 1,
+                          VAPI_wr_id_t recv_id = 2) {
+        post_message(a, b, std::move(from), std::move(to), send_id, recv_id);
+        run();
+        Delivery d;
+        d.sent = poll(*a.side);
+        d.got = poll(*b.side);
+        return d;
+    }
+
     size_t run() { return sh::run_until_idle(); }
 
+    // The link of the side's port 1 loses the next `packets` packets that cross it.
+    static void drop_packets(const Side &s, uint32_t packets) {
+        sh::LinkFaults f;
+        f.drop_next = packets;
+        EXPECT_TRUE(sh::set_link_faults(s.name, 1, f));
+    }
+
+    // The link of the side's port 1 holds every packet for `ms` milliseconds of the device clock.
+    static void delay_packets(const Side &s, uint32_t ms) {
+        sh::LinkFaults f;
+        f.delay_ms = ms;
+        EXPECT_TRUE(sh::set_link_faults(s.name, 1, f));
+    }
+
+    // Every completion waiting on the CQ, each polled into a record of 0xff bytes, so that a field
+    // the device leaves unwritten cannot pass for a zero a test expects.
     std::vector<VAPI_wc_desc_t> poll(Side &s, VAPI_cq_hndl_t cq = 0) {
         std::vector<VAPI_wc_desc_t> out;
-        VAPI_wc_desc_t wc{};
-        while (VAPI_poll_cq(s.hca, cq ? cq : s.cq, &wc) == VAPI_OK) out.push_back(wc);
+        for (VAPI_wc_desc_t wc = unwritten_completion(); VAPI_poll_cq(s.hca, cq ? cq : s.cq, &wc) == VAPI_OK;
+             wc = unwritten_completion())
+            out.push_back(wc);
         return out;
     }
 
-    VAPI_qp_state_t state(const Qp &q) {
-        VAPI_qp_attr_t a{};
+    // The QP's attributes as VAPI_query_qp reports them, read into a record of 0xff bytes so that
+    // a field left unwritten cannot pass for a zero (RESET, port 0) a test expects.
+    VAPI_qp_attr_t query(const Qp &q) {
+        VAPI_qp_attr_t a;
+        std::memset(&a, 0xff, sizeof a);
         VAPI_qp_attr_mask_t m = 0;
         VAPI_qp_init_attr_t i{};
         EXPECT_EQ(VAPI_query_qp(q.side->hca, q.hndl, &a, &m, &i), VAPI_OK);
-        return a.qp_state;
+        return a;
     }
+
+    VAPI_qp_state_t state(const Qp &q) { return query(q).qp_state; }
 
     // PortXmitData, PortRcvData, PortXmitPkts, PortRcvPkts of port 1 (PerfMgt PortCounters).
     static std::array<uint32_t, 4> port_counters(const Side &s) {
@@ -248,24 +370,32 @@ class DataPathTest : public SoftHcaTest {
         for (size_t i = 0; i < b.bytes.size(); ++i) b.bytes[i] = uint8_t(seed + i * 7);
     }
 
+    // The 64-bit value at `offset` in `b`, in host order.
+    static uint64_t u64(const Buffer &b, size_t offset) {
+        uint64_t v = 0;
+        std::memcpy(&v, b.bytes.data() + offset, sizeof v);
+        return v;
+    }
+
+    // Port 1's properties as VAPI_query_hca_port_prop reports them.
+    static VAPI_hca_port_t port_props(const Side &s) {
+        VAPI_hca_port_t port{};
+        EXPECT_EQ(VAPI_query_hca_port_prop(s.hca, 1, &port), VAPI_OK);
+        return port;
+    }
+
+    // Whether bytes [from, to) of `b` all still hold `fill`.
+    static bool filled(const Buffer &b, size_t from, size_t to, uint8_t fill) {
+        return std::all_of(b.bytes.begin() + from, b.bytes.begin() + to,
+                           [&](uint8_t v) { return v == fill; });
+    }
+
     sh::EngineKind engine_ = sh::EngineKind::Stepped;  // set in a derived fixture's constructor
     Side sides[2];
     Side &s0 = sides[0];
     Side &s1 = sides[1];
     std::vector<std::unique_ptr<Buffer>> buffers;
-};
-
-// Asynchronous events seen by a handler, per device.
-struct AsyncLog {
-    std::vector<VAPI_event_record_t> events;
-    static void handler(VAPI_hca_hndl_t, VAPI_event_record_t *rec, void *priv) {
-        static_cast<AsyncLog *>(priv)->events.push_back(*rec);
-    }
-    bool has(VAPI_event_record_type_t type, uint64_t qp_or_cq) const {
-        for (const auto &e : events)
-            if (e.type == type && e.modifier.qp_hndl == qp_or_cq) return true;
-        return false;
-    }
+    AsyncLog async0, async1;  // filled once log_async_events() has been called
 };
 
 }  // namespace dp

@@ -51,6 +51,7 @@ TEST_F(SoftHcaTest, UnplugAndReplugRaisePortEventsAndKeepTheLid) {
 TEST_F(SoftHcaTest, PluggingPortTwoGivesItTheNextLid) {
     ASSERT_TRUE(sh::plug("InfiniHost0", 2));
     auto p = sh::port_status("InfiniHost0", 2);
+    ASSERT_TRUE(p);
     EXPECT_EQ(p->state, PORT_ACTIVE);
     EXPECT_EQ(p->lid, 3);
     EXPECT_EQ(p->sm_lid, 1);
@@ -59,6 +60,7 @@ TEST_F(SoftHcaTest, PluggingPortTwoGivesItTheNextLid) {
 TEST_F(SoftHcaTest, DisabledPortIsDownAndDisabled) {
     ASSERT_TRUE(sh::set_port_disabled("InfiniHost0", 1, true));
     auto p = sh::port_status("InfiniHost0", 1);
+    ASSERT_TRUE(p);
     EXPECT_EQ(p->state, PORT_DOWN);
     EXPECT_EQ(p->phys_state, PORT_PHYS_DISABLED);
     // The SM moved to the first port still up.

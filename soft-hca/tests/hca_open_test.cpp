@@ -66,12 +66,7 @@ TEST_F(SoftHcaTest, CloseReleasesEverythingAndTheDeviceCanBeReopened) {
     VAPI_pd_hndl_t pd;
     ASSERT_EQ(EVAPI_alloc_pd(h, 10, &pd), VAPI_OK);
     static char buf[4096];
-    VAPI_mrw_t req{}, rep{};
-    req.type = VAPI_MR;
-    req.start = reinterpret_cast<uintptr_t>(buf);
-    req.size = sizeof buf;
-    req.pd_hndl = pd;
-    req.acl = VAPI_EN_LOCAL_WRITE;
+    VAPI_mrw_t req = virtual_region(pd, buf, sizeof buf, VAPI_EN_LOCAL_WRITE), rep{};
     VAPI_mr_hndl_t mr;
     ASSERT_EQ(VAPI_register_mr(h, &req, &mr, &rep), VAPI_OK);
     EXPECT_EQ(sh::resource_count("InfiniHost0"), 2u);

@@ -14,15 +14,7 @@ class MrTest : public SoftHcaTest {
         h = open();
         ASSERT_EQ(EVAPI_alloc_pd(h, 16, &pd), VAPI_OK);
     }
-    VAPI_mrw_t virt(void *p, size_t n, VAPI_mrw_acl_t acl) {
-        VAPI_mrw_t r{};
-        r.type = VAPI_MR;
-        r.start = reinterpret_cast<uintptr_t>(p);
-        r.size = n;
-        r.pd_hndl = pd;
-        r.acl = acl;
-        return r;
-    }
+    VAPI_mrw_t virt(void *p, size_t n, VAPI_mrw_acl_t acl) { return virtual_region(pd, p, n, acl); }
     sh::Device &dev() { return *sh::device_by_name("InfiniHost0"); }
     VAPI_hca_hndl_t h = 0;
     VAPI_pd_hndl_t pd = 0;
@@ -36,7 +28,8 @@ TEST_F(MrTest, VirtualRegionGetsKeysAndIsQueryable) {
     EXPECT_NE(rep.l_key, 0u);
     EXPECT_EQ(rep.start, req.start);
     EXPECT_EQ(rep.size, 8192u);
-    VAPI_mrw_t q{};
+    VAPI_mrw_t q;
+    std::memset(&q, 0xff, sizeof q);  // every field checked below must come from the query
     VAPI_virt_addr_t rs = 0;
     VAPI_size_t rsz = 0;
     ASSERT_EQ(VAPI_query_mr(h, mr, &q, &rs, &rsz), VAPI_OK);
@@ -104,6 +97,7 @@ TEST_F(MrTest, WholeMemoryPhysicalRegionReachesKernelBuffers) {
     req.pbuf_list_p = &all;
     req.iova_offset = 0;
     VAPI_mr_hndl_t mr;
+    rep.start = 0xdead000;  // so that the check below sees what the verb wrote
     ASSERT_EQ(VAPI_register_mr(h, &req, &mr, &rep), VAPI_OK);
     EXPECT_EQ(rep.start, 0u);  // the requested IOVA is the assigned one
     // A buffer at kernel virtual address v sits at IOVA v - PAGE_OFFSET in this region.

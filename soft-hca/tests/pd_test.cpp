@@ -27,11 +27,7 @@ TEST_F(SoftHcaTest, PdInUseCannotBeReleased) {
     VAPI_pd_hndl_t pd;
     ASSERT_EQ(EVAPI_alloc_pd(h, 4, &pd), VAPI_OK);
     static char buf[256];
-    VAPI_mrw_t req{}, rep{};
-    req.type = VAPI_MR;
-    req.start = reinterpret_cast<uintptr_t>(buf);
-    req.size = sizeof buf;
-    req.pd_hndl = pd;
+    VAPI_mrw_t req = virtual_region(pd, buf, sizeof buf, 0), rep{};
     VAPI_mr_hndl_t mr;
     ASSERT_EQ(VAPI_register_mr(h, &req, &mr, &rep), VAPI_OK);
     EXPECT_EQ(VAPI_dealloc_pd(h, pd), VAPI_EBUSY);

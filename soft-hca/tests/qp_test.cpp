@@ -121,6 +121,7 @@ TEST_F(QpTest, HandlesAndQpNumbersAreReusedLowestFirst) {
     VAPI_qp_prop_t pd_{};
     ASSERT_EQ(create(init_attr(VAPI_TS_UD, cq, cq), &d, &pd_), VAPI_OK);
     EXPECT_EQ(d, b);
+    EXPECT_EQ(pb.qp_num, 0x401u);
     EXPECT_EQ(pd_.qp_num, pb.qp_num);
 }
 
@@ -151,13 +152,10 @@ TEST_F(QpTest, SpecialQpsAreQp0AndQp1OncePerPort) {
     EXPECT_EQ(special(3, VAPI_GSI_QP, &x), VAPI_EINVAL_PORT);
     EXPECT_EQ(special(0, VAPI_SMI_QP, &x), VAPI_EINVAL_PORT);
     EXPECT_EQ(special(1, VAPI_REGULAR_QP, &x), VAPI_EINVAL_SPECIAL_QP);
-    VAPI_qp_attr_t a{};
-    VAPI_qp_attr_mask_t m = 0;
-    VAPI_qp_init_attr_t init{};
-    ASSERT_EQ(VAPI_query_qp(hca, smi, &a, &m, &init), VAPI_OK);
-    EXPECT_EQ(a.qp_num, 0u);
+    VAPI_qp_init_attr_t init;
+    EXPECT_EQ(query(smi, &init).qp_num, 0u);
     EXPECT_EQ(init.ts_type, VAPI_TS_UD);
-    ASSERT_EQ(VAPI_query_qp(hca, gsi2, &a, &m, &init), VAPI_OK);
+    VAPI_qp_attr_t a = query(gsi2);
     EXPECT_EQ(a.qp_num, 1u);
     EXPECT_EQ(a.port, 2);
     // Released, the port's QP1 can be taken again.
@@ -170,11 +168,10 @@ TEST_F(QpTest, RawQpsExistButAreLimitedByTheDevice) {
     ASSERT_EQ(special(1, VAPI_RAW_ETY_QP, &raw), VAPI_OK);
     EXPECT_EQ(special(2, VAPI_RAW_ETY_QP, &x), VAPI_EINVAL_SPECIAL_QP);  // one per device
     EXPECT_EQ(special(2, VAPI_RAW_IPV6_QP, &x), VAPI_OK);
-    VAPI_qp_attr_t a{};
-    VAPI_qp_attr_mask_t m = 0;
-    VAPI_qp_init_attr_t init{};
-    ASSERT_EQ(VAPI_query_qp(hca, raw, &a, &m, &init), VAPI_OK);
+    VAPI_qp_init_attr_t init;
+    VAPI_qp_attr_t a = query(raw, &init);
     EXPECT_GE(a.qp_num, 0x400u);
+    EXPECT_LT(a.qp_num, 1u << 24);
     EXPECT_EQ(init.ts_type, VAPI_TS_RAW);
 }
 
@@ -188,10 +185,7 @@ TEST_F(QpTest, SpecialQpsTakeTheirPortFromCreation) {
     ASSERT_EQ(modify(gsi, a, QP_ATTR_QP_STATE | QP_ATTR_PKEY_IX | QP_ATTR_QKEY), VAPI_OK);
     ASSERT_EQ(modify(gsi, full_attr(VAPI_RTR), QP_ATTR_QP_STATE), VAPI_OK);
     ASSERT_EQ(modify(gsi, full_attr(VAPI_RTS), QP_ATTR_QP_STATE | QP_ATTR_SQ_PSN), VAPI_OK);
-    VAPI_qp_attr_t q{};
-    VAPI_qp_attr_mask_t m = 0;
-    VAPI_qp_init_attr_t init{};
-    ASSERT_EQ(VAPI_query_qp(hca, gsi, &q, &m, &init), VAPI_OK);
+    VAPI_qp_attr_t q = query(gsi);
     EXPECT_EQ(q.qp_state, VAPI_RTS);
     EXPECT_EQ(q.port, 2);
     EXPECT_EQ(q.qkey, 0x11111111u);
@@ -211,10 +205,9 @@ TEST_F(QpTest, EveryTransportReachesRtsAndQueryReportsTheAttributes) {
         ASSERT_EQ(modify(qp, full_attr(VAPI_RTS), rts_mask(ts), &cap), VAPI_OK);
         EXPECT_EQ(cap.max_oust_wr_sq, 4u);
         EXPECT_EQ(cap.max_oust_wr_rq, 4u);
-        VAPI_qp_attr_t a{};
-        VAPI_qp_attr_mask_t m = 0;
-        VAPI_qp_init_attr_t init{};
-        ASSERT_EQ(VAPI_query_qp(hca, qp, &a, &m, &init), VAPI_OK);
+        VAPI_qp_init_attr_t init;
+        VAPI_qp_attr_mask_t m;
+        VAPI_qp_attr_t a = query(qp, &init, &m);
         EXPECT_EQ(m, static_cast<VAPI_qp_attr_mask_t>(QP_ATTR_ALL));
         EXPECT_EQ(a.qp_state, VAPI_RTS);
         EXPECT_EQ(a.sq_psn, 200u);
@@ -314,10 +307,7 @@ TEST_F(QpTest, ResetForgetsTheAttributesAndErrorIsReachableFromAnywhere) {
     EXPECT_EQ(state_of(qp), VAPI_ERR);
     EXPECT_EQ(modify(qp, full_attr(VAPI_INIT), init_mask(VAPI_TS_RC)), VAPI_EINVAL_QP_STATE);
     ASSERT_EQ(modify(qp, full_attr(VAPI_RESET), QP_ATTR_QP_STATE), VAPI_OK);
-    VAPI_qp_attr_t a{};
-    VAPI_qp_attr_mask_t m = 0;
-    VAPI_qp_init_attr_t init{};
-    ASSERT_EQ(VAPI_query_qp(hca, qp, &a, &m, &init), VAPI_OK);
+    VAPI_qp_attr_t a = query(qp);
     EXPECT_EQ(a.qp_state, VAPI_RESET);
     EXPECT_EQ(a.sq_psn, 0u);
     EXPECT_EQ(a.dest_qp_num, 0u);
@@ -425,18 +415,14 @@ TEST_F(QpTest, RtrAcceptsTheRequesterTimersAndIgnoresThem) {
         a.rnr_retry = 5;
         ASSERT_EQ(modify(qp, a, rtr_mask(ts) | QP_ATTR_TIMEOUT | QP_ATTR_RETRY_COUNT | QP_ATTR_RNR_RETRY),
                   VAPI_OK);
-        VAPI_qp_attr_t q{};
-        VAPI_qp_attr_mask_t m = 0;
-        VAPI_qp_init_attr_t i{};
-        ASSERT_EQ(VAPI_query_qp(hca, qp, &q, &m, &i), VAPI_OK);
+        VAPI_qp_attr_t q = query(qp);
         EXPECT_EQ(q.qp_state, VAPI_RTR);
         EXPECT_EQ(q.timeout, 0);
         EXPECT_EQ(q.retry_count, 0);
         EXPECT_EQ(q.rnr_retry, 0);
         // RTS sets them.
         ASSERT_EQ(modify(qp, full_attr(VAPI_RTS), rts_mask(ts)), VAPI_OK);
-        ASSERT_EQ(VAPI_query_qp(hca, qp, &q, &m, &i), VAPI_OK);
-        EXPECT_EQ(q.timeout, ts == VAPI_TS_RC ? 14 : 0);
+        EXPECT_EQ(query(qp).timeout, ts == VAPI_TS_RC ? 14 : 0);
     }
 }
 
@@ -446,10 +432,7 @@ TEST_F(QpTest, ReliableRtrWithoutRnrTimerGetsTheDefault) {
     VAPI_qp_attr_t a = full_attr(VAPI_RTR);
     a.min_rnr_timer = 3;  // not in the mask: not taken
     ASSERT_EQ(modify(qp, a, rtr_mask(VAPI_TS_RC) & ~QP_ATTR_MIN_RNR_TIMER), VAPI_OK);
-    VAPI_qp_attr_t q{};
-    VAPI_qp_attr_mask_t m = 0;
-    VAPI_qp_init_attr_t i{};
-    ASSERT_EQ(VAPI_query_qp(hca, qp, &q, &m, &i), VAPI_OK);
+    VAPI_qp_attr_t q = query(qp);
     EXPECT_EQ(q.qp_state, VAPI_RTR);
     EXPECT_EQ(q.min_rnr_timer, 12);  // 0.64 ms
 }
@@ -461,10 +444,7 @@ TEST_F(QpTest, QueryReportsTheStateATestChose) {
     ASSERT_TRUE(sh::set_reported_qp_state("InfiniHost0", qp, uint32_t(VAPI_SQE)));
     EXPECT_EQ(state_of(qp), VAPI_SQE);
     ASSERT_TRUE(sh::set_reported_qp_state("InfiniHost0", qp, 0x1234u));
-    VAPI_qp_attr_t q{};
-    VAPI_qp_attr_mask_t m = 0;
-    VAPI_qp_init_attr_t i{};
-    ASSERT_EQ(VAPI_query_qp(hca, qp, &q, &m, &i), VAPI_OK);
+    VAPI_qp_attr_t q = query(qp);
     uint32_t raw = 0;
     std::memcpy(&raw, &q.qp_state, sizeof raw);
     EXPECT_EQ(raw, 0x1234u);

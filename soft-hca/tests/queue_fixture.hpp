@@ -120,13 +120,24 @@ class QueueTest : public SoftHcaTest {
         ASSERT_EQ(modify(qp, full_attr(VAPI_RTS), rts_mask(ts)), VAPI_OK);
     }
 
-    VAPI_qp_state_t state_of(VAPI_qp_hndl_t qp) {
-        VAPI_qp_attr_t a{};
-        VAPI_qp_attr_mask_t m = 0;
-        VAPI_qp_init_attr_t i{};
+    // The QP's attributes as VAPI_query_qp reports them, and into `init` and `mask` its creation
+    // attributes and the mask of what was reported. Every record is read into 0xff bytes first, so
+    // that a field the verb leaves unwritten cannot pass for a zero (RESET, port 0) a test expects.
+    VAPI_qp_attr_t query(VAPI_qp_hndl_t qp, VAPI_qp_init_attr_t *init = nullptr,
+                         VAPI_qp_attr_mask_t *mask = nullptr) {
+        VAPI_qp_attr_t a;
+        VAPI_qp_init_attr_t i;
+        VAPI_qp_attr_mask_t m;
+        std::memset(&a, 0xff, sizeof a);
+        std::memset(&i, 0xff, sizeof i);
+        std::memset(&m, 0xff, sizeof m);
         EXPECT_EQ(VAPI_query_qp(hca, qp, &a, &m, &i), VAPI_OK);
-        return a.qp_state;
+        if (init) *init = i;
+        if (mask) *mask = m;
+        return a;
     }
+
+    VAPI_qp_state_t state_of(VAPI_qp_hndl_t qp) { return query(qp).qp_state; }
 
     // Runs `fn` on the QP's record under the device lock.
     void inspect_qp(VAPI_qp_hndl_t qp, const std::function<void(marlix::softhca::Qp &)> &fn) {

@@ -131,8 +131,7 @@ class Quiesce : public DataPathTest {
         EXPECT_EQ(VAPI_create_cq(s0.hca, 15, &a.cq, &n), VAPI_OK);
         a.qp = create(s0, VAPI_TS_RC, 16, a.cq);
         a.peer = create(s1, VAPI_TS_RC);
-        connect_one(a.qp, a.peer, VAPI_TS_RC, Conn{});
-        connect_one(a.peer, a.qp, VAPI_TS_RC, Conn{});
+        connect(a.qp, a.peer, VAPI_TS_RC);
         EVAPI_compl_handler_hndl_t h = 0;
         EXPECT_EQ(EVAPI_set_comp_eventh(s0.hca, a.cq, CompletionCounter::handler, &counter, &h), VAPI_OK);
         EXPECT_EQ(VAPI_req_comp_notif(s0.hca, a.cq, VAPI_NEXT_COMP), VAPI_OK);

@@ -6,6 +6,17 @@
 
 #include "marlix/softhca.hpp"
 
+// A request to register `size` bytes of this process's memory at `start` in `pd`.
+inline VAPI_mrw_t virtual_region(VAPI_pd_hndl_t pd, const void *start, size_t size, VAPI_mrw_acl_t acl) {
+    VAPI_mrw_t req{};
+    req.type = VAPI_MR;
+    req.start = reinterpret_cast<uintptr_t>(start);
+    req.size = size;
+    req.pd_hndl = pd;
+    req.acl = acl;
+    return req;
+}
+
 class SoftHcaTest : public ::testing::Test {
   protected:
     void SetUp() override {

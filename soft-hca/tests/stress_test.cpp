@@ -25,11 +25,7 @@ struct Connection {
 
 class Stress : public DataPathTest {
   protected:
-    sh::Options options() override {
-        sh::Options o;
-        o.engine = engine_;
-        return o;
-    }
+    Stress() { engine_ = sh::EngineKind::Threaded; }
 
     void build() {
         for (int i = 0; i < kPairs; ++i) {
@@ -40,8 +36,7 @@ class Stress : public DataPathTest {
             ASSERT_EQ(VAPI_create_cq(sb.hca, 255, &c.rcq, &n), VAPI_OK);
             c.a = create(sa, VAPI_TS_RC, kSlots, c.scq);
             c.b = create(sb, VAPI_TS_RC, kSlots, c.rcq);
-            connect_one(c.a, c.b, VAPI_TS_RC, Conn{});
-            connect_one(c.b, c.a, VAPI_TS_RC, Conn{});
+            connect(c.a, c.b, VAPI_TS_RC);
             c.src = &buffer(sa, kSlots * kMsgBytes);
             c.dst = &buffer(sb, kSlots * kMsgBytes);
         }
@@ -112,7 +107,6 @@ class Stress : public DataPathTest {
         return trace;
     }
 
-    sh::EngineKind engine_ = sh::EngineKind::Threaded;
     Connection conns_[kPairs];
 };
 
@@ -147,10 +141,7 @@ TEST_F(StressThreaded, ManyThreadsPostAndPollWithoutLossOrDuplication) {
 
 class StressStepped : public Stress {
   protected:
-    void SetUp() override {
-        engine_ = sh::EngineKind::Stepped;
-        Stress::SetUp();
-    }
+    StressStepped() { engine_ = sh::EngineKind::Stepped; }
 };
 
 TEST_F(StressStepped, TheSameScenarioGivesTheSameTraceOnEveryRun) {
@@ -166,10 +157,9 @@ TEST_F(StressStepped, TheSameScenarioGivesTheSameTraceOnEveryRun) {
         }
         build();
         // Some loss on one link makes the runs take retransmissions too.
-        sh::LinkFaults f;
-        f.drop_next = 3;
-        ASSERT_TRUE(sh::set_link_faults("InfiniHost1", 1, f));
+        drop_packets(s1, 3);
         std::vector<uint64_t> trace = stepped_trace(200);
+        EXPECT_EQ(sh::link_dropped_packets("InfiniHost1", 1), 3u);
         for (const Connection &c : conns_) {
             EXPECT_EQ(c.errors, 0u);
             EXPECT_EQ(c.received, 200u);

@@ -16,11 +16,10 @@ TEST_F(Trains, TwentyPacketWriteLandsWholeAndCountsEveryPacket) {
     auto before0 = port_counters(s0), before1 = port_counters(s1);
     ASSERT_EQ(post_send(a, 5, VAPI_RDMA_WRITE, {src.sg(0, 40000)}, dst.addr() + 600, dst.rkey), VAPI_OK);
     run();
-    auto wcs = poll(s0);
-    ASSERT_EQ(wcs.size(), 1u);
-    EXPECT_EQ(wcs[0].status, VAPI_SUCCESS);
-    EXPECT_EQ(wcs[0].id, 5u);
-    EXPECT_EQ(wcs[0].byte_len, 40000u);
+    const VAPI_wc_desc_t w = only(poll(s0));
+    EXPECT_EQ(w.status, VAPI_SUCCESS);
+    EXPECT_EQ(w.id, 5u);
+    EXPECT_EQ(w.byte_len, 40000u);
     EXPECT_EQ(0, std::memcmp(dst.bytes.data() + 600, src.bytes.data(), 40000));
     EXPECT_EQ(dst.bytes[599], 0xee);
     EXPECT_EQ(dst.bytes[40600], 0xee);
@@ -41,18 +40,15 @@ TEST_F(Trains, LongSendScattersAcrossReceivePiecesOnBothTransports) {
         Buffer &src = buffer(s0, 12000), &dst = buffer(s1, 14000, kAllAccess, 0xee);
         pattern(src, 3);
         // Six packets; the receive pieces end inside the middle packets.
-        ASSERT_EQ(post_recv(b, 8, {dst.sg(0, 3000), dst.sg(4000, 5000), dst.sg(10000, 4000)}), VAPI_OK);
-        ASSERT_EQ(post_send(a, 4, VAPI_SEND, {src.sg(0, 11000)}), VAPI_OK);
-        run();
-        auto sent = poll(s0);
-        ASSERT_EQ(sent.size(), 1u);
-        EXPECT_EQ(sent[0].status, VAPI_SUCCESS);
-        EXPECT_EQ(sent[0].byte_len, 11000u);
-        auto got = poll(s1);
-        ASSERT_EQ(got.size(), 1u);
-        EXPECT_EQ(got[0].status, VAPI_SUCCESS);
-        EXPECT_EQ(got[0].id, 8u);
-        EXPECT_EQ(got[0].byte_len, 11000u);
+        Delivery m = send_message(a, b, {src.sg(0, 11000)},
+                                  {dst.sg(0, 3000), dst.sg(4000, 5000), dst.sg(10000, 4000)}, 4, 8);
+        const VAPI_wc_desc_t sent = only(m.sent);
+        EXPECT_EQ(sent.status, VAPI_SUCCESS);
+        EXPECT_EQ(sent.byte_len, 11000u);
+        const VAPI_wc_desc_t got = only(m.got);
+        EXPECT_EQ(got.status, VAPI_SUCCESS);
+        EXPECT_EQ(got.id, 8u);
+        EXPECT_EQ(got.byte_len, 11000u);
         EXPECT_EQ(0, std::memcmp(dst.bytes.data(), src.bytes.data(), 3000));
         EXPECT_EQ(0, std::memcmp(dst.bytes.data() + 4000, src.bytes.data() + 3000, 5000));
         EXPECT_EQ(0, std::memcmp(dst.bytes.data() + 10000, src.bytes.data() + 8000, 3000));
@@ -67,15 +63,9 @@ TEST_F(Trains, SendOverflowingTheReceiveInAMiddlePacketIsAnInvalidRequest) {
     Buffer &src = buffer(s0, 10000), &dst = buffer(s1, 10000, kAllAccess, 0xee);
     pattern(src, 1);
     // The third of five packets no longer fits the 5000-byte receive request.
-    ASSERT_EQ(post_recv(b, 7, {dst.sg(0, 5000)}), VAPI_OK);
-    ASSERT_EQ(post_send(a, 1, VAPI_SEND, {src.sg(0, 10000)}), VAPI_OK);
-    run();
-    auto r = poll(s1);
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(r[0].status, VAPI_LOC_LEN_ERR);
-    auto s = poll(s0);
-    ASSERT_EQ(s.size(), 1u);
-    EXPECT_EQ(s[0].status, VAPI_REM_INV_REQ_ERR);
+    Delivery m = send_message(a, b, {src.sg(0, 10000)}, {dst.sg(0, 5000)}, 1, 7);
+    EXPECT_EQ(only(m.got).status, VAPI_LOC_LEN_ERR);
+    EXPECT_EQ(only(m.sent).status, VAPI_REM_INV_REQ_ERR);
     EXPECT_EQ(state(a), VAPI_ERR);
     EXPECT_EQ(state(b), VAPI_ERR);
     EXPECT_EQ(0, std::memcmp(dst.bytes.data(), src.bytes.data(), 4096));  // the packets that fitted
@@ -88,9 +78,7 @@ TEST_F(Trains, WriteBeyondTheRegionInAMiddlePacketIsARemoteAccessError) {
     // The region ends inside the second packet: the first packet's key check refuses the write.
     ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 10000)}, dst.addr(), dst.rkey), VAPI_OK);
     run();
-    auto s = poll(s0);
-    ASSERT_EQ(s.size(), 1u);
-    EXPECT_EQ(s[0].status, VAPI_REM_ACCESS_ERR);
+    EXPECT_EQ(only(poll(s0)).status, VAPI_REM_ACCESS_ERR);
     EXPECT_EQ(state(b), VAPI_ERR);
 }
 
@@ -106,15 +94,13 @@ TEST_F(PostingThread, CompletesTheRequestBeforeThePostReturns) {
     Buffer &src = buffer(s0, 8192), &dst = buffer(s1, 8192);
     pattern(src, 5);
     run();  // the engine has nothing left to do and is not running a round
-    ASSERT_EQ(post_recv(b, 2, {dst.sg(0, 8192)}), VAPI_OK);
-    ASSERT_EQ(post_send(a, 1, VAPI_SEND, {src.sg(0, 6000)}), VAPI_OK);
-    VAPI_wc_desc_t wc{};
-    ASSERT_EQ(VAPI_poll_cq(s0.hca, s0.cq, &wc), VAPI_OK);
-    EXPECT_EQ(wc.id, 1u);
-    EXPECT_EQ(wc.status, VAPI_SUCCESS);
-    ASSERT_EQ(VAPI_poll_cq(s1.hca, s1.cq, &wc), VAPI_OK);
-    EXPECT_EQ(wc.id, 2u);
-    EXPECT_EQ(wc.byte_len, 6000u);
+    post_message(a, b, {src.sg(0, 6000)}, {dst.sg(0, 8192)}, 1, 2);
+    const VAPI_wc_desc_t sent = only(poll(s0));
+    EXPECT_EQ(sent.id, 1u);
+    EXPECT_EQ(sent.status, VAPI_SUCCESS);
+    const VAPI_wc_desc_t got = only(poll(s1));
+    EXPECT_EQ(got.id, 2u);
+    EXPECT_EQ(got.byte_len, 6000u);
     EXPECT_EQ(0, std::memcmp(dst.bytes.data(), src.bytes.data(), 6000));
 }
 
@@ -122,9 +108,7 @@ TEST_F(PostingThread, LeavesADelayedLinkToTheEngine) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
     run();
-    sh::LinkFaults delay;
-    delay.delay_ms = 1;
-    ASSERT_TRUE(sh::set_link_faults("InfiniHost1", 1, delay));
+    delay_packets(s1, 1);
     ASSERT_EQ(post_send(a, 1, VAPI_RDMA_WRITE, {src.sg(0, 8)}, dst.addr(), dst.rkey), VAPI_OK);
     VAPI_wc_desc_t wc{};
     EXPECT_EQ(VAPI_poll_cq(s0.hca, s0.cq, &wc), VAPI_CQ_EMPTY);  // held on the link, not done here

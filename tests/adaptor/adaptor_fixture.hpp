@@ -1,5 +1,6 @@
 // Shared fixture of the adaptor suites: a booted kernel (virtual clock), stack and software HCA
-// with two devices, and helpers to load the module, drive its proc files and read the log.
+// with two devices (adaptor_host.hpp), and helpers to load the module, drive its proc files and
+// read the log.
 #pragma once
 
 #include <dlfcn.h>
@@ -11,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "adaptor_host.hpp"
 #include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 #include "marlix/stack.hpp"
@@ -23,9 +25,9 @@ namespace k = marlix::kernel;
 namespace st = marlix::stack;
 namespace hca = marlix::softhca;
 
-inline constexpr const char *kControl = "/proc/marlix/adaptor-mlx/control";
-inline constexpr const char *kLink = "/proc/marlix/adaptor-mlx/link";
-inline constexpr const char *kVersion = "/proc/marlix/adaptor-mlx/version";
+using adaptor_host::kControl;
+using adaptor_host::kLink;
+using adaptor_host::kVersion;
 
 // "<level name> : AD_TAVOR : <func>:(<label>):<message>" as a filtered log line reads.
 inline std::string ad_line(const char *level, const std::string &func, const std::string &message,
@@ -75,30 +77,18 @@ class AdaptorFixture : public ::testing::Test {
     void TearDown() override {
         if (module_handle_) dlclose(module_handle_);
         module_handle_ = nullptr;
-        k::clear_alloc_faults();
-        k::clear_proc_faults();
-        hca::clear_faults();
-        k::halt(true);
-        st::halt();
-        hca::halt();
+        adaptor_host::halt();
     }
 
-    void boot_all(int devices) {
-        k::BootOptions options;
-        options.clock = k::ClockMode::Virtual;
-        k::boot(options);
-        st::boot();
-        hca::Options hca_options;
-        hca_options.device_count = devices;
-        hca::boot(hca_options);
+    // The machine with `devices` devices, the software HCA's call counts at zero.
+    void boot_all(int devices, hca::EngineKind engine = hca::EngineKind::Threaded) {
+        adaptor_host::boot(devices, engine);
         hca::reset_call_counts();
     }
 
-    static void set_debug_level(long level) {
-        ASSERT_EQ(0, st::set_long(st::kAdaptorKey, "debug-level", level));
-    }
+    static void set_debug_level(long level) { ASSERT_EQ(0, adaptor_host::set_debug_level(level)); }
 
-    int load(const std::vector<std::string> &args = {}) { return k::insmod("adaptor-mlx", args); }
+    int load(const std::vector<std::string> &args = {}) { return adaptor_host::load_module(args); }
 
     void load_ok(const std::vector<std::string> &args = {}) { ASSERT_EQ(0, load(args)); }
 
@@ -140,12 +130,7 @@ class AdaptorFixture : public ::testing::Test {
     }
 
     // Allocations made by the module's own source files that are still live.
-    static size_t module_allocations() {
-        size_t n = 0;
-        for (const auto &a : k::live_allocations(nullptr, true))
-            if (a.file.find("adaptor-tavor") != std::string::npos) n++;
-        return n;
-    }
+    static size_t module_allocations() { return adaptor_host::module_allocations().size(); }
 
     // The module's statistics record, error ring and accounting table.
     RecordView stats() { return RecordView("tavor_stats", exported<void>("g_stat")); }
@@ -158,7 +143,7 @@ class AdaptorFixture : public ::testing::Test {
     long long alloc_num(const char *index_name) { return alloc_row(mem_ix(index_name))["alloc_num"]; }
 
     // The provider "mlx" as the verbs core hands it to an upper layer.
-    static const ulp_funcs_t *provider() { return ulp_find_provider("mlx"); }
+    static const ulp_funcs_t *provider() { return adaptor_host::provider(); }
     // A table of the module's exported entry points, slot by slot.
     static const ulp_funcs_t *exported_table() {
         return static_cast<const ulp_funcs_t *>(

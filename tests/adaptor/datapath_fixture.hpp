@@ -72,15 +72,7 @@ class DataPathFixture : public AdaptorFixture {
     static constexpr const char *kDev[2] = {"InfiniHost0", "InfiniHost1"};
 
     void SetUp() override {
-        k::BootOptions options;
-        options.clock = k::ClockMode::Virtual;
-        k::boot(options);
-        st::boot();
-        hca::Options hca_options;
-        hca_options.device_count = 2;
-        hca_options.engine = engine();
-        hca::boot(hca_options);
-        hca::reset_call_counts();
+        boot_all(2, engine());
         set_debug_level(debug_level());
         load_ok();
         for (int i = 0; i < 2; ++i) {

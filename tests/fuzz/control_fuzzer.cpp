@@ -48,8 +48,7 @@ size_t g_baseline_allocations;
 }
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    boot_machine();
-    load_module();
+    start();
     g_baseline_allocations = module_allocations().size();
     return 0;
 }
@@ -64,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     k::log_clear();
     write_control("event_ctrl 0");
     write_control("comstop");
-    const ulp_funcs_t *funcs = ulp_find_provider("mlx");
+    const ulp_funcs_t *funcs = adaptor_host::provider();
     if (!funcs) finding("provider mlx not registered");
     void *hca0 = (flags & 1) ? open_hca(funcs, "InfiniHost0") : nullptr;
     void *hca1 = (flags & 2) ? open_hca(funcs, "InfiniHost1") : nullptr;

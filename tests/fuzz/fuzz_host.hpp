@@ -1,8 +1,8 @@
 // The machine a fuzz target runs on: the emulated kernel (virtual clock), the host stack and the
-// software HCA with two devices, booted once per process, with the module loaded once through insmod
-// as an operator would (never unloaded: libFuzzer keeps reading the coverage counters of every
-// instrumented object it has seen). Only the module's proc files, its provider table and
-// its exported symbols are used.
+// software HCA with two devices (adaptor_host.hpp), booted once per process, with the module loaded
+// once through insmod as an operator would (never unloaded: libFuzzer keeps reading the coverage
+// counters of every instrumented object it has seen). Only the module's proc files, its provider
+// table and its exported symbols are used.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "adaptor_host.hpp"
 #include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 #include "marlix/stack.hpp"
@@ -23,9 +24,9 @@ namespace k = marlix::kernel;
 namespace st = marlix::stack;
 namespace hca = marlix::softhca;
 
-inline constexpr const char *kControl = "/proc/marlix/adaptor-mlx/control";
-inline constexpr const char *kLink = "/proc/marlix/adaptor-mlx/link";
-inline constexpr const char *kAdaptorKey = "marlix/modules/adaptor-mlx/";
+using adaptor_host::kControl;
+using adaptor_host::kLink;
+using adaptor_host::module_allocations;
 
 // A finding: print what was wrong and abort, so that libFuzzer saves the input.
 [[noreturn]] inline void finding(const std::string &what) {
@@ -34,37 +35,14 @@ inline constexpr const char *kAdaptorKey = "marlix/modules/adaptor-mlx/";
     std::abort();
 }
 
-// Allocations still live that were made by the module's own sources.
-inline std::vector<k::Allocation> module_allocations() {
-    std::vector<k::Allocation> out;
-    for (const auto &a : k::live_allocations(nullptr, true))
-        if (a.file.find("adaptor-tavor") != std::string::npos) out.push_back(a);
-    return out;
-}
-
-// The stepped engine runs the devices only when the harness steps them, so that every run of an
-// input sees the same packets, completions and events.
-inline void boot_machine(hca::EngineKind engine = hca::EngineKind::Threaded) {
-    k::BootOptions options;
-    options.clock = k::ClockMode::Virtual;
-    k::boot(options);
-    st::boot();
-    hca::Options hca_options;
-    hca_options.device_count = 2;
-    hca_options.engine = engine;
-    hca::boot(hca_options);
-}
-
-inline void load_module() {
-    int rc = k::insmod("adaptor-mlx");
-    if (rc != 0) finding("insmod adaptor-mlx failed: " + std::to_string(rc));
-}
-
-// Boots the machine, loads the module and returns its provider table.
+// Boots the machine, loads the module and returns its provider table. The stepped engine runs the
+// devices only when the harness steps them, so that every run of an input sees the same packets,
+// completions and events.
 inline const ulp_funcs_t *start(hca::EngineKind engine = hca::EngineKind::Threaded) {
-    boot_machine(engine);
-    load_module();
-    const ulp_funcs_t *funcs = ulp_find_provider("mlx");
+    adaptor_host::boot(2, engine);
+    int rc = adaptor_host::load_module();
+    if (rc != 0) finding("insmod adaptor-mlx failed: " + std::to_string(rc));
+    const ulp_funcs_t *funcs = adaptor_host::provider();
     if (!funcs) finding("provider mlx not registered");
     return funcs;
 }
@@ -82,7 +60,7 @@ inline void check_kernel_reports() {
 // Sets the adaptor's and the stack's trace levels (0..5).
 inline void set_trace_level(int level) {
     st::set_logger_level(level);
-    st::set_long(kAdaptorKey, "debug-level", level);
+    adaptor_host::set_debug_level(level);
 }
 
 inline void write_control(std::string_view text) {

@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "record-field.h"
+#include "layout-table.h"
 
 #include "ox-types.h"
 #include "ox-provider.h"
@@ -100,95 +100,78 @@ int ulp_hca_modify(const ulp_funcs_t *funcs, void *hca, unsigned port, uint32_t 
     return funcs->ox_hca_modify((ox_opened_hca_t *)hca, &attrib);
 }
 
-/* Fields read by name: the records' own layout, measured by this compiler. */
-struct ulp_field {
-    const char *name;
-    size_t offset;
-    size_t size;
+/* The attribute records' fields that scripts and tests read by name: the records' own layout,
+ * measured by this compiler. */
+static const struct layout_field attrib_fields[] = {
+    LAYOUT_RAW(ox_hca_attrib_t, max_qp_num),
+    LAYOUT_RAW(ox_hca_attrib_t, max_outstand_wr_on_qp),
+    LAYOUT_RAW(ox_hca_attrib_t, support_modify_outstand_wr),
+    LAYOUT_RAW(ox_hca_attrib_t, bad_p_key_count_f),
+    LAYOUT_RAW(ox_hca_attrib_t, bad_q_key_count_f),
+    LAYOUT_RAW(ox_hca_attrib_t, support_raw_multicast),
+    LAYOUT_RAW(ox_hca_attrib_t, support_path_migration),
+    LAYOUT_RAW(ox_hca_attrib_t, ability_change_prim_phy_port),
+    LAYOUT_RAW(ox_hca_attrib_t, max_scatgat_per_wr),
+    LAYOUT_RAW(ox_hca_attrib_t, max_rd_scatgat_per_wr),
+    LAYOUT_RAW(ox_hca_attrib_t, max_cq_num),
+    LAYOUT_RAW(ox_hca_attrib_t, max_cq_entries),
+    LAYOUT_RAW(ox_hca_attrib_t, max_mem_region_num),
+    LAYOUT_RAW(ox_hca_attrib_t, max_block_size_byte),
+    LAYOUT_RAW(ox_hca_attrib_t, max_pd_num),
+    LAYOUT_RAW(ox_hca_attrib_t, page_size),
+    LAYOUT_RAW(ox_hca_attrib_t, port_num),
+    LAYOUT_RAW(ox_hca_attrib_t, max_partition_num),
+    LAYOUT_RAW(ox_hca_attrib_t, guid),
+    LAYOUT_RAW(ox_hca_attrib_t, ack_delay),
+    LAYOUT_RAW(ox_hca_attrib_t, max_read_atom_eec_outstanding),
+    LAYOUT_RAW(ox_hca_attrib_t, max_read_atom_resources),
+    LAYOUT_RAW(ox_hca_attrib_t, max_qp_depth_for_init_read_atom),
+    LAYOUT_RAW(ox_hca_attrib_t, max_eec_depth_for_init_read_atom),
+    LAYOUT_RAW(ox_hca_attrib_t, atom_suport),
+    LAYOUT_RAW(ox_hca_attrib_t, max_eec_num),
+    LAYOUT_RAW(ox_hca_attrib_t, max_rdd_num),
+    LAYOUT_RAW(ox_hca_attrib_t, max_mem_win_num),
+    LAYOUT_RAW(ox_hca_attrib_t, max_raw_ipv6_qp_num),
+    LAYOUT_RAW(ox_hca_attrib_t, max_raw_eter_qp_num),
+    LAYOUT_RAW(ox_hca_attrib_t, max_multicast_group),
+    LAYOUT_RAW(ox_hca_attrib_t, max_qp_num_per_multicast_group),
+    LAYOUT_RAW(ox_hca_attrib_t, max_add_handle),
+    LAYOUT_RAW(ox_hca_attrib_t, max_fmr_num),
+    LAYOUT_RAW(ox_hca_attrib_t, max_maps_per_fmr),
+    LAYOUT_RAW(ox_hca_attrib_t, vendor_attrib.vendor_id),
+    LAYOUT_RAW(ox_hca_attrib_t, vendor_attrib.part_id),
+    LAYOUT_RAW(ox_hca_attrib_t, vendor_attrib.hw_version),
+    LAYOUT_RAW(ox_port_attrib_t, port_num),
+    LAYOUT_RAW(ox_port_attrib_t, port_mtu),
+    LAYOUT_RAW(ox_port_attrib_t, port_message_size),
+    LAYOUT_RAW(ox_port_attrib_t, port_state),
+    LAYOUT_RAW(ox_port_attrib_t, port_base_lid),
+    LAYOUT_RAW(ox_port_attrib_t, port_lmc),
+    LAYOUT_RAW(ox_port_attrib_t, port_sgid_table_size),
+    LAYOUT_RAW(ox_port_attrib_t, port_parti_table_size),
+    LAYOUT_RAW(ox_port_attrib_t, port_max_vl_num),
+    LAYOUT_RAW(ox_port_attrib_t, port_bad_p_key_count),
+    LAYOUT_RAW(ox_port_attrib_t, port_bad_q_key_count),
+    LAYOUT_RAW(ox_port_attrib_t, port_sma_address_info.sm_lid),
+    LAYOUT_RAW(ox_port_attrib_t, port_sma_address_info.service_level),
+    LAYOUT_RAW(ox_port_attrib_t, port_capability_support),
 };
-#define ULP_FIELD(record, field) \
-    { #field, offsetof(record, field), sizeof(((record *)0)->field) }
+static const struct layout_table attrib_table = LAYOUT_FIELDS_TABLE(attrib_fields);
 
-static const struct ulp_field hca_fields[] = {
-    ULP_FIELD(ox_hca_attrib_t, max_qp_num),
-    ULP_FIELD(ox_hca_attrib_t, max_outstand_wr_on_qp),
-    ULP_FIELD(ox_hca_attrib_t, support_modify_outstand_wr),
-    ULP_FIELD(ox_hca_attrib_t, bad_p_key_count_f),
-    ULP_FIELD(ox_hca_attrib_t, bad_q_key_count_f),
-    ULP_FIELD(ox_hca_attrib_t, support_raw_multicast),
-    ULP_FIELD(ox_hca_attrib_t, support_path_migration),
-    ULP_FIELD(ox_hca_attrib_t, ability_change_prim_phy_port),
-    ULP_FIELD(ox_hca_attrib_t, max_scatgat_per_wr),
-    ULP_FIELD(ox_hca_attrib_t, max_rd_scatgat_per_wr),
-    ULP_FIELD(ox_hca_attrib_t, max_cq_num),
-    ULP_FIELD(ox_hca_attrib_t, max_cq_entries),
-    ULP_FIELD(ox_hca_attrib_t, max_mem_region_num),
-    ULP_FIELD(ox_hca_attrib_t, max_block_size_byte),
-    ULP_FIELD(ox_hca_attrib_t, max_pd_num),
-    ULP_FIELD(ox_hca_attrib_t, page_size),
-    ULP_FIELD(ox_hca_attrib_t, port_num),
-    ULP_FIELD(ox_hca_attrib_t, max_partition_num),
-    ULP_FIELD(ox_hca_attrib_t, guid),
-    ULP_FIELD(ox_hca_attrib_t, ack_delay),
-    ULP_FIELD(ox_hca_attrib_t, max_read_atom_eec_outstanding),
-    ULP_FIELD(ox_hca_attrib_t, max_read_atom_resources),
-    ULP_FIELD(ox_hca_attrib_t, max_qp_depth_for_init_read_atom),
-    ULP_FIELD(ox_hca_attrib_t, max_eec_depth_for_init_read_atom),
-    ULP_FIELD(ox_hca_attrib_t, atom_suport),
-    ULP_FIELD(ox_hca_attrib_t, max_eec_num),
-    ULP_FIELD(ox_hca_attrib_t, max_rdd_num),
-    ULP_FIELD(ox_hca_attrib_t, max_mem_win_num),
-    ULP_FIELD(ox_hca_attrib_t, max_raw_ipv6_qp_num),
-    ULP_FIELD(ox_hca_attrib_t, max_raw_eter_qp_num),
-    ULP_FIELD(ox_hca_attrib_t, max_multicast_group),
-    ULP_FIELD(ox_hca_attrib_t, max_qp_num_per_multicast_group),
-    ULP_FIELD(ox_hca_attrib_t, max_add_handle),
-    ULP_FIELD(ox_hca_attrib_t, max_fmr_num),
-    ULP_FIELD(ox_hca_attrib_t, max_maps_per_fmr),
-    ULP_FIELD(ox_hca_attrib_t, vendor_attrib.vendor_id),
-    ULP_FIELD(ox_hca_attrib_t, vendor_attrib.part_id),
-    ULP_FIELD(ox_hca_attrib_t, vendor_attrib.hw_version),
-};
+static int read_field(const char *record, const void *base, const char *field, uint64_t *value) {
+    long long loaded;
 
-static const struct ulp_field port_fields[] = {
-    ULP_FIELD(ox_port_attrib_t, port_num),
-    ULP_FIELD(ox_port_attrib_t, port_mtu),
-    ULP_FIELD(ox_port_attrib_t, port_message_size),
-    ULP_FIELD(ox_port_attrib_t, port_state),
-    ULP_FIELD(ox_port_attrib_t, port_base_lid),
-    ULP_FIELD(ox_port_attrib_t, port_lmc),
-    ULP_FIELD(ox_port_attrib_t, port_sgid_table_size),
-    ULP_FIELD(ox_port_attrib_t, port_parti_table_size),
-    ULP_FIELD(ox_port_attrib_t, port_max_vl_num),
-    ULP_FIELD(ox_port_attrib_t, port_bad_p_key_count),
-    ULP_FIELD(ox_port_attrib_t, port_bad_q_key_count),
-    ULP_FIELD(ox_port_attrib_t, port_sma_address_info.sm_lid),
-    ULP_FIELD(ox_port_attrib_t, port_sma_address_info.service_level),
-    ULP_FIELD(ox_port_attrib_t, port_capability_support),
-};
-
-static int read_field(const struct ulp_field *fields, size_t count, const void *record, const char *name,
-                      uint64_t *value) {
-    size_t i;
-
-    for (i = 0; i < count; i++) {
-        long long loaded;
-
-        if (strcmp(fields[i].name, name) != 0) continue;
-        if (record_field_load((const unsigned char *)record + fields[i].offset, fields[i].size, 0, &loaded))
-            return -1;
-        *value = (uint64_t)loaded;
-        return 0;
-    }
-    return -1;
+    if (layout_get(&attrib_table, record, base, field, &loaded)) return -1;
+    *value = (uint64_t)loaded;
+    return 0;
 }
 
 int ulp_hca_attrib_field(const void *hca_attrib, const char *field, uint64_t *value) {
-    return read_field(hca_fields, sizeof(hca_fields) / sizeof(hca_fields[0]), hca_attrib, field, value);
+    return read_field("ox_hca_attrib_t", hca_attrib, field, value);
 }
 
 int ulp_port_attrib_field(const void *port_attrib, const char *field, uint64_t *value) {
-    return read_field(port_fields, sizeof(port_fields) / sizeof(port_fields[0]), port_attrib, field, value);
+    return read_field("ox_port_attrib_t", port_attrib, field, value);
 }
 
 int ulp_format_hca_attrib(const void *hca_attrib, char *buf, size_t len) {

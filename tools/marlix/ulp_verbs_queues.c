@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "record-field.h"
+#include "layout-table.h"
 
 #include "ox-types.h"
 #include "ox-provider.h"
@@ -39,161 +39,157 @@ int ulp_cq_destroy(const ulp_funcs_t *funcs, void *hca, void *cq) {
 
 /* ---- QP attribute records ------------------------------------------------------------------------- */
 
-struct ulp_qp_field {
-    const char *name;
-    size_t offset;
-    size_t size;
-    uint64_t mask; /* the OX_QP_AT_* bit a modify field belongs to (0: none) */
-};
-
-#define ULP_QF_M(path, bit) {#path, offsetof(ox_qp_attr_t, path), sizeof(((ox_qp_attr_t *)0)->path), (bit)},
-#define ULP_QF(path) ULP_QF_M(path, 0)
+/* Every field by its C path, with the generic mask bit (OX_QP_AT_*) that selects a modify field as
+ * its tag (0: no bit selects it). */
+#define QF(path) LAYOUT_RAW(ox_qp_attr_t, path)
+#define QF_M(path, bit) LAYOUT_RAW_TAG(ox_qp_attr_t, path, bit)
+#define OPT OX_QP_AT_OPTIONAL
 
 /* The fields of an address vector at `av`, all under the bit `bit`. */
-#define ULP_QF_AV(av, bit)                                                                                   \
-    ULP_QF_M(av.phy_port_num, bit)                                                                           \
-    ULP_QF_M(av.service_level, bit) ULP_QF_M(av.grh_flag, bit) ULP_QF_M(av.dlid, bit) ULP_QF_M(av.pmtu, bit) \
-        ULP_QF_M(av.max_static_rate, bit) ULP_QF_M(av.l_ack_timeout, bit) ULP_QF_M(av.retry_count, bit)      \
-            ULP_QF_M(av.rnr_retry_count, bit) ULP_QF_M(av.source_path_bit, bit)                              \
-                ULP_QF_M(av.global_dest.flow_lable, bit) ULP_QF_M(av.global_dest.hope_limit, bit)            \
-                    ULP_QF_M(av.global_dest.traffic_class, bit) ULP_QF_M(av.global_dest.s_gid_index, bit)    \
-                        ULP_QF_M(av.global_dest.d_gid, bit)
+#define QF_AV(av, bit)                                                                                   \
+    QF_M(av.phy_port_num, bit), QF_M(av.service_level, bit), QF_M(av.grh_flag, bit), QF_M(av.dlid, bit), \
+        QF_M(av.pmtu, bit), QF_M(av.max_static_rate, bit), QF_M(av.l_ack_timeout, bit),                  \
+        QF_M(av.retry_count, bit), QF_M(av.rnr_retry_count, bit), QF_M(av.source_path_bit, bit),         \
+        QF_M(av.global_dest.flow_lable, bit), QF_M(av.global_dest.hope_limit, bit),                      \
+        QF_M(av.global_dest.traffic_class, bit), QF_M(av.global_dest.s_gid_index, bit),                  \
+        QF_M(av.global_dest.d_gid, bit)
+/* An alternate path at `alt`. */
+#define QF_ALT(alt, bit) \
+    QF_M(alt.al_path_p_key_indx, bit), QF_M(alt.al_path_port_num, bit), QF_AV(alt.al_path_add_vec, bit)
 
-#define ULP_QF_ALT(alt, bit)              \
-    ULP_QF_M(alt.al_path_p_key_indx, bit) \
-    ULP_QF_M(alt.al_path_port_num, bit) ULP_QF_AV(alt.al_path_add_vec, bit)
+/* The optional queue depths and RNR timer that RTR and RTS both take, at `params`. */
+#define QF_OPT_DEPTHS(params)                                                  \
+    QF_M(params.opt_send_max_outstand_wr, OX_QP_AT_S_MAX_OUT_WR | OPT),        \
+        QF_M(params.opt_receive_max_outstand_wr, OX_QP_AT_R_MAX_OUT_WR | OPT), \
+        QF_M(params.opt_min_rnr_nak_timer, OX_QP_AT_MIN_RNR_NAK_T | OPT)
 
-static const struct ulp_qp_field qp_fields[] = {
+static const struct layout_field qp_fields[] = {
     /* create */
-    ULP_QF(create.qp_type) ULP_QF(create.cq_send_h) ULP_QF(create.cq_receive_h)
-        ULP_QF(create.send_max_outstand_wr) ULP_QF(create.receive_max_outstand_wr)
-            ULP_QF(create.max_scatgat_per_send_wr) ULP_QF(create.max_scatgat_per_receive_wr)
-                ULP_QF(create.rdd_h) ULP_QF(create.signaling_type) ULP_QF(create.pd_h)
-                    ULP_QF(create.recv_solicited_events)
+    QF(create.qp_type),
+    QF(create.cq_send_h),
+    QF(create.cq_receive_h),
+    QF(create.send_max_outstand_wr),
+    QF(create.receive_max_outstand_wr),
+    QF(create.max_scatgat_per_send_wr),
+    QF(create.max_scatgat_per_receive_wr),
+    QF(create.rdd_h),
+    QF(create.signaling_type),
+    QF(create.pd_h),
+    QF(create.recv_solicited_events),
     /* create_return */
-    ULP_QF(create_return.qp_num) ULP_QF(create_return.send_max_outstand_wr)
-        ULP_QF(create_return.receive_max_outstand_wr) ULP_QF(create_return.max_scatgat_per_send_wr)
-            ULP_QF(create_return.max_scatgat_per_receive_wr)
+    QF(create_return.qp_num),
+    QF(create_return.send_max_outstand_wr),
+    QF(create_return.receive_max_outstand_wr),
+    QF(create_return.max_scatgat_per_send_wr),
+    QF(create_return.max_scatgat_per_receive_wr),
     /* modify */
-    ULP_QF(modify.qp_modify_into_state) ULP_QF(modify.ox_qp_attr_mask) ULP_QF(modify.qp_type) ULP_QF_M(
-        modify.params.init.p_key_indx,
-        OX_QP_AT_P_KEY_IX) ULP_QF_M(modify.params.init.phy_port_num,
-                                    OX_QP_AT_PHY_PORT_NUM) ULP_QF_M(modify.params.init.q_key, OX_QP_AT_Q_KEY)
-        ULP_QF_M(modify.params.init.access_control, OX_QP_AT_ACCESS_CON_F) ULP_QF_AV(
-            modify.params.rtr.remote_add_vec, OX_QP_AT_ADD_VEC) ULP_QF_M(modify.params.rtr.destanation_qp,
-                                                                         OX_QP_AT_DEST_QP)
-            ULP_QF_M(modify.params.rtr.receive_psn, OX_QP_AT_R_PSN) ULP_QF_M(
-                modify.params.rtr.responder_rdma_r_atom_num,
-                OX_QP_AT_RESP_RDMA_ATOM_OUT_NUM) ULP_QF_M(modify.params.rtr.opt_access_control,
-                                                          OX_QP_AT_ACCESS_CON_F |
-                                                              OX_QP_AT_OPTIONAL)
-                ULP_QF_ALT(modify.params.rtr.opt_alternate_path, OX_QP_AT_ALT_PATH | OX_QP_AT_OPTIONAL)
-                    ULP_QF_M(modify.params.rtr.opt_q_key, OX_QP_AT_Q_KEY | OX_QP_AT_OPTIONAL) ULP_QF_M(
-                        modify.params.rtr.opt_p_key_indx, OX_QP_AT_P_KEY_IX | OX_QP_AT_OPTIONAL)
-                        ULP_QF_M(
-                            modify.params.rtr.opt_send_max_outstand_wr,
-                            OX_QP_AT_S_MAX_OUT_WR |
-                                OX_QP_AT_OPTIONAL) ULP_QF_M(modify.params.rtr.opt_receive_max_outstand_wr,
-                                                            OX_QP_AT_R_MAX_OUT_WR | OX_QP_AT_OPTIONAL)
-                            ULP_QF_M(modify.params.rtr.opt_min_rnr_nak_timer,
-                                     OX_QP_AT_MIN_RNR_NAK_T | OX_QP_AT_OPTIONAL)
-                                ULP_QF_M(modify.params.rts.local_ack_timeout, OX_QP_AT_L_ACK_T) ULP_QF_M(
-                                    modify.params.rts.retry_num,
-                                    OX_QP_AT_RETRY_NUM) ULP_QF_M(modify.params.rts.rnr_num, OX_QP_AT_RNR_NUM)
-                                    ULP_QF_M(modify.params.rts.send_psn, OX_QP_AT_S_PSN) ULP_QF_M(
-                                        modify.params.rts.dest_out_rdma_r_atom_num,
-                                        OX_QP_AT_DEST_RDMA_ATOM_OUT_NUM)
-                                        ULP_QF(modify.params.rts.flow_control) ULP_QF_M(
-                                            modify.params.rts.opt_access_control, OX_QP_AT_ACCESS_CON_F |
-                                                                                      OX_QP_AT_OPTIONAL)
-                                            ULP_QF_M(modify.params.rts.opt_q_key,
-                                                     OX_QP_AT_Q_KEY | OX_QP_AT_OPTIONAL)
-                                                ULP_QF_ALT(modify.params.rts.opt_alternate_path,
-                                                           OX_QP_AT_ALT_PATH | OX_QP_AT_OPTIONAL)
-                                                    ULP_QF_M(modify.params.rts.opt_path_migrate_state,
-                                                             OX_QP_AT_PATH_MIG_STATE | OX_QP_AT_OPTIONAL)
-                                                        ULP_QF_M(modify.params.rts.opt_send_max_outstand_wr,
-                                                                 OX_QP_AT_S_MAX_OUT_WR | OX_QP_AT_OPTIONAL)
-                                                            ULP_QF_M(
-                                                                modify.params.rts.opt_receive_max_outstand_wr,
-                                                                OX_QP_AT_R_MAX_OUT_WR | OX_QP_AT_OPTIONAL)
-                                                                ULP_QF_M(
-                                                                    modify.params.rts.opt_min_rnr_nak_timer,
-                                                                    OX_QP_AT_MIN_RNR_NAK_T |
-                                                                        OX_QP_AT_OPTIONAL)
-                                                                    ULP_QF_M(modify.params.rts.sqd_state,
-                                                                             OX_QP_AT_SQD_NOTIFY)
+    QF(modify.qp_modify_into_state),
+    QF(modify.ox_qp_attr_mask),
+    QF(modify.qp_type),
+    QF_M(modify.params.init.p_key_indx, OX_QP_AT_P_KEY_IX),
+    QF_M(modify.params.init.phy_port_num, OX_QP_AT_PHY_PORT_NUM),
+    QF_M(modify.params.init.q_key, OX_QP_AT_Q_KEY),
+    QF_M(modify.params.init.access_control, OX_QP_AT_ACCESS_CON_F),
+    QF_AV(modify.params.rtr.remote_add_vec, OX_QP_AT_ADD_VEC),
+    QF_M(modify.params.rtr.destanation_qp, OX_QP_AT_DEST_QP),
+    QF_M(modify.params.rtr.receive_psn, OX_QP_AT_R_PSN),
+    QF_M(modify.params.rtr.responder_rdma_r_atom_num, OX_QP_AT_RESP_RDMA_ATOM_OUT_NUM),
+    QF_M(modify.params.rtr.opt_access_control, OX_QP_AT_ACCESS_CON_F | OPT),
+    QF_ALT(modify.params.rtr.opt_alternate_path, OX_QP_AT_ALT_PATH | OPT),
+    QF_M(modify.params.rtr.opt_q_key, OX_QP_AT_Q_KEY | OPT),
+    QF_M(modify.params.rtr.opt_p_key_indx, OX_QP_AT_P_KEY_IX | OPT),
+    QF_OPT_DEPTHS(modify.params.rtr),
+    QF_M(modify.params.rts.local_ack_timeout, OX_QP_AT_L_ACK_T),
+    QF_M(modify.params.rts.retry_num, OX_QP_AT_RETRY_NUM),
+    QF_M(modify.params.rts.rnr_num, OX_QP_AT_RNR_NUM),
+    QF_M(modify.params.rts.send_psn, OX_QP_AT_S_PSN),
+    QF_M(modify.params.rts.dest_out_rdma_r_atom_num, OX_QP_AT_DEST_RDMA_ATOM_OUT_NUM),
+    QF(modify.params.rts.flow_control),
+    QF_M(modify.params.rts.opt_access_control, OX_QP_AT_ACCESS_CON_F | OPT),
+    QF_M(modify.params.rts.opt_q_key, OX_QP_AT_Q_KEY | OPT),
+    QF_ALT(modify.params.rts.opt_alternate_path, OX_QP_AT_ALT_PATH | OPT),
+    QF_M(modify.params.rts.opt_path_migrate_state, OX_QP_AT_PATH_MIG_STATE | OPT),
+    QF_OPT_DEPTHS(modify.params.rts),
+    QF_M(modify.params.rts.sqd_state, OX_QP_AT_SQD_NOTIFY),
     /* modify_return */
-    ULP_QF(modify_return.send_max_outstand_wr) ULP_QF(modify_return.receive_max_outstand_wr)
+    QF(modify_return.send_max_outstand_wr),
+    QF(modify_return.receive_max_outstand_wr),
     /* query */
-    ULP_QF(query.ox_qp_attr_mask) ULP_QF(query.qp_num) ULP_QF(query.qp_type) ULP_QF(query.qp_state)
-        ULP_QF(query.cq_send_h) ULP_QF(query.cq_receive_h) ULP_QF(query.send_max_outstand_wr)
-            ULP_QF(query.receive_max_outstand_wr) ULP_QF(query.max_scatgat_per_send_wr)
-                ULP_QF(query.max_scatgat_per_receive_wr) ULP_QF(query.send_psn) ULP_QF(query.receve_psn)
-                    ULP_QF(query.access_control) ULP_QF(query.phy_port_num) ULP_QF(query.primary_p_key_indx)
-                        ULP_QF(query.q_key) ULP_QF(query.rdd_h) ULP_QF(query.destanation_qp)
-                            ULP_QF(query.rdma_r_atom_outstand_num) ULP_QF(query.responder_rdma_r_atom_num)
-                                ULP_QF(query.min_rnr_nak_timer) ULP_QF_AV(query.primary_add_vec, 0)
-                                    ULP_QF(query.path_migrate_state) ULP_QF_ALT(query.alternate_path, 0)
-                                        ULP_QF(query.max_send_inline_data) ULP_QF(query.pd_h)
-                                            ULP_QF(query.recv_solicited_events)
-                                                ULP_QF(query.send_signaled_comp) ULP_QF(query.flow_control)};
+    QF(query.ox_qp_attr_mask),
+    QF(query.qp_num),
+    QF(query.qp_type),
+    QF(query.qp_state),
+    QF(query.cq_send_h),
+    QF(query.cq_receive_h),
+    QF(query.send_max_outstand_wr),
+    QF(query.receive_max_outstand_wr),
+    QF(query.max_scatgat_per_send_wr),
+    QF(query.max_scatgat_per_receive_wr),
+    QF(query.send_psn),
+    QF(query.receve_psn),
+    QF(query.access_control),
+    QF(query.phy_port_num),
+    QF(query.primary_p_key_indx),
+    QF(query.q_key),
+    QF(query.rdd_h),
+    QF(query.destanation_qp),
+    QF(query.rdma_r_atom_outstand_num),
+    QF(query.responder_rdma_r_atom_num),
+    QF(query.min_rnr_nak_timer),
+    QF_AV(query.primary_add_vec, 0),
+    QF(query.path_migrate_state),
+    QF_ALT(query.alternate_path, 0),
+    QF(query.max_send_inline_data),
+    QF(query.pd_h),
+    QF(query.recv_solicited_events),
+    QF(query.send_signaled_comp),
+    QF(query.flow_control),
+};
+static const struct layout_table qp_table = LAYOUT_FIELDS_TABLE(qp_fields);
 
-#define ULP_QP_FIELDS (sizeof(qp_fields) / sizeof(qp_fields[0]))
-#define ULP_GID_BYTES 16
-
-static const struct ulp_qp_field *find_qp_field(const char *name) {
-    size_t i;
-
-    for (i = 0; i < ULP_QP_FIELDS; i++)
-        if (!strcmp(qp_fields[i].name, name)) return &qp_fields[i];
-    return NULL;
-}
+#define QP_RECORD "ox_qp_attr_t"
+#define GID_BYTES 16
 
 size_t ulp_sizeof_qp_attr(void) {
     return sizeof(ox_qp_attr_t);
 }
 
 int ulp_qp_attr_set(void *attr, const char *field, uint64_t value) {
-    const struct ulp_qp_field *f = find_qp_field(field);
-
-    if (!f) return -1;
-    return record_field_store((unsigned char *)attr + f->offset, f->size, value);
+    return layout_set(&qp_table, QP_RECORD, attr, field, (long long)value);
 }
 
 int ulp_qp_attr_get(const void *attr, const char *field, uint64_t *value) {
-    const struct ulp_qp_field *f = find_qp_field(field);
     long long loaded;
 
-    if (!f || record_field_load((const unsigned char *)attr + f->offset, f->size, 0, &loaded)) return -1;
+    if (layout_get(&qp_table, QP_RECORD, attr, field, &loaded)) return -1;
     *value = (uint64_t)loaded;
     return 0;
 }
 
 uint8_t *ulp_qp_attr_bytes(void *attr, const char *field) {
-    const struct ulp_qp_field *f = find_qp_field(field);
+    const struct layout_field *f = layout_find(&qp_table, QP_RECORD, field);
 
-    if (!f || f->size != ULP_GID_BYTES) return NULL;
+    if (!f || f->size != GID_BYTES) return NULL;
     return (uint8_t *)attr + f->offset;
 }
 
 const char *ulp_qp_attr_field_name(const char *prefix, size_t i) {
     size_t k, n = 0, len = strlen(prefix);
 
-    for (k = 0; k < ULP_QP_FIELDS; k++) {
-        if (strncmp(qp_fields[k].name, prefix, len) != 0 || qp_fields[k].size == ULP_GID_BYTES) continue;
-        if (n++ == i) return qp_fields[k].name;
+    for (k = 0; k < LAYOUT_COUNT(qp_fields); k++) {
+        if (strncmp(qp_fields[k].field, prefix, len) != 0 || qp_fields[k].size == GID_BYTES) continue;
+        if (n++ == i) return qp_fields[k].field;
     }
     return NULL;
 }
 
 uint64_t ulp_qp_modify_field_mask(const char *state, const char *field) {
     char path[160];
-    const struct ulp_qp_field *f;
+    const struct layout_field *f;
 
     snprintf(path, sizeof(path), "modify.params.%s.%s", state, field);
-    f = find_qp_field(path);
-    return f ? f->mask : 0;
+    f = layout_find(&qp_table, QP_RECORD, path);
+    return f ? f->tag : 0;
 }
 
 static const char *const qp_state_names[] = {

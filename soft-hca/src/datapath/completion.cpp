@@ -14,10 +14,10 @@ bool signalled(const Qp &qp, const SendEntry &w) {
     return w.desc.comp_type == VAPI_SIGNALED || qp.init.sq_sig_type == VAPI_SIGNAL_ALL_WR;
 }
 
-void push_send_cqe(Device &dev, Qp &qp, const SendEntry &w, PendingEvents &events) {
+void push_send_cqe(Qp &qp, const SendEntry &w, PendingEvents &events) {
     // Successful unsignalled requests leave no completion; errors and flushes always do.
     if (w.status == VAPI_SUCCESS && !signalled(qp, w)) return;
-    CompletionQueue *cq = find_cq(dev, qp.init.sq_cq_hndl);
+    CompletionQueue *cq = qp.send_cq;
     if (!cq) return;
     VAPI_wc_desc_t wc{};
     wc.status = w.status;
@@ -48,6 +48,27 @@ void activate(Device &dev, Qp &qp) {
     dev.active_qps.push_back(&qp);
 }
 
+void ring_doorbell(Device &dev, Qp &qp) {
+    if (qp.doorbell_rung.exchange(true, std::memory_order_acq_rel)) return;
+    Qp *head = dev.doorbells.load(std::memory_order_relaxed);
+    do {
+        qp.doorbell_next = head;
+    } while (!dev.doorbells.compare_exchange_weak(head, &qp, std::memory_order_release, std::memory_order_relaxed));
+}
+
+void take_doorbells(Device &dev) {
+    if (!dev.doorbells.load(std::memory_order_relaxed)) return;
+    Qp *qp = dev.doorbells.exchange(nullptr, std::memory_order_acquire);
+    while (qp) {
+        // Read the link before the flag goes down: a post may put the QP back on the list at once.
+        Qp *next = qp->doorbell_next;
+        qp->doorbell_rung.store(false, std::memory_order_release);
+        // A record destroyed (or reused) since its post rang: activating it is harmless.
+        if (!qp->destroyed) activate(dev, *qp);
+        qp = next;
+    }
+}
+
 void deactivate(Device &dev, Qp &qp) {
     if (!qp.on_active_list) return;
     qp.on_active_list = false;
@@ -69,12 +90,12 @@ void complete_send(Device &dev, Qp &qp, SendEntry &w, VAPI_wc_status_t status, u
     retire_sends(dev, qp, events);
 }
 
-void retire_sends(Device &dev, Qp &qp, PendingEvents &events) {
+void retire_sends(Device &, Qp &qp, PendingEvents &events) {
     while (!qp.sq.empty() && qp.sq.front().phase == SendPhase::Done) {
         SendEntry w = qp.sq.front();
         qp.sq.pop();
         if (qp.next_send < qp.sq.head()) qp.next_send = qp.sq.head();
-        push_send_cqe(dev, qp, w, events);
+        push_send_cqe(qp, w, events);
     }
     // Nothing unanswered any more: no retransmission is due.
     if (qp.sq.head() == qp.next_send) qp.retransmit_at = 0;
@@ -96,8 +117,8 @@ void flush_send_queue(Device &dev, Qp &qp, PendingEvents &events) {
     qp.rnr_wait_until = 0;
 }
 
-void flush_recv_queue(Device &dev, Qp &qp, PendingEvents &events) {
-    CompletionQueue *cq = find_cq(dev, qp.init.rq_cq_hndl);
+void flush_recv_queue(Device &, Qp &qp, PendingEvents &events) {
+    CompletionQueue *cq = qp.recv_cq;
     while (!qp.rq.empty()) {
         RecvEntry w = qp.rq.front();
         qp.rq.pop();
@@ -121,11 +142,13 @@ void flush_qp(Device &dev, Qp &qp, PendingEvents &events) {
 }
 
 void enter_error(Device &dev, Qp &qp, PendingEvents &events) {
+    QpQueueLock queues(qp);
     qp.attr.qp_state = VAPI_ERR;
     flush_qp(dev, qp, events);
 }
 
 void enter_send_error(Device &dev, Qp &qp, PendingEvents &events) {
+    QpQueueLock queues(qp);
     qp.attr.qp_state = VAPI_SQE;
     flush_send_queue(dev, qp, events);
 }

@@ -102,14 +102,21 @@ void respond_multicast(Device &dev, IB_port_t port, const Packet &pkt, Outbox &r
                        PendingEvents &events);
 // The completer: a response packet arriving on `port` at the requester.
 void complete(Device &dev, IB_port_t port, const Packet &pkt, uint64_t now, PendingEvents &events);
-// The responder's read and atomic resources are counted per round of its device; the engine
-// starts a new one on every device before each pass of a sender. Needs no lock.
-void new_round(Device &dev);
+// The responder's read and atomic resources are counted per pass: whoever runs one (the
+// engine's round for a device, a posting thread) starts it with new_pass(), so a responder never
+// counts the requests of two passes together. Each thread numbers its own passes: starting one
+// writes nothing another thread reads.
+void new_pass();
 
 // Puts the QP on the device's list of QPs with requester work (posting, rewinds, timers).
 void activate(Device &dev, Qp &qp);
 // Takes the QP off that list (destroy).
 void deactivate(Device &dev, Qp &qp);
+// A post's doorbell when it cannot run the data path itself: puts the QP on the device's
+// lock-free doorbell list (no lock needed). take_doorbells() (device mutex held) moves the list
+// onto the active list; run_requesters() starts with it.
+void ring_doorbell(Device &dev, Qp &qp);
+void take_doorbells(Device &dev);
 
 // Moves the QP to the error state after a completion error and flushes what is queued behind.
 // `async` (optional) is the local work queue error event to raise for it.

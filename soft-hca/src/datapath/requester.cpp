@@ -321,6 +321,7 @@ void count_entry(Port &port, const Outbox::Entry &e, bool xmit) {
 
 size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events, RanQps *ran) {
     size_t handled = 0;
+    take_doorbells(dev);
     // Walk a snapshot by index: a QP leaves the list when it has nothing more to send now.
     for (size_t i = 0; i < dev.active_qps.size();) {
         Qp &qp = *dev.active_qps[i];

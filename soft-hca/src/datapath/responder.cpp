@@ -73,12 +73,12 @@ VAPI_wc_desc_t recv_wc(const Qp &qp, const RecvEntry &r, VAPI_wc_status_t status
 }
 
 // Takes the head receive request and completes it.
-void complete_recv(Device &dev, Qp &qp, VAPI_wc_desc_t wc, bool solicited, PendingEvents &events) {
+void complete_recv(Qp &qp, VAPI_wc_desc_t wc, bool solicited, PendingEvents &events) {
     const bool signalled = qp.init.rq_sig_type == VAPI_SIGNAL_ALL_WR || wc.status != VAPI_SUCCESS ||
                            qp.rq.front().desc.comp_type == VAPI_SIGNALED;
     qp.rq.pop();
     wc.free_res_count = qp.rq.free_slots();
-    if (CompletionQueue *cq = find_cq(dev, qp.init.rq_cq_hndl); cq && signalled)
+    if (CompletionQueue *cq = qp.recv_cq; cq && signalled)
         push_completion(*cq, wc, solicited, events);
 }
 
@@ -106,6 +106,20 @@ Outbox::Entry *reply(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Out
 }
 
 void ack(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, uint32_t psn) {
+    // Coalescing: when the last reply waiting to go is this QP's own ACK, this one takes its
+    // place (an ACK acknowledges every PSN up to its own), so a burst of requests delivered in
+    // one go draws one ACK.
+    if (out.count > 0) {
+        Outbox::Entry &last = out.entries[out.count - 1];
+        Packet &p = last.pkt;
+        if (last.from == &dev && last.port == port && op::operation(p.opcode) == op::kAck &&
+            p.syndrome == aeth::kAck && p.src_qp == qp.qp_num && p.dest_qp == qp.attr.dest_qp_num &&
+            p.dlid == req.slid && p.slid == req.dlid && psn_diff(psn, p.psn) > 0) {
+            p.psn = psn;
+            p.msn = qp.msn;
+            return;
+        }
+    }
     if (Outbox::Entry *e = reply(dev, qp, port, req, out, op::kAck)) {
         e->pkt.psn = psn;
         e->pkt.syndrome = aeth::kAck;
@@ -156,7 +170,7 @@ void respond_ud(Device &dev, IB_port_t port, Qp &qp, const Packet &p, PendingEve
         wc.status = qp.forced_recv.status;
         wc.vendor_err_syndrome = qp.forced_recv.syndrome;
         qp.forced_recv = {};
-        complete_recv(dev, qp, wc, p.solicited, events);
+        complete_recv(qp, wc, p.solicited, events);
         if (wc.status != VAPI_SUCCESS) enter_error(dev, qp, events);
         return;
     }
@@ -182,7 +196,7 @@ void respond_ud(Device &dev, IB_port_t port, Qp &qp, const Packet &p, PendingEve
         wc.remote_node_addr.ee_dlid.dst_path_bits = pt ? uint8_t(p.dlid & ((1u << pt->lmc) - 1)) : 0;
         wc.grh_flag = p.grh;
     }
-    complete_recv(dev, qp, wc, p.solicited, events);
+    complete_recv(qp, wc, p.solicited, events);
     // A receive that cannot be placed is a local error of the receive queue.
     if (st != VAPI_SUCCESS) enter_error(dev, qp, events);
 }
@@ -221,7 +235,7 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
         wc.byte_len = uint32_t(qp.message_bytes + p.payload_len);
         qp.forced_recv = {};
         qp.in_message = false;
-        complete_recv(dev, qp, wc, p.solicited, events);
+        complete_recv(qp, wc, p.solicited, events);
         if (wc.status != VAPI_SUCCESS) {
             if (rc) nak(dev, qp, port, p, out, aeth::kNakRemoteOp);
             enter_error(dev, qp, events);
@@ -234,7 +248,7 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
     if (st != VAPI_SUCCESS) {
         VAPI_wc_desc_t wc = recv_wc(qp, r, st);
         qp.in_message = false;
-        complete_recv(dev, qp, wc, false, events);
+        complete_recv(qp, wc, false, events);
         if (st == VAPI_LOC_LEN_ERR) {
             // The message is longer than the receive request: an invalid request.
             refuse(dev, qp, port, p, out, aeth::kNakInvalidRequest, VAPI_LOCAL_WQ_INV_REQUEST_ERROR, events);
@@ -257,15 +271,18 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
         wc.remote_node_addr.qp_ety.qp = qp.attr.dest_qp_num;
         qp.in_message = false;
         qp.recv_taken = false;
-        complete_recv(dev, qp, wc, p.solicited, events);
+        complete_recv(qp, wc, p.solicited, events);
     }
 }
 
+// The pass running on this thread: its number in the high bits, the thread's in the low ones.
+std::atomic<uint64_t> pass_threads{0};
+thread_local uint64_t pass_key = 0;
+
 // Counts a read or atomic against the responder's limit; false when over it.
-bool take_responder_resource(Device &dev, Qp &qp) {
-    const uint64_t round = dev.round.load(std::memory_order_relaxed);
-    if (qp.reads_round != round) {
-        qp.reads_round = round;
+bool take_responder_resource(Qp &qp) {
+    if (qp.reads_pass != pass_key) {
+        qp.reads_pass = pass_key;
         qp.reads_in_progress = 0;
     }
     if (qp.reads_in_progress >= qp.attr.qp_ous_rd_atom) return false;
@@ -279,7 +296,7 @@ void respond_read(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &
         refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
         return;
     }
-    if (!duplicate && !take_responder_resource(dev, qp)) {
+    if (!duplicate && !take_responder_resource(qp)) {
         refuse(dev, qp, port, p, out, aeth::kNakInvalidRequest, VAPI_LOCAL_WQ_INV_REQUEST_ERROR, events);
         return;
     }
@@ -329,7 +346,7 @@ void respond_atomic(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox
         refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR, events);
         return;
     }
-    if (p.va % limits::kAtomicBytes != 0 || !take_responder_resource(dev, qp)) {
+    if (p.va % limits::kAtomicBytes != 0 || !take_responder_resource(qp)) {
         refuse(dev, qp, port, p, out, aeth::kNakInvalidRequest, VAPI_LOCAL_WQ_INV_REQUEST_ERROR, events);
         return;
     }
@@ -477,7 +494,7 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
                 wc.vendor_err_syndrome = qp.forced_recv.syndrome;
                 qp.forced_recv = {};
             }
-            complete_recv(dev, qp, wc, p.solicited, events);
+            complete_recv(qp, wc, p.solicited, events);
             if (wc.status != VAPI_SUCCESS) {
                 if (rc) nak(dev, qp, port, p, out, aeth::kNakRemoteOp);
                 enter_error(dev, qp, events);
@@ -496,8 +513,9 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
 
 }  // namespace
 
-void new_round(Device &dev) {
-    dev.round.fetch_add(1, std::memory_order_relaxed);
+void new_pass() {
+    thread_local const uint64_t thread = pass_threads.fetch_add(1, std::memory_order_relaxed) + 1;
+    pass_key = ((pass_key >> 24) + 1) << 24 | (thread & 0xffffff);
 }
 
 void respond(Device &dev, IB_port_t port, const Packet &p, Outbox &out, PendingEvents &events) {

@@ -52,9 +52,8 @@ bool WorkRing<Entry>::resize(uint32_t depth, uint32_t sg_stride, uint32_t inline
     fresh.inline_stride_ = inline_stride;
     for (uint32_t i = 0; i < n; ++i) fresh.bind(i);
     // Entries keep their positions, so PSN bookkeeping that refers to them stays valid.
-    fresh.head_ = head_;
-    fresh.tail_ = head_;
-    for (uint64_t p = head_; p != tail_; ++p) {
+    const uint64_t head = head_.load(), tail = tail_.load();
+    for (uint64_t p = head; p != tail; ++p) {
         Entry &to = fresh.at(p);
         VAPI_sg_lst_entry_t *sgp = to.sg;
         Entry saved = at(p);
@@ -64,7 +63,6 @@ bool WorkRing<Entry>::resize(uint32_t depth, uint32_t sg_stride, uint32_t inline
                       ? fresh.inline_area_.data() + size_t(p & fresh.mask_) * fresh.inline_stride_
                       : nullptr);
         copy_payload(to, saved, fresh.sg_stride_, fresh.inline_stride_);
-        ++fresh.tail_;
     }
     slots_.swap(fresh.slots_);
     sg_area_.swap(fresh.sg_area_);

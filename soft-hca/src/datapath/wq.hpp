@@ -2,6 +2,12 @@
 // again only when a modify changes the depth). A post writes the next free entry, the data path
 // consumes from the front; neither allocates.
 //
+// One producer side and one consumer side, each serialised by its own lock: posters hold the
+// queue's lock (Qp::sq_mu / Qp::rq_mu), the data path holds the device mutex. The tail is
+// published with a release store once the entry is written, and the head with a release store
+// once the entry is done with, so each side reads the other's position with an acquire load
+// and never touches an entry the other side owns. Resizing and clearing hold both locks.
+//
 // A send entry holds the descriptor, its gather list (in the ring's gather area, stride = the
 // QP's gather capacity) and, for inline sends, the data (in the ring's inline area, stride = the
 // QP's inline capacity). The requester's progress on the entry lives beside it.
@@ -9,6 +15,9 @@
 
 #include <vapi_types.h>
 
+#include "device/limits.hpp"
+
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -59,21 +68,26 @@ class WorkRing {
     bool resize(uint32_t depth, uint32_t sg_stride, uint32_t inline_stride);
 
     uint32_t depth() const { return depth_; }
-    uint32_t count() const { return uint32_t(tail_ - head_); }
-    bool empty() const { return head_ == tail_; }
+    uint32_t count() const { return uint32_t(tail() - head()); }
+    bool empty() const { return head() == tail(); }
     bool full() const { return count() >= depth_; }
     uint32_t free_slots() const { return depth_ - count(); }
-    uint64_t head() const { return head_; }
-    uint64_t tail() const { return tail_; }
+    uint64_t head() const { return head_.load(std::memory_order_acquire); }
+    uint64_t tail() const { return tail_.load(std::memory_order_acquire); }
 
     Entry &at(uint64_t pos) { return slots_[pos & mask_]; }
     const Entry &at(uint64_t pos) const { return slots_[pos & mask_]; }
-    Entry &front() { return at(head_); }
-    // The entry a post fills next; commit with push().
-    Entry &next_free() { return at(tail_); }
-    void push() { ++tail_; }
-    void pop() { ++head_; }
-    void clear() { head_ = tail_ = 0; }
+    Entry &front() { return at(head()); }
+    // The entry a post fills next (producer side); publish it with push().
+    Entry &next_free() { return at(tail_.load(std::memory_order_relaxed)); }
+    void push() { tail_.store(tail_.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
+    // Consumer side: the front entry is done with.
+    void pop() { head_.store(head_.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
+    // Both locks held.
+    void clear() {
+        head_.store(0, std::memory_order_relaxed);
+        tail_.store(0, std::memory_order_release);
+    }
     uint32_t sg_stride() const { return sg_stride_; }
     uint32_t inline_stride() const { return inline_stride_; }
 
@@ -83,7 +97,9 @@ class WorkRing {
     std::vector<VAPI_sg_lst_entry_t> sg_area_;
     std::vector<uint8_t> inline_area_;
     uint32_t depth_ = 0, mask_ = 0, sg_stride_ = 0, inline_stride_ = 0;
-    uint64_t head_ = 0, tail_ = 0;
+    // The consumer's and the producer's positions, each in a cache line of its own.
+    alignas(limits::kCacheLine) std::atomic<uint64_t> head_{0};
+    alignas(limits::kCacheLine) std::atomic<uint64_t> tail_{0};
 };
 
 using SendRing = WorkRing<SendEntry>;

@@ -12,6 +12,7 @@
 #include <optional>
 #include <vector>
 
+#include "device/adaptive_mutex.hpp"
 #include "device/device.hpp"
 #include "device/event_gate.hpp"
 
@@ -88,7 +89,7 @@ class CompletionQueue : public Object {
     bool push(const VAPI_wc_desc_t &wc);
     const VAPI_wc_desc_t &peek(uint32_t i) const { return slots_[(head_ + i) % slots_.size()]; }
 
-    mutable std::mutex mu_;
+    mutable AdaptiveMutex mu_;
     std::vector<VAPI_wc_desc_t> slots_;
     uint32_t head_ = 0;
     uint32_t count_ = 0;

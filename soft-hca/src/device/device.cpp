@@ -220,10 +220,14 @@ VAPI_ret_t Device::translate(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_
 
 void Device::release_all() {
     for (auto &c : fast_cqs) c.store(nullptr, std::memory_order_release);
+    for (auto &q : fast_qps) q.store(nullptr, std::memory_order_release);
+    doorbells.store(nullptr, std::memory_order_release);
     active_qps.clear();
     sent_unreliable.clear();
     qp_by_number.clear();
+    qp_by_fast_number.fill(nullptr);
     retired.clear();
+    spare_qps.clear();
     retired_cqs.clear();
     failed = false;
     qps.clear();
@@ -417,7 +421,7 @@ Call::Call(Verb verb, VAPI_hca_hndl_t hca) {
         status_ = VAPI_EINVAL_HCA_HNDL;
         return;
     }
-    lock_ = std::unique_lock<std::mutex>(dev_->mu);
+    lock_ = std::unique_lock<AdaptiveMutex>(dev_->mu);
     if (!dev_->open) {
         lock_.unlock();
         status_ = VAPI_EINVAL_HCA_HNDL;
@@ -429,7 +433,7 @@ Call::Call(Device *dev, Checked) : dev_(dev) {
         status_ = VAPI_EINVAL_HCA_HNDL;
         return;
     }
-    lock_ = std::unique_lock<std::mutex>(dev_->mu);
+    lock_ = std::unique_lock<AdaptiveMutex>(dev_->mu);
     if (!dev_->open) {
         lock_.unlock();
         status_ = VAPI_EINVAL_HCA_HNDL;

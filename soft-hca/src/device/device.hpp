@@ -33,6 +33,8 @@
 // a kind's implementation derives its record from Object and casts back with static_cast. Handles
 // come from the kind's HandlePool (`cq_handles`, `qp_handles`, `ah_handles`): small integers handed
 // out lowest-first and reused after release; tests may force the next value with inject_next().
+// A destroyed QP's record waits in `retired` until the engine's next round on the device, then in
+// `spare_qps` for the next QP created: posters hold QP records without the device mutex.
 // `mcast` is a single slot for the multicast groups' state. VAPI_close_hca() destroys what is left,
 // in the order qps, ahs, mcast, cqs, then FMRs, MRs and PDs, simply by destroying the records: a
 // record's destructor must not touch the device.
@@ -66,17 +68,24 @@
 //   5. Device::mu, of one device at a time: verbs (through Call), the requester and timer phase,
 //      and the responder/completer for a packet arriving at the device. The data path never holds
 //      two device mutexes: packets travel between devices with no device lock held;
-//   6. a CQ's own lock, of one CQ at a time: its ring, arming and handler. The completer takes it
+//   6. a QP's queue locks, Qp::sq_mu then Qp::rq_mu (qp.hpp): a post on a connected QP takes the
+//      one of its queue alone, writes the ring and publishes it; whoever changes the QP's state,
+//      capabilities or rings takes both under the device mutex (QpQueueLock), and so does a post
+//      that needs the device (datagram QPs, stopped queues). Only CQ locks are taken under them
+//      (a flush pushes completions);
+//   7. a CQ's own lock, of one CQ at a time: its ring, arming and handler. The completer takes it
 //      under its device mutex to push; polls, peeks and arming take it alone (a poll of a CQ in
 //      the lock-free table takes no other lock), so pollers do not wait for the passes that
 //      deliver into the device. A destroyed CQ is marked dead under it and kept until the device
 //      closes, since a poll may still hold it;
-//   7. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
+//   8. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
 //      the LID table's writers, the fault table and the counts of calls tied to no device, the
 //      registry's device list and event dispatcher, the threaded engine's sleep mutex.
 // Read without any lock: the device table (devices live from boot() to halt()), Device::open, the
-// LID routing table, the CQ table of the empty-poll answer, whether faults or call counting are
-// armed (one relaxed load per verb) and whether the wire is busy.
+// LID routing table, the CQ table of the empty-poll answer, the QP table of posters (its records
+// live until the device closes; a poster checks under the queue lock that the record is still
+// the QP it named), the doorbell list, whether faults or call counting are armed (one relaxed
+// load per verb) and whether the wire is busy.
 // Never call a user callback (completion or async handler) with a device mutex held: collect the
 // events in a PendingEvents and deliver them after unlocking.
 // Destroy and close wait for the handlers still running with the object's handle (event_gate.hpp):
@@ -86,7 +95,9 @@
 
 #include <evapi.h>
 
+#include "device/adaptive_mutex.hpp"
 #include "device/event_gate.hpp"
+#include "device/limits.hpp"
 #include "device/verbs.hpp"
 
 #include <algorithm>
@@ -212,7 +223,9 @@ class Device {
     Device(int index, int ports);
     ~Device();
 
-    std::mutex mu;
+    // The device mutex and the data path token in cache lines of their own: passes on other
+    // threads take them while posters read the device's tables.
+    alignas(limits::kCacheLine) AdaptiveMutex mu;
 
     // Identity and capabilities (fixed at boot).
     const int index;
@@ -251,17 +264,30 @@ class Device {
     // the engine's next round on this device (a packet of the round before may still point into
     // their rings).
     std::unordered_map<uint32_t, struct Qp *> qp_by_number;  // packets name QPs by number
+    // The same for the first regular QP numbers, which is where they are handed out from: a
+    // packet finds its QP without hashing.
+    static constexpr size_t kFastQpNumbers = 4096;
+    std::array<struct Qp *, kFastQpNumbers> qp_by_fast_number{};
     std::vector<struct Qp *> active_qps;
     std::vector<struct Qp *> sent_unreliable;
     std::vector<std::unique_ptr<Object>> retired;
+    // Records of destroyed QPs, past the round that retired them, for the next QPs created: a
+    // QP record lives until the device closes, since a poster may still hold it (qp.hpp).
+    std::vector<std::unique_ptr<Object>> spare_qps;
+    // QPs by handle, read without the device mutex by posters (handles beyond the table take the
+    // locked path).
+    static constexpr size_t kFastQpHandles = 4096;
+    std::array<std::atomic<struct Qp *>, kFastQpHandles> fast_qps{};
+    // QPs whose posts found the data path busy: a lock-free list that whoever runs the data path
+    // next takes over (under the device mutex) onto active_qps.
+    alignas(limits::kCacheLine) std::atomic<struct Qp *> doorbells{nullptr};
     // Destroyed CQs, emptied, kept until the device closes: a poll looks a CQ up without any
     // device lock and may still hold it.
     std::vector<std::unique_ptr<Object>> retired_cqs;
-    std::atomic<uint64_t> round{0};  // engine rounds (and posting threads' passes) run on this device
     // The data path token: whoever holds it runs this device's requesters and carries their
     // packets (the engine's round, or a posting thread that finds it free), so the packets of one
     // QP leave in order.
-    std::mutex run_mu;
+    alignas(limits::kCacheLine) std::mutex run_mu;
     // CQs by handle, read without the lock by VAPI_poll_cq to answer "empty" at once; handles
     // beyond the table take the locked path.
     static constexpr size_t kFastCqHandles = 4096;
@@ -388,7 +414,7 @@ class Call {
   private:
     VAPI_ret_t status_ = VAPI_OK;
     Device *dev_ = nullptr;
-    std::unique_lock<std::mutex> lock_;
+    std::unique_lock<AdaptiveMutex> lock_;
 };
 
 // Fault injection and call counting. Counts the call (per device, atomically; calls not tied to a

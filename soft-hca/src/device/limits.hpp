@@ -5,11 +5,15 @@
 
 #include <vapi_types.h>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace marlix::softhca::limits {
 
 // ---- Identity ----------------------------------------------------------------------------------
+// What two threads write apart goes in different cache lines of this size.
+constexpr size_t kCacheLine = 64;
+
 constexpr uint64_t kNodeGuidBase = 0x0002c90000001000ull;  // Mellanox OUI 00:02:c9; + 0x1000 per device
 constexpr uint32_t kVendorId = 0x02c9;
 constexpr uint32_t kVendorPartId = 23108;

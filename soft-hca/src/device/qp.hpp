@@ -3,10 +3,14 @@
 // Posting writes work requests into the rings; the data path consumes them from the front.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <mutex>
+#include <new>
 #include <optional>
 #include <set>
 #include <vector>
@@ -14,6 +18,7 @@
 #include "device/cq.hpp"
 #include "device/device.hpp"
 #include "device/event_gate.hpp"
+#include "device/limits.hpp"
 #include "datapath/wq.hpp"
 #include "device/qp_state_machine.hpp"
 
@@ -21,7 +26,28 @@ namespace marlix::softhca {
 
 using Mgid = std::array<uint8_t, 16>;
 
-struct Qp : Object {
+struct Qp;
+
+// What a QP record keeps when the device reuses it for a new QP: the locks posters take, the
+// rings they post into, and its link in the device's doorbell list. A poster may still hold a
+// record's lock after the QP is gone, so a record lives as long as the device is open.
+struct QpQueues {
+    // Posters of sends hold sq_mu, posters of receives rq_mu (see wq.hpp for what each side of a
+    // ring may touch). Whoever changes the QP's state, capabilities or rings holds the device
+    // mutex and both (sq_mu first).
+    // Each queue's lock and ring apart from the other's: its posters and its consumer may run
+    // on different threads.
+    alignas(limits::kCacheLine) std::mutex sq_mu;
+    SendRing sq;  // [head, next_send) sent, [next_send, tail) queued
+    alignas(limits::kCacheLine) std::mutex rq_mu;
+    RecvRing rq;
+    // On the device's doorbell list (posts that found the data path busy).
+    std::atomic<bool> doorbell_rung{false};
+    Qp *doorbell_next = nullptr;
+};
+
+// Everything else about a QP: a new QP starts from a fresh one.
+struct QpContext {
     VAPI_qp_hndl_t hndl = 0;
     VAPI_qp_num_t qp_num = 0;
     VAPI_special_qp_t special = VAPI_REGULAR_QP;
@@ -29,11 +55,13 @@ struct Qp : Object {
     qpsm::QpKind kind = qpsm::QpKind::Regular;
     VAPI_qp_init_attr_t init{};  // as created, with the capabilities actually granted
     VAPI_qp_attr_t attr{};       // current attributes (attr.qp_state is the IB state)
-    SendRing sq;                 // [head, next_send) sent, [next_send, tail) queued
-    RecvRing rq;
-
+    // The CQs of init.sq_cq_hndl and init.rq_cq_hndl (a CQ is not destroyed while a QP uses it).
+    CompletionQueue *send_cq = nullptr;
+    CompletionQueue *recv_cq = nullptr;
     // ---- Requester -----------------------------------------------------------------------
-    uint64_t next_send = 0;            // position in sq of the next request to (re)transmit
+    // (Requester and responder state in cache lines of their own: the passes that run the two
+    // roles of one QP may be on different threads.)
+    alignas(limits::kCacheLine) uint64_t next_send = 0;            // position in sq of the next request to (re)transmit
     uint64_t sent_high = 0;            // positions below this were sent at least once
     uint32_t next_psn = 0;             // PSN of the next packet to send
     uint32_t rd_atom_outstanding = 0;  // RDMA reads and atomics sent and not yet answered
@@ -44,7 +72,7 @@ struct Qp : Object {
     bool sqd_event_due = false;        // SQD entered with notification asked; raise when drained
     bool alt_path_loaded = false;      // an alternate path was given; a migration uses it up
     // ---- Responder -----------------------------------------------------------------------
-    uint32_t expected_psn = 0;  // RC/UC: the PSN the next request must carry
+    alignas(limits::kCacheLine) uint32_t expected_psn = 0;  // RC/UC: the PSN the next request must carry
     uint32_t msn = 0;           // messages completed as responder
     bool in_message = false;    // a multi-packet send or write is in progress
     bool recv_taken = false;    // ... and has taken the receive request at rq.head()
@@ -54,8 +82,8 @@ struct Qp : Object {
     uint64_t message_bytes = 0;      // bytes of the message in progress so far
     bool message_failed = false;     // UC: the message in progress is being dropped
     bool nak_sent = false;           // RC: a sequence NAK went out; quiet until the PSN comes
-    uint32_t reads_in_progress = 0;  // responder resources used in this round (reads, atomics)
-    uint64_t reads_round = 0;
+    uint32_t reads_in_progress = 0;  // responder resources used in this pass (reads, atomics)
+    uint64_t reads_pass = 0;
     bool comm_established = false;  // the first packet in RTR raised the event
     // The last atomic operations answered, to answer a duplicate with the same original value.
     struct AtomicReplay {
@@ -65,24 +93,30 @@ struct Qp : Object {
     };
     std::array<AtomicReplay, 4> atomic_replay{};
     uint32_t atomic_replay_next = 0;
-    // ---- Controls for tests -----------------------------------------------------------------
+    // ---- Controls for tests, list membership -----------------------------------------------
     struct Forced {
         bool armed = false;
         VAPI_wc_status_t status = VAPI_SUCCESS;
         uint32_t syndrome = 0;
     };
-    Forced forced_send, forced_recv;
+    alignas(limits::kCacheLine) Forced forced_send;
+    Forced forced_recv;
     bool on_active_list = false;  // queued on the device's list of QPs with requester work
     bool on_sent_list = false;    // on the device's list of UD/UC QPs with sent requests
-    bool destroyed = false;       // destroyed; the record waits in Device::retired
+    bool destroyed = false;       // destroyed; the record waits in Device::retired, then is reused
     std::set<std::pair<Mgid, IB_lid_t>> mcast_groups;  // groups this QP is attached to
     std::optional<uint32_t> reported_state;            // what VAPI_query_qp says instead (tests)
     // What destroy closes and waits on: the QP's asynchronous events in flight.
     EventGateRef event_gate = std::make_shared<EventGate>();
+};
 
+struct Qp : Object, QpQueues, QpContext {
     VAPI_ts_type_t transport() const { return init.ts_type; }
     qpsm::QpState state() const { return static_cast<qpsm::QpState>(attr.qp_state); }
     const VAPI_qp_cap_t &cap() const { return init.cap; }
+    // Still the live QP of handle `h` (read under either queue lock or the device mutex: a
+    // poster's record may have been destroyed, or reused, since it looked it up).
+    bool live_as(VAPI_qp_hndl_t h) const { return !destroyed && hndl == h; }
 };
 
 // The value a caller stored in an enumeration field, read without assuming it is one of the
@@ -97,6 +131,24 @@ uint32_t raw_value(const E &e) {
 
 // Looks up a QP / CQ record of the device (null when the handle is unknown).
 Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp);
+// The QP record of a handle from the table posters read without the device mutex (null: no QP,
+// or a handle beyond the table). Check live_as() under the queue's lock before using it.
+Qp *posting_qp(Device &dev, VAPI_qp_hndl_t qp);
+// Publishes a new QP in, and withdraws a destroyed one from, the tables that find it by handle
+// (posters) and by number (packets); device mutex held.
+void publish_qp(Device &dev, Qp &qp);
+void withdraw_qp(Device &dev, Qp &qp);
+
+// Both queue locks of a QP, sq_mu first, held (under the device mutex) by whoever changes its
+// state, capabilities or rings: a post then sees the QP before or after the change, and its work
+// is queued before or after any flush that goes with it.
+class QpQueueLock {
+  public:
+    explicit QpQueueLock(Qp &qp) : sq_(qp.sq_mu), rq_(qp.rq_mu) {}
+
+  private:
+    std::lock_guard<std::mutex> sq_, rq_;
+};
 CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq);
 // The QP a packet arriving on `port` for QP number `qp_num` is meant for: QP0 and QP1 are the
 // special QPs of that port, other numbers name the same QP on every port. Null when none.
@@ -105,27 +157,39 @@ Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port);
 uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port);
 
 // A few values kept inline, more spilling to the heap: event lists are short (one completion
-// event per armed CQ), so collecting them costs no allocation.
+// event per armed CQ), so collecting them costs no allocation. The inline slots are constructed
+// only when used: every pass makes a few of these, and most stay empty.
 template <class T, size_t N>
 class SmallList {
   public:
+    SmallList() = default;
+    SmallList(const SmallList &other) {
+        for (size_t i = 0; i < other.size(); ++i) push_back(other[i]);
+    }
+    SmallList &operator=(const SmallList &) = delete;
+    ~SmallList() { clear(); }
     void push_back(const T &v) {
         if (n_ < N)
-            inline_[n_] = v;
+            new (slot(n_)) T(v);
         else
             more_.push_back(v);
         ++n_;
     }
     size_t size() const { return n_; }
     bool empty() const { return n_ == 0; }
-    const T &operator[](size_t i) const { return i < N ? inline_[i] : more_[i - N]; }
+    const T &operator[](size_t i) const { return i < N ? *slot(i) : more_[i - N]; }
     void clear() {
+        for (size_t i = 0; i < std::min(n_, N); ++i) slot(i)->~T();
         n_ = 0;
         more_.clear();
     }
 
   private:
-    T inline_[N]{};
+    T *slot(size_t i) { return std::launder(reinterpret_cast<T *>(storage_ + i * sizeof(T))); }
+    const T *slot(size_t i) const {
+        return std::launder(reinterpret_cast<const T *>(storage_ + i * sizeof(T)));
+    }
+    alignas(T) unsigned char storage_[N * sizeof(T)];
     size_t n_ = 0;
     std::vector<T> more_;
 };

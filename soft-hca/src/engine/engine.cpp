@@ -1,6 +1,8 @@
 // The running system's engine, and the engine controls of marlix/softhca.hpp.
 #include "engine/engine.hpp"
 
+#include "datapath/datapath.hpp"
+
 #include <atomic>
 #include <mutex>
 
@@ -46,8 +48,16 @@ void engine_kick() {
     if (Engine *e = slot().current.load(std::memory_order_acquire)) e->kick();
 }
 
-void engine_doorbell(Device &dev) {
-    if (Engine *e = slot().current.load(std::memory_order_acquire)) e->doorbell(dev);
+void Engine::doorbell(Device &dev, Qp *qp) {
+    if (qp) ring_doorbell(dev, *qp);
+    kick();
+}
+
+void engine_doorbell(Device &dev, Qp *qp) {
+    if (Engine *e = slot().current.load(std::memory_order_acquire))
+        e->doorbell(dev, qp);
+    else if (qp)
+        ring_doorbell(dev, *qp);  // whoever runs the device next finds it
 }
 
 EngineKind engine_kind() {

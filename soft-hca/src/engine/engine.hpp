@@ -12,6 +12,7 @@
 namespace marlix::softhca {
 
 class Device;
+struct Qp;
 
 class Engine {
   public:
@@ -20,9 +21,10 @@ class Engine {
     // New work was posted (or a state change may have unblocked some). Cheap, lock-free when
     // the engine is already awake; never blocks.
     virtual void kick() = 0;
-    // Work was posted on `dev`: kicks the engine, or (threaded engine) runs it on the caller's
+    // Work was posted on `dev` (on `qp`, not yet on the device's active list, or null when the
+    // poster put it there): kicks the engine, or (threaded engine) runs it on the caller's
     // thread when the device's data path is free.
-    virtual void doorbell(Device &dev) { (void)dev, kick(); }
+    virtual void doorbell(Device &dev, Qp *qp);
     virtual size_t step() = 0;
     virtual size_t run_until_idle(size_t max_rounds) = 0;
 };
@@ -34,10 +36,11 @@ size_t run_round(uint64_t now, bool *timers_pending = nullptr);
 
 // A posting thread's pass over one device: its requesters, the wire to the responders and back
 // to the completers, exactly as in a round, when the device's data path token is free and the
-// wire holds nothing the pass could overtake. `Engine`: the engine must run (the token was
+// wire holds nothing the pass could overtake. `qp` (optional) is the QP posted on; when the pass
+// cannot run it goes on the device's doorbell list. `Engine`: the engine must run (the token was
 // taken, the wire is busy, or work or a timer is left); `Done`: nothing is left for it.
 enum class PostedRun { Done, Engine };
-PostedRun run_posted(Device &dev, uint64_t now);
+PostedRun run_posted(Device &dev, Qp *qp, uint64_t now);
 
 std::unique_ptr<Engine> make_threaded_engine();
 std::unique_ptr<Engine> make_stepped_engine();
@@ -47,7 +50,8 @@ void engine_start(EngineKind kind);
 void engine_stop();
 // Kicks the running engine, if any.
 void engine_kick();
-// Rings the running engine's doorbell for work posted on `dev` (no device lock held).
-void engine_doorbell(Device &dev);
+// Rings the running engine's doorbell for work posted on `dev` (on `qp`, or null when the QP is
+// already on the device's active list); no lock held.
+void engine_doorbell(Device &dev, Qp *qp);
 
 }  // namespace marlix::softhca

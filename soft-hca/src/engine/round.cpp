@@ -31,7 +31,7 @@ enum class Pass { Round, Posted };
 // its requesters (a full outbox, a rewind), or a timer armed by a request still unanswered on a
 // QP that ran. Called with the device mutex held.
 bool work_left(Device &d, const RanQps &ran) {
-    if (!d.active_qps.empty() || ran.overflow) return true;
+    if (!d.active_qps.empty() || ran.overflow || d.doorbells.load(std::memory_order_relaxed)) return true;
     for (uint32_t i = 0; i < ran.count; ++i) {
         const Qp &qp = *ran.qps[i];
         if (!qp.destroyed && (qp.retransmit_at != 0 || qp.rnr_wait_until != 0)) return true;
@@ -39,11 +39,23 @@ bool work_left(Device &d, const RanQps &ran) {
     return false;
 }
 
+// work_left() read under the device's mutex by the last delivery of a pass's replies to it.
+struct LeftProbe {
+    const RanQps *ran;
+    bool left = false;
+    bool seen = false;
+};
+void read_left(Device &d, void *ctx) {
+    auto *p = static_cast<LeftProbe *>(ctx);
+    p->left = work_left(d, *p->ran);
+    p->seen = true;
+}
+
 // The requesters of one device and everything their packets provoke, with the device's data
 // path token held by the caller. A round also fires due timers and frees retired records; a
 // posting thread's pass leaves both to the engine and says in `left` whether the engine must run.
 // Returns the work done.
-size_t run_device(Device &d, uint64_t now, Scratch &s, Pass pass, bool *timers_pending, bool *left) {
+size_t run_device(Device &d, Qp *posted, uint64_t now, Scratch &s, Pass pass, bool *timers_pending, bool *left) {
     size_t work = 0;
     Outbox &out = s.out;
     out.clear();
@@ -53,8 +65,12 @@ size_t run_device(Device &d, uint64_t now, Scratch &s, Pass pass, bool *timers_p
     {
         std::lock_guard lk(d.mu);
         if (!d.open || d.failed) return 0;
+        if (posted && !posted->destroyed) activate(d, *posted);
         if (pass == Pass::Round) {
-            // Records of QPs destroyed before this round: no packet points into them any more.
+            // Records of QPs destroyed before this round: no packet points into them any more,
+            // and once the doorbell list has let go of them they serve new QPs.
+            take_doorbells(d);
+            for (auto &r : d.retired) d.spare_qps.push_back(std::move(r));
             d.retired.clear();
             work += run_timers(d, now, events);
         }
@@ -69,25 +85,22 @@ size_t run_device(Device &d, uint64_t now, Scratch &s, Pass pass, bool *timers_p
     if (out.count == 0) return work;
     // The wire, with no device lock held: requests to their responders, the replies back.
     s.replies.clear();
-    for (uint32_t i = 0; i < out.count; ++i) transmit(out.entries[i], now, s.replies);
-    // Completers do not reply: the requests' outbox, done with, takes whatever might.
+    transmit_all(out.entries.data(), out.count, now, s.replies);
+    // Completers do not reply: the requests' outbox, done with, takes whatever might. When the
+    // replies end at this device, what the pass left is read in that hold of its mutex.
     out.clear();
-    for (uint32_t i = 0; i < s.replies.count; ++i) transmit(s.replies.entries[i], now, out);
-    if (unreliable || left) {
+    LeftProbe probe{&s.ran};
+    const AfterRun after{&d, read_left, &probe};
+    transmit_all(s.replies.entries.data(), s.replies.count, now, out, left && !unreliable ? &after : nullptr);
+    if (unreliable || (left && !probe.seen)) {
         std::lock_guard lk(d.mu);
         if (unreliable) work += finish_sent(d, events);
         if (left) *left = work_left(d, s.ran);
+    } else if (left) {
+        *left = probe.left;
     }
     events.deliver(d);
     return work;
-}
-
-// A pass (one device's turn in a round, or a posting thread's pass) counts as a new round for
-// the responders' read and atomic resources on every device its packets may reach, so a
-// responder never counts the requests of two passes against one round.
-void new_pass() {
-    for (size_t di = 0, dn = device_count(); di < dn; ++di)
-        if (Device *d = device_at(di)) new_round(*d);
 }
 
 }  // namespace
@@ -101,27 +114,29 @@ size_t run_round(uint64_t now, bool *timers_pending) {
         if (!d) continue;
         std::lock_guard token(d->run_mu);
         new_pass();
-        work += run_device(*d, now, s, Pass::Round, timers_pending ? &timers : nullptr, nullptr);
+        work += run_device(*d, nullptr, now, s, Pass::Round, timers_pending ? &timers : nullptr, nullptr);
     }
     s.replies.clear();
     work += deliver_delayed(now, s.replies);
     Outbox &dummy = s.out;
     dummy.clear();
-    for (uint32_t i = 0; i < s.replies.count; ++i) transmit(s.replies.entries[i], now, dummy);
+    transmit_all(s.replies.entries.data(), s.replies.count, now, dummy);
     if (timers_pending) *timers_pending = timers || next_delayed() != 0;
     return work;
 }
 
-PostedRun run_posted(Device &dev, uint64_t now) {
+PostedRun run_posted(Device &dev, Qp *qp, uint64_t now) {
     // Packets held on a delayed link, or links that lose or delay packets, are the engine's: a
     // pass here could overtake them.
-    if (wire_busy()) return PostedRun::Engine;
-    std::unique_lock token(dev.run_mu, std::try_to_lock);
-    if (!token.owns_lock()) return PostedRun::Engine;
+    std::unique_lock token(dev.run_mu, std::defer_lock);
+    if (wire_busy() || !token.try_lock()) {
+        if (qp) ring_doorbell(dev, *qp);
+        return PostedRun::Engine;
+    }
     Scratch &s = scratch();
     new_pass();
     bool left = false;
-    run_device(dev, now, s, Pass::Posted, nullptr, &left);
+    run_device(dev, qp, now, s, Pass::Posted, nullptr, &left);
     return left ? PostedRun::Engine : PostedRun::Done;
 }
 

@@ -30,16 +30,17 @@ class ThreadedEngine : public Engine {
     EngineKind kind() const override { return EngineKind::Threaded; }
 
     void kick() override {
-        // Posting threads pay one atomic exchange when the engine is awake.
-        if (kicked_.exchange(true)) return;
+        // Posting threads pay one load when the engine was kicked already (the engine clears the
+        // flag once per round), and one atomic exchange otherwise.
+        if (kicked_.load(std::memory_order_relaxed) || kicked_.exchange(true)) return;
         if (sleeping_.load()) {
             std::lock_guard lk(mu_);
             cv_.notify_one();
         }
     }
 
-    void doorbell(Device &dev) override {
-        if (run_posted(dev, host::now_ns()) == PostedRun::Engine) kick();
+    void doorbell(Device &dev, Qp *qp) override {
+        if (run_posted(dev, qp, host::now_ns()) == PostedRun::Engine) kick();
     }
 
     size_t step() override { return 0; }

@@ -137,34 +137,78 @@ void arrive(const Packet &p, uint64_t now, Outbox &replies, bool delayed_already
 
 }  // namespace
 
-void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies) {
-    if (e.train == Outbox::Train::None) {
-        send_packet(e.from, e.port, e.pkt, now, replies);
-        return;
-    }
-    const bool multicast = e.pkt.dlid >= limits::kFirstMulticastLid && e.pkt.dlid != 0xffff;
-    if (e.segments == 1 || multicast || wire().any_fault.load(std::memory_order_acquire)) {
-        for (uint32_t i = 0; i < e.segments; ++i)
-            send_packet(e.from, e.port, train_segment(e, i), now, replies);
-        return;
-    }
-    // A healthy unicast link: the whole train goes the same way, so route it once and hand its
-    // packets to the receiver under one hold of its lock.
+namespace {
+
+// Where an entry goes when the links are healthy and its destination is one port: the receiving
+// device and port. False for multicast, a faulty wire, a sender whose port is down (the packet
+// is lost) or a LID nobody has.
+bool direct_route(const Outbox::Entry &e, Device *&dest, IB_port_t &port) {
+    if (e.pkt.dlid >= limits::kFirstMulticastLid && e.pkt.dlid != 0xffff) return false;
+    if (wire().any_fault.load(std::memory_order_acquire)) return false;
     IB_port_t lid_port = 0;
-    if (!e.from || device_by_lid(e.pkt.slid, &lid_port) != e.from || lid_port != e.port) return;
-    IB_port_t port = 0;
-    Device *dest = device_by_lid(e.pkt.dlid, &port);
-    if (!dest) return;
+    if (!e.from || device_by_lid(e.pkt.slid, &lid_port) != e.from || lid_port != e.port) return false;
+    dest = device_by_lid(e.pkt.dlid, &port);
+    return dest != nullptr;
+}
+
+// Hands `n` entries bound for the same port to the receiving device under one hold of its lock.
+void deliver_run(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n, uint64_t now,
+                 Outbox &replies, const AfterRun *after) {
     PendingEvents events;
     {
-        std::lock_guard lk(dest->mu);
-        if (!dest->open || dest->failed) return;
-        if (op::is_response(e.pkt.opcode))
-            for (uint32_t i = 0; i < e.segments; ++i) complete(*dest, port, train_segment(e, i), now, events);
-        else
-            respond_train(*dest, port, e, replies, events);
+        std::lock_guard lk(dest.mu);
+        if (!dest.open || dest.failed) return;
+        for (uint32_t k = 0; k < n; ++k) {
+            const Outbox::Entry &e = entries[k];
+            if (op::is_response(e.pkt.opcode)) {
+                if (e.train == Outbox::Train::None)
+                    complete(dest, port, e.pkt, now, events);
+                else
+                    for (uint32_t i = 0; i < e.segments; ++i)
+                        complete(dest, port, train_segment(e, i), now, events);
+            } else if (e.train == Outbox::Train::None) {
+                respond(dest, port, e.pkt, replies, events);
+            } else {
+                respond_train(dest, port, e, replies, events);
+            }
+        }
+        if (after && after->dev == &dest) after->fn(dest, after->ctx);
     }
-    events.deliver(*dest);
+    events.deliver(dest);
+}
+
+}  // namespace
+
+void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies) {
+    transmit_all(&e, 1, now, replies);
+}
+
+void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox &replies,
+                  const AfterRun *after) {
+    for (uint32_t i = 0; i < n;) {
+        const Outbox::Entry &e = entries[i];
+        Device *dest = nullptr;
+        IB_port_t port = 0;
+        if (!direct_route(e, dest, port)) {
+            // Packet by packet, each through the links' loss and delay (a sender whose port is
+            // down, or a LID nobody has, loses them here).
+            for (uint32_t k = 0; k < e.segments; ++k)
+                send_packet(e.from, e.port, e.train == Outbox::Train::None ? e.pkt : train_segment(e, k), now,
+                            replies);
+            ++i;
+            continue;
+        }
+        // The entries after it that leave from the same port for the same port go in the same hold.
+        uint32_t j = i + 1;
+        for (; j < n; ++j) {
+            const Outbox::Entry &next = entries[j];
+            if (next.from != e.from || next.port != e.port || next.pkt.slid != e.pkt.slid ||
+                next.pkt.dlid != e.pkt.dlid)
+                break;
+        }
+        deliver_run(*dest, port, entries + i, j - i, now, replies, after);
+        i = j;
+    }
 }
 
 size_t deliver_delayed(uint64_t now, Outbox &replies) {

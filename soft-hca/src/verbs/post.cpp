@@ -1,6 +1,8 @@
 // Posting work requests: validation against the QP's state, transport and capabilities, and
 // queueing on the QP for the data path. A list post is all or nothing: every request is checked
-// before the first one is queued.
+// before the first one is queued. A post on a connected QP takes only the lock of the queue it
+// posts to; datagram and special QPs (address handles) and stopped queues (flushes) take the
+// device mutex as well.
 #include <algorithm>
 #include <cstring>
 #include <optional>
@@ -126,49 +128,118 @@ void write_recv(Qp &qp, const VAPI_rr_desc_t &d) {
 }
 
 struct SendPost {
+    bool one = false;  // a single request: a missing one is refused before the QP is looked up
     bool is_inline = false;
     bool gsi_only = false;
     std::optional<VAPI_pkey_ix_t> pkey_ix;
 };
 
-VAPI_ret_t post_sends(Call &call, VAPI_qp_hndl_t qp_hndl, const VAPI_sr_desc_t *descs, uint32_t n,
-                      const SendPost &how) {
-    Device &dev = call.dev();
-    Qp *qp = find_qp(dev, qp_hndl);
-    if (!qp) return VAPI_EINVAL_QP_HNDL;
-    if (how.gsi_only && qp->special != VAPI_GSI_QP) return VAPI_EINVAL_QP_HNDL;
+// The device a post names, counted and checked for injected faults, or the status to return.
+Device *posting_device(Verb verb, VAPI_hca_hndl_t hca, VAPI_ret_t &status) {
+    Device *dev = device_by_handle(hca);
+    static const std::string unknown("?");
+    status = check_faults(verb, dev, dev ? dev->name : unknown);
+    if (status != VAPI_OK) return nullptr;
+    if (!dev || !dev->open.load(std::memory_order_acquire)) {
+        status = VAPI_EINVAL_HCA_HNDL;
+        return nullptr;
+    }
+    return dev;
+}
+
+// Checks every request, then queues them all (the QP's send queue lock held).
+VAPI_ret_t queue_sends(Device &dev, Qp &qp, const VAPI_sr_desc_t *descs, uint32_t n, const SendPost &how) {
+    if (how.gsi_only && qp.special != VAPI_GSI_QP) return VAPI_EINVAL_QP_HNDL;
     if (how.pkey_ix && *how.pkey_ix >= dev.cap.max_pkeys) return VAPI_EINVAL_PKEY_IX;
     if (n > 0 && !descs) return VAPI_EINVAL_PARAM;
     for (uint32_t i = 0; i < n; ++i)
-        if (VAPI_ret_t rc = check_send(dev, *qp, &descs[i], how.is_inline, i); rc != VAPI_OK) return rc;
-    for (uint32_t i = 0; i < n; ++i) write_send(*qp, descs[i], how.is_inline, how.pkey_ix);
-    if (qp->state() == QpState::Sqe || qp->state() == QpState::Err) {
-        PendingEvents events;
-        flush_send_queue(dev, *qp, events);
-        call.unlock();
-        events.deliver(dev);
-        return VAPI_OK;
-    }
-    // The doorbell: the requester takes it from here, on the engine (or on this thread).
-    activate(dev, *qp);
-    call.unlock();
-    engine_doorbell(dev);
+        if (VAPI_ret_t rc = check_send(dev, qp, &descs[i], how.is_inline, i); rc != VAPI_OK) return rc;
+    for (uint32_t i = 0; i < n; ++i) write_send(qp, descs[i], how.is_inline, how.pkey_ix);
     return VAPI_OK;
 }
 
-VAPI_ret_t post_recvs(Call &call, VAPI_qp_hndl_t qp_hndl, const VAPI_rr_desc_t *descs, uint32_t n) {
-    Device &dev = call.dev();
-    Qp *qp = find_qp(dev, qp_hndl);
+// A send queue that is stopped completes what it takes at once, with a flush error.
+bool send_queue_stopped(const Qp &qp) {
+    return qp.state() == QpState::Sqe || qp.state() == QpState::Err;
+}
+
+// Whether a send post needs the device mutex: datagram and special QPs look up address handles,
+// and a stopped send queue flushes.
+bool send_needs_device(const Qp &qp) {
+    return qp.kind != QpKind::Regular || qp.transport() == VAPI_TS_UD || send_queue_stopped(qp);
+}
+
+VAPI_ret_t post_sends(Verb verb, VAPI_hca_hndl_t hca, VAPI_qp_hndl_t qp_hndl, const VAPI_sr_desc_t *descs,
+                      uint32_t n, const SendPost &how) {
+    VAPI_ret_t status = VAPI_OK;
+    Device *dev = posting_device(verb, hca, status);
+    if (!dev) return status;
+    if (how.one && !descs) return VAPI_EINVAL_PARAM;
+    // The common case takes the QP's send queue lock only, so posters on other QPs and the data
+    // path (which holds the device mutex) do not wait for each other.
+    if (Qp *qp = posting_qp(*dev, qp_hndl)) {
+        std::unique_lock queue(qp->sq_mu);
+        if (qp->live_as(qp_hndl) && !send_needs_device(*qp)) {
+            VAPI_ret_t rc = queue_sends(*dev, *qp, descs, n, how);
+            queue.unlock();
+            // The doorbell: the requester takes it from here, on the engine (or on this thread).
+            if (rc == VAPI_OK) engine_doorbell(*dev, qp);
+            return rc;
+        }
+    }
+    Call call(dev, Call::Checked{});
+    if (call.failed()) return call.status();
+    Qp *qp = find_qp(*dev, qp_hndl);
     if (!qp) return VAPI_EINVAL_QP_HNDL;
+    std::unique_lock queue(qp->sq_mu);
+    if (VAPI_ret_t rc = queue_sends(*dev, *qp, descs, n, how); rc != VAPI_OK) return rc;
+    if (send_queue_stopped(*qp)) {
+        PendingEvents events;
+        flush_send_queue(*dev, *qp, events);
+        queue.unlock();
+        call.unlock();
+        events.deliver(*dev);
+        return VAPI_OK;
+    }
+    activate(*dev, *qp);
+    queue.unlock();
+    call.unlock();
+    engine_doorbell(*dev, nullptr);
+    return VAPI_OK;
+}
+
+VAPI_ret_t queue_recvs(Qp &qp, const VAPI_rr_desc_t *descs, uint32_t n) {
     if (n > 0 && !descs) return VAPI_EINVAL_PARAM;
     for (uint32_t i = 0; i < n; ++i)
-        if (VAPI_ret_t rc = check_recv(*qp, &descs[i], i); rc != VAPI_OK) return rc;
-    for (uint32_t i = 0; i < n; ++i) write_recv(*qp, descs[i]);
+        if (VAPI_ret_t rc = check_recv(qp, &descs[i], i); rc != VAPI_OK) return rc;
+    for (uint32_t i = 0; i < n; ++i) write_recv(qp, descs[i]);
+    return VAPI_OK;
+}
+
+// `one`: a single request, refused before the QP is looked up when it is missing.
+VAPI_ret_t post_recvs(Verb verb, VAPI_hca_hndl_t hca, VAPI_qp_hndl_t qp_hndl, const VAPI_rr_desc_t *descs,
+                      uint32_t n, bool one) {
+    VAPI_ret_t status = VAPI_OK;
+    Device *dev = posting_device(verb, hca, status);
+    if (!dev) return status;
+    if (one && !descs) return VAPI_EINVAL_PARAM;
+    // The responder takes receives from the ring as they are published: nothing to ring.
+    if (Qp *qp = posting_qp(*dev, qp_hndl)) {
+        std::unique_lock queue(qp->rq_mu);
+        if (qp->live_as(qp_hndl) && qp->state() != QpState::Err) return queue_recvs(*qp, descs, n);
+    }
+    Call call(dev, Call::Checked{});
+    if (call.failed()) return call.status();
+    Qp *qp = find_qp(*dev, qp_hndl);
+    if (!qp) return VAPI_EINVAL_QP_HNDL;
+    std::unique_lock queue(qp->rq_mu);
+    if (VAPI_ret_t rc = queue_recvs(*qp, descs, n); rc != VAPI_OK) return rc;
     if (qp->state() == QpState::Err) {
         PendingEvents events;
-        flush_recv_queue(dev, *qp, events);
+        flush_recv_queue(*dev, *qp, events);
+        queue.unlock();
         call.unlock();
-        events.deliver(dev);
+        events.deliver(*dev);
     }
     return VAPI_OK;
 }
@@ -182,52 +253,40 @@ using namespace marlix::softhca;
 extern "C" {
 
 VAPI_ret_t VAPI_post_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, const VAPI_sr_desc_t *sr_desc_p) {
-    Call call(Verb::VAPI_post_sr, hca_hndl);
-    if (call.failed()) return call.status();
-    if (!sr_desc_p) return VAPI_EINVAL_PARAM;
-    return post_sends(call, qp_hndl, sr_desc_p, 1, SendPost{});
+    SendPost how;
+    how.one = true;
+    return post_sends(Verb::VAPI_post_sr, hca_hndl, qp_hndl, sr_desc_p, 1, how);
 }
 
 VAPI_ret_t EVAPI_post_inline_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl,
                                 const VAPI_sr_desc_t *sr_desc_p) {
-    Call call(Verb::EVAPI_post_inline_sr, hca_hndl);
-    if (call.failed()) return call.status();
-    if (!sr_desc_p) return VAPI_EINVAL_PARAM;
     SendPost how;
+    how.one = true;
     how.is_inline = true;
-    return post_sends(call, qp_hndl, sr_desc_p, 1, how);
+    return post_sends(Verb::EVAPI_post_inline_sr, hca_hndl, qp_hndl, sr_desc_p, 1, how);
 }
 
 VAPI_ret_t EVAPI_post_sr_list(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, u_int32_t num_of_requests,
                               const VAPI_sr_desc_t *sr_desc_array) {
-    Call call(Verb::EVAPI_post_sr_list, hca_hndl);
-    if (call.failed()) return call.status();
-    return post_sends(call, qp_hndl, sr_desc_array, num_of_requests, SendPost{});
+    return post_sends(Verb::EVAPI_post_sr_list, hca_hndl, qp_hndl, sr_desc_array, num_of_requests, SendPost{});
 }
 
 VAPI_ret_t EVAPI_post_gsi_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl,
                              const VAPI_sr_desc_t *sr_desc_p, VAPI_pkey_ix_t pkey_index) {
-    Call call(Verb::EVAPI_post_gsi_sr, hca_hndl);
-    if (call.failed()) return call.status();
-    if (!sr_desc_p) return VAPI_EINVAL_PARAM;
     SendPost how;
+    how.one = true;
     how.gsi_only = true;
     how.pkey_ix = pkey_index;
-    return post_sends(call, qp_hndl, sr_desc_p, 1, how);
+    return post_sends(Verb::EVAPI_post_gsi_sr, hca_hndl, qp_hndl, sr_desc_p, 1, how);
 }
 
 VAPI_ret_t VAPI_post_rr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, const VAPI_rr_desc_t *rr_desc_p) {
-    Call call(Verb::VAPI_post_rr, hca_hndl);
-    if (call.failed()) return call.status();
-    if (!rr_desc_p) return VAPI_EINVAL_PARAM;
-    return post_recvs(call, qp_hndl, rr_desc_p, 1);
+    return post_recvs(Verb::VAPI_post_rr, hca_hndl, qp_hndl, rr_desc_p, 1, true);
 }
 
 VAPI_ret_t EVAPI_post_rr_list(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, u_int32_t num_of_requests,
                               const VAPI_rr_desc_t *rr_desc_array) {
-    Call call(Verb::EVAPI_post_rr_list, hca_hndl);
-    if (call.failed()) return call.status();
-    return post_recvs(call, qp_hndl, rr_desc_array, num_of_requests);
+    return post_recvs(Verb::EVAPI_post_rr_list, hca_hndl, qp_hndl, rr_desc_array, num_of_requests, false);
 }
 
 }  // extern "C"

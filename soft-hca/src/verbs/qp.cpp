@@ -151,44 +151,64 @@ VAPI_ret_t create_common(Device &dev, const VAPI_qp_init_attr_t &req, VAPI_ts_ty
     if (VAPI_ret_t rc = grant_caps(dev, req.cap, cap); rc != VAPI_OK) return rc;
     if (dev.qps.size() >= dev.cap.max_num_qp) return VAPI_EOL;
 
-    auto qp = std::make_unique<Qp>();
+    VAPI_qp_num_t qp_num = 0;
+    QpKind kind = QpKind::Regular;
     switch (special) {
         case VAPI_SMI_QP:
-            qp->qp_num = 0;
-            qp->kind = QpKind::Smi;
+            kind = QpKind::Smi;
             break;
         case VAPI_GSI_QP:
-            qp->qp_num = 1;
-            qp->kind = QpKind::Gsi;
+            qp_num = 1;
+            kind = QpKind::Gsi;
             break;
         default: {
             std::optional<VAPI_qp_num_t> n = allocate_qp_num(dev);
             if (!n) return VAPI_EOL;
-            qp->qp_num = *n;
-            qp->kind = special == VAPI_REGULAR_QP ? QpKind::Regular : QpKind::Raw;
+            qp_num = *n;
+            kind = special == VAPI_REGULAR_QP ? QpKind::Regular : QpKind::Raw;
         }
     }
-    qp->special = special;
-    qp->special_port = port;
-    qp->init = req;
-    qp->init.ts_type = ts;
-    qp->init.cap = cap;
-    if (ts != VAPI_TS_RD) qp->init.rdd_hndl = 0;
-    qp->attr.qp_state = VAPI_RESET;
-    qp->attr.qp_num = qp->qp_num;
-    qp->attr.cap = cap;
-    qp->attr.port = port;
-    qp->attr.min_rnr_timer = kDefaultMinRnrTimer;
-    qp->hndl = dev.qp_handles.allocate();
-    qp->sq.resize(cap.max_oust_wr_sq, cap.max_sg_size_sq, cap.max_inline_data_sq);
-    qp->rq.resize(cap.max_oust_wr_rq, cap.max_sg_size_rq, 0);
+    // The record of a QP destroyed earlier if there is one (see the top of qp.hpp).
+    std::unique_ptr<Object> record;
+    if (!dev.spare_qps.empty()) {
+        record = std::move(dev.spare_qps.back());
+        dev.spare_qps.pop_back();
+    } else {
+        record = std::make_unique<Qp>();
+    }
+    Qp *qp = static_cast<Qp *>(record.get());
+    {
+        // A poster that looked the record up as an earlier QP finds it is no longer that one.
+        QpQueueLock queues(*qp);
+        static_cast<QpContext &>(*qp) = QpContext{};
+        qp->qp_num = qp_num;
+        qp->kind = kind;
+        qp->special = special;
+        qp->special_port = port;
+        qp->init = req;
+        qp->init.ts_type = ts;
+        qp->init.cap = cap;
+        if (ts != VAPI_TS_RD) qp->init.rdd_hndl = 0;
+        qp->attr.qp_state = VAPI_RESET;
+        qp->attr.qp_num = qp->qp_num;
+        qp->attr.cap = cap;
+        qp->attr.port = port;
+        qp->attr.min_rnr_timer = kDefaultMinRnrTimer;
+        qp->send_cq = scq;
+        qp->recv_cq = rcq;
+        qp->hndl = dev.qp_handles.allocate();
+        qp->sq.clear();
+        qp->rq.clear();
+        qp->sq.resize(cap.max_oust_wr_sq, cap.max_sg_size_sq, cap.max_inline_data_sq);
+        qp->rq.resize(cap.max_oust_wr_rq, cap.max_sg_size_rq, 0);
+    }
 
-    dev.qp_by_number[qp_number_key(qp->qp_num, port)] = qp.get();
     pd->users++;
     scq->qp_users++;
     rcq->qp_users++;
-    out = qp.get();
-    dev.qps[qp->hndl] = std::move(qp);
+    out = qp;
+    dev.qps[qp->hndl] = std::move(record);
+    publish_qp(dev, *qp);
     return VAPI_OK;
 }
 
@@ -337,6 +357,7 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
     const QpState to = static_cast<QpState>(qp_attr_p->qp_state);
     const bool was_armed = raw_value(qp->attr.path_mig_state) == VAPI_ARMED;
     PendingEvents events;
+    std::optional<QpQueueLock> queues(std::in_place, *qp);
     if (to == QpState::Reset) {
         // Back to RESET: queued work is discarded without completions and every attribute is
         // forgotten except what creation fixed.
@@ -394,6 +415,7 @@ VAPI_ret_t VAPI_modify_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, cons
         }
     }
     if (qp_cap_p) *qp_cap_p = cap;
+    queues.reset();
     call.unlock();
     events.deliver(dev);
     engine_kick();
@@ -427,10 +449,13 @@ VAPI_ret_t VAPI_destroy_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl) {
     if (CompletionQueue *cq = find_cq(dev, qp->init.sq_cq_hndl)) cq->qp_users--;
     if (CompletionQueue *cq = find_cq(dev, qp->init.rq_cq_hndl)) cq->qp_users--;
     deactivate(dev, *qp);
-    qp->destroyed = true;
-    dev.qp_by_number.erase(qp_number_key(qp->qp_num, qp->special_port));
+    withdraw_qp(dev, *qp);
+    {
+        QpQueueLock queues(*qp);
+        qp->destroyed = true;
+    }
     // The record outlives its handle until the engine's next round on this device: a packet
-    // of the current round may still read from its rings.
+    // of the current round may still read from its rings. Then it serves a new QP.
     auto it = dev.qps.find(qp_hndl);
     dev.retired.push_back(std::move(it->second));
     dev.qps.erase(it);

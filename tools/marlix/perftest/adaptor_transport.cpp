@@ -2,16 +2,13 @@
 // module registered with the stack's verbs core ("mlx"), as an upper-layer protocol does. Buffers
 // are addressed by their kernel virtual addresses under the HCA's generic registration; the peer
 // reaches them at the address the module advertises for them.
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <vector>
 
 #include <marlix/kernel.hpp>
 
-#include "perftest/page_buffers.hpp"
+#include "perftest/endpoint_base.hpp"
 #include "perftest/transport.hpp"
 #include "ulp_datapath.h"
 #include "ulp_pair.hpp"
@@ -29,28 +26,12 @@ constexpr uint32_t kAllAccess = 0x0f;
 // bytes an entry (the module's create asks for no inline room of its own).
 constexpr uint32_t kSendGather = 8;
 
-std::string ox_error(const char *call, int rc) {
-    return std::string(call) + " failed: " + ulp_status_name(rc) + " (" + std::to_string(rc) + ")";
-}
-
-// Completion events of one CQ: the module calls the owner's callback with the CQ's context.
-struct CqEvents {
-    std::mutex mu;
-    std::condition_variable cv;
-    uint32_t count = 0;
-    uint32_t seen = 0;
-};
-
+// The module calls a CQ owner's callback with the CQ's context: here, the CQ's events.
 extern "C" void on_adaptor_completion_event(uint64_t context) {
-    auto *ev = reinterpret_cast<CqEvents *>(static_cast<uintptr_t>(context));
-    {
-        std::lock_guard lk(ev->mu);
-        ++ev->count;
-    }
-    ev->cv.notify_all();
+    reinterpret_cast<CqEvents *>(static_cast<uintptr_t>(context))->signal();
 }
 
-class AdaptorEndpoint final : public Endpoint {
+class AdaptorEndpoint final : public EndpointBase {
   public:
     explicit AdaptorEndpoint(const ulp_funcs_t *funcs) : funcs_(funcs) {}
     ~AdaptorEndpoint() override { release(); }
@@ -59,23 +40,20 @@ class AdaptorEndpoint final : public Endpoint {
         int rc = ulp_hca_open(funcs_, device.c_str(), nullptr, &hca_);
         if (rc != 0 || !hca_) {
             hca_ = nullptr;
-            error = ox_error("ox_hca_open", rc);
+            error = failure("ox_hca_open", rc);
             return false;
         }
         uint64_t mr = 0;
-        if ((rc = ulp_get_gen_pd_h(funcs_, hca_, &pd_)) != 0 ||
-            (rc = ulp_get_gen_mr_attrib(funcs_, hca_, nullptr, 0, &mr, &l_key_, &r_key_)) != 0) {
-            error = ox_error("the generic PD and region", rc);
-            return false;
-        }
-        return true;
+        if ((rc = ulp_get_gen_pd_h(funcs_, hca_, &pd_)) == 0)
+            rc = ulp_get_gen_mr_attrib(funcs_, hca_, nullptr, 0, &mr, &l_key_, &r_key_);
+        return succeeded(rc, "the generic PD and region", error);
     }
 
     bool query_port(int port, PortInfo &info, std::string &error) override {
         std::vector<unsigned char> attrib(ulp_sizeof_port_attrib(), 0);
         int rc = ulp_port_query(funcs_, hca_, unsigned(port), attrib.data());
         if (rc != 0) {
-            error = "no such port: " + std::to_string(port) + " (" + ox_error("ox_port_query", rc) + ")";
+            error = "no such port: " + std::to_string(port) + " (" + failure("ox_port_query", rc) + ")";
             return false;
         }
         uint64_t lid = 0, mtu = 0, state = 0;
@@ -97,11 +75,9 @@ class AdaptorEndpoint final : public Endpoint {
         // gives the peer its key and addresses.
         uint64_t mr = 0;
         uint32_t l_key = 0, r_key = 0;
-        int rc = ulp_mr_register(funcs_, hca_, addr, length, pd_, kAllAccess, &mr, &l_key, &r_key);
-        if (rc != 0) {
-            error = ox_error("ox_mr_register", rc);
+        if (!succeeded(ulp_mr_register(funcs_, hca_, addr, length, pd_, kAllAccess, &mr, &l_key, &r_key),
+                       "ox_mr_register", error))
             return false;
-        }
         mrs_.push_back(mr);
         region.addr = addr;
         region.length = length;
@@ -113,22 +89,16 @@ class AdaptorEndpoint final : public Endpoint {
     }
 
     bool create_cq(uint32_t entries, bool events, CqId &cq, std::string &error) override {
-        CqEvents *ev = nullptr;
-        if (events) {
-            events_.push_back(std::make_unique<CqEvents>());
-            ev = events_.back().get();
-        }
+        auto ev = events ? std::make_unique<CqEvents>() : nullptr;
         void *h = nullptr;
         uint32_t actual = 0;
-        int rc =
-            ulp_cq_create(funcs_, hca_, entries, ev ? on_adaptor_completion_event : nullptr, ev, &h, &actual);
-        if (rc != 0) {
-            error = ox_error("ox_cq_create", rc);
+        if (!succeeded(ulp_cq_create(funcs_, hca_, entries, ev ? on_adaptor_completion_event : nullptr,
+                                     ev.get(), &h, &actual),
+                       "ox_cq_create", error))
             return false;
-        }
         cqs_.push_back(h);
-        if (ev) event_cqs_.push_back({h, ev});
         cq = reinterpret_cast<uintptr_t>(h);
+        if (ev) keep_events(cq, std::move(ev));
         return true;
     }
 
@@ -145,11 +115,9 @@ class AdaptorEndpoint final : public Endpoint {
         ulp_qp_attr_set(req.data(), "create.signaling_type", 1);  // ox_signal_req_wr: CQ moderation
         ulp_qp_attr_set(req.data(), "create.pd_h", pd_);
         void *h = nullptr;
-        int rc = ulp_qp_create(funcs_, hca_, req.data(), nullptr, &h, out.data());
-        if (rc != 0) {
-            error = ox_error("ox_qp_create", rc);
+        if (!succeeded(ulp_qp_create(funcs_, hca_, req.data(), nullptr, &h, out.data()), "ox_qp_create",
+                       error))
             return false;
-        }
         qps_.push_back(h);
         qp = reinterpret_cast<uintptr_t>(h);
         uint64_t qpn = 0;
@@ -206,27 +174,16 @@ class AdaptorEndpoint final : public Endpoint {
                 rc = rts.apply(s);
             }
         }
-        if (rc != 0) {
-            error = ox_error((std::string("ox_qp_modify to ") + step).c_str(), rc);
-            return false;
-        }
-        return true;
+        return succeeded(rc, (std::string("ox_qp_modify to ") + step).c_str(), error);
     }
 
     bool create_ah(uint16_t dlid, int, AhId &ah, std::string &error) override {
         uint64_t h = 0;
-        int rc = ulp_ah_create_simple(funcs_, hca_, pd_, dlid, 0, &h);
-        if (rc != 0) {
-            error = ox_error("ox_ah_create", rc);
+        if (!succeeded(ulp_ah_create_simple(funcs_, hca_, pd_, dlid, 0, &h), "ox_ah_create", error))
             return false;
-        }
         ahs_.push_back(h);
         ah = h;
         return true;
-    }
-
-    uint8_t *allocate_buffer(size_t length, std::string &error) override {
-        return buffers_.allocate(length, error);
     }
 
     int post_send(QpId qp, const SendRequest &r) override {
@@ -272,23 +229,9 @@ class AdaptorEndpoint final : public Endpoint {
     }
 
     int arm(CqId cq) override {
-        if (CqEvents *ev = events_of(cq)) {
-            std::lock_guard lk(ev->mu);
-            ev->seen = ev->count;
-        }
+        arm_events(cq);
         return ulp_request_notification(funcs_, hca_, reinterpret_cast<void *>(static_cast<uintptr_t>(cq)),
                                         0);
-    }
-
-    bool wait_event(CqId cq, int timeout_ms) override {
-        CqEvents *ev = events_of(cq);
-        if (!ev) return false;
-        std::unique_lock lk(ev->mu);
-        if (!ev->cv.wait_for(lk, std::chrono::milliseconds(timeout_ms),
-                             [&] { return ev->count != ev->seen; }))
-            return false;
-        ev->seen = ev->count;
-        return true;
     }
 
     std::string status_name(int status) const override {
@@ -298,17 +241,15 @@ class AdaptorEndpoint final : public Endpoint {
     bool carries_atomic_operands() const override { return false; }
 
   private:
+    std::string failure(const char *call, int rc) const override {
+        return std::string(call) + " failed: " + ulp_status_name(rc) + " (" + std::to_string(rc) + ")";
+    }
+
     static const char *type_name(Connection c) {
         return c == Connection::RC ? "rc" : c == Connection::UC ? "uc" : "ud";
     }
 
     static void *qp_ptr(QpId qp) { return reinterpret_cast<void *>(static_cast<uintptr_t>(qp)); }
-
-    CqEvents *events_of(CqId cq) {
-        for (auto &e : event_cqs_)
-            if (reinterpret_cast<uintptr_t>(e.first) == cq) return e.second;
-        return nullptr;
-    }
 
     void release() {
         if (hca_) {
@@ -322,18 +263,14 @@ class AdaptorEndpoint final : public Endpoint {
             // thread; the CqEvents it touches live until this returns.
             marlix::kernel::irq_sync();
         }
-        buffers_.release();
     }
 
     const ulp_funcs_t *funcs_;
     void *hca_ = nullptr;
     uint32_t pd_ = 0, l_key_ = 0, r_key_ = 0;
     std::vector<void *> qps_, cqs_;
-    PageBuffers buffers_;
     std::vector<uint64_t> ahs_, mrs_;
     int operation_type_ = 0;  // every QP of a test has the same transport
-    std::vector<std::unique_ptr<CqEvents>> events_;
-    std::vector<std::pair<void *, CqEvents *>> event_cqs_;
 };
 
 }  // namespace

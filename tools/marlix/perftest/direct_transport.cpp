@@ -1,44 +1,24 @@
 // The direct path: the test drives the software HCA through VAPI/EVAPI, with no module between.
 // It is the floor the adaptor's path is compared with.
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <vector>
 
 #include <evapi.h>
 #include <marlix/kernel.hpp>
 
-#include "perftest/page_buffers.hpp"
+#include "perftest/endpoint_base.hpp"
 #include "perftest/transport.hpp"
 
 namespace marlix::perftest {
 namespace {
 
-std::string vapi_error(const char *call, VAPI_ret_t rc) {
-    return std::string(call) + " failed: " + VAPI_strerror_sym(rc) + " (" + std::to_string(rc) + ")";
-}
-
-// Completion events of one CQ: counted by the handler (on the kernel's interrupt thread), waited
-// for by the test.
-struct CqEvents {
-    std::mutex mu;
-    std::condition_variable cv;
-    uint32_t count = 0;
-    uint32_t seen = 0;
-};
-
+// The handler of every CQ made with events; its private data is the CQ's events.
 void on_completion_event(VAPI_hca_hndl_t, VAPI_cq_hndl_t, void *private_data) {
-    auto *ev = static_cast<CqEvents *>(private_data);
-    {
-        std::lock_guard lk(ev->mu);
-        ++ev->count;
-    }
-    ev->cv.notify_all();
+    static_cast<CqEvents *>(private_data)->signal();
 }
 
-class DirectEndpoint final : public Endpoint {
+class DirectEndpoint final : public EndpointBase {
   public:
     ~DirectEndpoint() override { release(); }
 
@@ -50,15 +30,11 @@ class DirectEndpoint final : public Endpoint {
             borrowed_ = rc == VAPI_OK;
         }
         if (rc != VAPI_OK) {
-            error = rc == VAPI_EINVAL_HCA_ID ? "no such device: " + device : vapi_error("VAPI_open_hca", rc);
+            error = rc == VAPI_EINVAL_HCA_ID ? "no such device: " + device : failure("VAPI_open_hca", rc);
             return false;
         }
         opened_ = true;
-        rc = VAPI_alloc_pd(hca_, &pd_);
-        if (rc != VAPI_OK) {
-            error = vapi_error("VAPI_alloc_pd", rc);
-            return false;
-        }
+        if (!succeeded(VAPI_alloc_pd(hca_, &pd_), "VAPI_alloc_pd", error)) return false;
         have_pd_ = true;
         return true;
     }
@@ -68,7 +44,7 @@ class DirectEndpoint final : public Endpoint {
         VAPI_ret_t rc = VAPI_query_hca_port_prop(hca_, IB_port_t(port), &p);
         if (rc != VAPI_OK) {
             error = rc == VAPI_EINVAL_PORT ? "no such port: " + std::to_string(port)
-                                           : vapi_error("VAPI_query_hca_port_prop", rc);
+                                           : failure("VAPI_query_hca_port_prop", rc);
             return false;
         }
         info.lid = p.lid;
@@ -77,11 +53,7 @@ class DirectEndpoint final : public Endpoint {
         info.active = p.state == PORT_ACTIVE;
         VAPI_hca_vendor_t vendor{};
         VAPI_hca_cap_t cap{};
-        rc = VAPI_query_hca_cap(hca_, &vendor, &cap);
-        if (rc != VAPI_OK) {
-            error = vapi_error("VAPI_query_hca_cap", rc);
-            return false;
-        }
+        if (!succeeded(VAPI_query_hca_cap(hca_, &vendor, &cap), "VAPI_query_hca_cap", error)) return false;
         info.max_rd_atomic = cap.max_qp_init_rd_atom;
         return true;
     }
@@ -95,11 +67,7 @@ class DirectEndpoint final : public Endpoint {
         req.acl = VAPI_EN_LOCAL_WRITE | VAPI_EN_REMOTE_WRITE | VAPI_EN_REMOTE_READ | VAPI_EN_REMOTE_ATOM;
         VAPI_mrw_t rep{};
         VAPI_mr_hndl_t mr = 0;
-        VAPI_ret_t rc = VAPI_register_mr(hca_, &req, &mr, &rep);
-        if (rc != VAPI_OK) {
-            error = vapi_error("VAPI_register_mr", rc);
-            return false;
-        }
+        if (!succeeded(VAPI_register_mr(hca_, &req, &mr, &rep), "VAPI_register_mr", error)) return false;
         mrs_.push_back(mr);
         region.addr = addr;
         region.length = length;
@@ -113,22 +81,16 @@ class DirectEndpoint final : public Endpoint {
     bool create_cq(uint32_t entries, bool events, CqId &cq, std::string &error) override {
         VAPI_cq_hndl_t h = 0;
         VAPI_cqe_num_t actual = 0;
-        VAPI_ret_t rc = VAPI_create_cq(hca_, entries, &h, &actual);
-        if (rc != VAPI_OK) {
-            error = vapi_error("VAPI_create_cq", rc);
-            return false;
-        }
+        if (!succeeded(VAPI_create_cq(hca_, entries, &h, &actual), "VAPI_create_cq", error)) return false;
         cqs_.push_back(h);
         if (events) {
             auto ev = std::make_unique<CqEvents>();
             EVAPI_compl_handler_hndl_t handler = 0;
-            rc = EVAPI_set_comp_eventh(hca_, h, on_completion_event, ev.get(), &handler);
-            if (rc != VAPI_OK) {
-                error = vapi_error("EVAPI_set_comp_eventh", rc);
+            if (!succeeded(EVAPI_set_comp_eventh(hca_, h, on_completion_event, ev.get(), &handler),
+                           "EVAPI_set_comp_eventh", error))
                 return false;
-            }
             handlers_.push_back(handler);
-            events_.emplace_back(h, std::move(ev));
+            keep_events(h, std::move(ev));
         }
         cq = h;
         return true;
@@ -152,11 +114,7 @@ class DirectEndpoint final : public Endpoint {
                                                    : VAPI_TS_UD;
         VAPI_qp_hndl_t h = 0;
         VAPI_qp_prop_t prop{};
-        VAPI_ret_t rc = VAPI_create_qp(hca_, &a, &h, &prop);
-        if (rc != VAPI_OK) {
-            error = vapi_error("VAPI_create_qp", rc);
-            return false;
-        }
+        if (!succeeded(VAPI_create_qp(hca_, &a, &h, &prop), "VAPI_create_qp", error)) return false;
         qps_.push_back(h);
         qp = h;
         info.qpn = prop.qp_num;
@@ -200,11 +158,7 @@ class DirectEndpoint final : public Endpoint {
             a.qp_state = s.state;
             VAPI_qp_attr_mask_t mask = s.mask;
             VAPI_qp_cap_t cap{};
-            VAPI_ret_t rc = VAPI_modify_qp(hca_, qp, &a, &mask, &cap);
-            if (rc != VAPI_OK) {
-                error = vapi_error("VAPI_modify_qp", rc);
-                return false;
-            }
+            if (!succeeded(VAPI_modify_qp(hca_, qp, &a, &mask, &cap), "VAPI_modify_qp", error)) return false;
         }
         return true;
     }
@@ -214,18 +168,11 @@ class DirectEndpoint final : public Endpoint {
         av.dlid = dlid;
         av.port = IB_port_t(port);
         VAPI_ud_av_hndl_t h = 0;
-        VAPI_ret_t rc = VAPI_create_addr_hndl(hca_, pd_, &av, &h);
-        if (rc != VAPI_OK) {
-            error = vapi_error("VAPI_create_addr_hndl", rc);
+        if (!succeeded(VAPI_create_addr_hndl(hca_, pd_, &av, &h), "VAPI_create_addr_hndl", error))
             return false;
-        }
         ahs_.push_back(h);
         ah = h;
         return true;
-    }
-
-    uint8_t *allocate_buffer(size_t length, std::string &error) override {
-        return buffers_.allocate(length, error);
     }
 
     int post_send(QpId qp, const SendRequest &r) override {
@@ -285,29 +232,19 @@ class DirectEndpoint final : public Endpoint {
     }
 
     int arm(CqId cq) override {
-        if (CqEvents *ev = events_of(cq)) {
-            std::lock_guard lk(ev->mu);
-            ev->seen = ev->count;
-        }
+        arm_events(cq);
         return VAPI_req_comp_notif(hca_, cq, VAPI_NEXT_COMP);
-    }
-
-    bool wait_event(CqId cq, int timeout_ms) override {
-        CqEvents *ev = events_of(cq);
-        if (!ev) return false;
-        // The handler runs on the kernel's interrupt thread and counts the events.
-        std::unique_lock lk(ev->mu);
-        if (!ev->cv.wait_for(lk, std::chrono::milliseconds(timeout_ms),
-                             [&] { return ev->count != ev->seen; }))
-            return false;
-        ev->seen = ev->count;
-        return true;
     }
 
     std::string status_name(int status) const override { return VAPI_strerror_sym(status); }
     std::string completion_status_name(int status) const override { return wc_status_name(status); }
 
   private:
+    std::string failure(const char *call, int rc) const override {
+        return std::string(call) + " failed: " + VAPI_strerror_sym(VAPI_ret_t(rc)) + " (" +
+               std::to_string(rc) + ")";
+    }
+
     static std::string wc_status_name(int s) {
         static const char *const names[] = {"VAPI_SUCCESS",           "VAPI_LOC_LEN_ERR",
                                             "VAPI_LOC_QP_OP_ERR",     "VAPI_LOC_EE_OP_ERR",
@@ -324,18 +261,8 @@ class DirectEndpoint final : public Endpoint {
         return "status " + std::to_string(s);
     }
 
-    CqEvents *events_of(CqId cq) {
-        for (auto &e : events_)
-            if (e.first == cq) return e.second.get();
-        return nullptr;
-    }
-
     void release() {
-        if (opened_) release_resources();
-        buffers_.release();
-    }
-
-    void release_resources() {
+        if (!opened_) return;
         for (VAPI_qp_hndl_t qp : qps_) VAPI_destroy_qp(hca_, qp);
         for (VAPI_ud_av_hndl_t ah : ahs_) VAPI_destroy_addr_hndl(hca_, ah);
         for (EVAPI_compl_handler_hndl_t h : handlers_) EVAPI_clear_comp_eventh(hca_, h);
@@ -360,8 +287,6 @@ class DirectEndpoint final : public Endpoint {
     std::vector<VAPI_qp_hndl_t> qps_;
     std::vector<VAPI_ud_av_hndl_t> ahs_;
     std::vector<EVAPI_compl_handler_hndl_t> handlers_;
-    std::vector<std::pair<VAPI_cq_hndl_t, std::unique_ptr<CqEvents>>> events_;
-    PageBuffers buffers_;
 };
 
 }  // namespace

@@ -1,10 +1,15 @@
 /* A table of a record family's layout, measured by the C compiler where the records' headers are
  * included: field offsets, sizes and signedness by name, record sizes by name, constants by name.
- * The tests' layout units (module-layout.c, datapath-layout.c) each fill one table with the
- * macros below and hand it out (adp_layout(), dpl_layout()); the tests look things up in it
- * through the calls here, or through the named views of layout_view.hpp. */
-#ifndef ADAPTOR_TEST_LAYOUT_TABLE_H
-#define ADAPTOR_TEST_LAYOUT_TABLE_H
+ *
+ * Code that names fields at run time fills one table with the macros below and looks things up
+ * in it through the calls here: the upper-layer shim reads the attribute records it hands out as
+ * opaque buffers (ulp_verbs.c, ulp_verbs_queues.c), and the adaptor tests' layout units
+ * (tests/adaptor/module-layout.c, datapath-layout.c) hand the tests the module's records
+ * (adp_layout(), dpl_layout(), and the named views of layout_view.hpp). The records' headers sit
+ * on the emulated kernel's C headers, so the tables are filled in C; this header and the look-ups
+ * are plain C and may be used from C++. */
+#ifndef MARLIX_LAYOUT_TABLE_H
+#define MARLIX_LAYOUT_TABLE_H
 
 #include <stddef.h>
 
@@ -18,6 +23,9 @@ struct layout_field {
     size_t offset;
     size_t size; /* 0: reached by offset only (list heads, arrays, embedded records) */
     int is_signed;
+    /* What the table's owner attaches to the field (the shim: the modify mask bit that selects
+     * it); 0 unless the entry sets it. */
+    unsigned long long tag;
 };
 
 struct layout_size {
@@ -41,15 +49,20 @@ struct layout_table {
 
 /* Entries. A nested member named in a macro argument must stay on one line: a line break inside
  * the argument would enter the stringified name. */
-#define LAYOUT_INT(record, field)                                                      \
-    {                                                                                  \
-#record, #field, offsetof(record, field), sizeof(((record *)0)->field),        \
-            (__typeof__(((record *)0)->field))-1 < (__typeof__(((record *)0)->field))1 \
+#define LAYOUT_INT(record, field)                                                         \
+    {                                                                                     \
+#record, #field, offsetof(record, field), sizeof(((record *)0)->field),           \
+            (__typeof__(((record *)0)->field))-1 < (__typeof__(((record *)0)->field))1, 0 \
     }
 #define LAYOUT_PTR(record, field) \
-    { #record, #field, offsetof(record, field), sizeof(void *), 0 }
+    { #record, #field, offsetof(record, field), sizeof(void *), 0, 0 }
 #define LAYOUT_AT(record, field) \
-    { #record, #field, offsetof(record, field), 0, 0 }
+    { #record, #field, offsetof(record, field), 0, 0, 0 }
+/* A field of any type read as an unsigned number of its own size (1, 2, 4 or 8 bytes); a field of
+ * another size (a GID) is found by name and reached through its offset. */
+#define LAYOUT_RAW(record, field) LAYOUT_RAW_TAG(record, field, 0)
+#define LAYOUT_RAW_TAG(record, field, tag) \
+    { #record, #field, offsetof(record, field), sizeof(((record *)0)->field), 0, (tag) }
 #define LAYOUT_SIZE(record) \
     { #record, sizeof(record) }
 #define LAYOUT_CONST(name) \
@@ -58,13 +71,20 @@ struct layout_table {
 #define LAYOUT_COUNT(array) (sizeof(array) / sizeof((array)[0]))
 #define LAYOUT_TABLE(fields, sizes, constants) \
     { fields, LAYOUT_COUNT(fields), sizes, LAYOUT_COUNT(sizes), constants, LAYOUT_COUNT(constants) }
+/* A table of fields alone (no record sizes, no constants). */
+#define LAYOUT_FIELDS_TABLE(fields) \
+    { fields, LAYOUT_COUNT(fields), NULL, 0, NULL, 0 }
 
+/* The entry of a record's field, or null when the table does not know it. */
+const struct layout_field *layout_find(const struct layout_table *table, const char *record,
+                                       const char *field);
 /* 0 when the record is unknown. */
 size_t layout_sizeof(const struct layout_table *table, const char *record);
 /* -1 when the record or field is unknown. */
 long layout_offset(const struct layout_table *table, const char *record, const char *field);
 /* Reads (sign-extended when the field is signed) or writes an integer or pointer field of the
- * record at `base`; -1 for an unknown field or one reached by offset only. */
+ * record at `base`; -1 for an unknown field, one reached by offset only, or one whose size is
+ * not 1, 2, 4 or 8 bytes. */
 int layout_get(const struct layout_table *table, const char *record, const void *base, const char *field,
                long long *value);
 int layout_set(const struct layout_table *table, const char *record, void *base, const char *field,

@@ -1,0 +1,215 @@
+// A QP's send and receive queues have locks of their own: a post on a connected QP never waits
+// for the device mutex (which the data path and the other verbs hold), a post that finds the data
+// path busy leaves its QP on the device's doorbell list for whoever runs it next, and a post that
+// races a state change is either refused, flushed or carried out, never lost. QP records outlive
+// their QPs (posters hold them without the device mutex) and serve the next QPs created.
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "datapath_fixture.hpp"
+#include "device/device.hpp"
+
+namespace {
+
+using namespace dp;
+
+class QpLock : public DataPathTest {
+  protected:
+    // Runs `post` on another thread while this one holds `held`; true if it returned meanwhile.
+    template <class Mutex>
+    static bool returns_while_held(Mutex &held, const std::function<void()> &post) {
+        std::atomic<bool> done{false};
+        std::thread poster;
+        {
+            std::lock_guard lk(held);
+            poster = std::thread([&] {
+                post();
+                done = true;
+            });
+            const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+            while (!done && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+        }
+        poster.join();
+        return done;
+    }
+    static sh::Device &device(const Side &s) { return *sh::device_by_handle(s.hca); }
+};
+
+TEST_F(QpLock, PostsOnAConnectedQpDoNotWaitForTheDeviceMutex) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    pattern(src, 11);
+    VAPI_ret_t recv_rc = VAPI_EGEN, send_rc = VAPI_EGEN;
+    EXPECT_TRUE(returns_while_held(device(s1).mu, [&] { recv_rc = post_recv(b, 7, {dst.sg(0, 64)}); }))
+        << "the receive post waited for the device mutex";
+    EXPECT_TRUE(returns_while_held(device(s0).mu, [&] {
+        send_rc = post_send(a, 8, VAPI_SEND, {src.sg(0, 48)});
+    })) << "the send post waited for the device mutex";
+    ASSERT_EQ(recv_rc, VAPI_OK);
+    ASSERT_EQ(send_rc, VAPI_OK);
+    run();
+    auto sent = poll(s0), received = poll(s1);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].id, 8u);
+    EXPECT_EQ(sent[0].status, VAPI_SUCCESS);
+    ASSERT_EQ(received.size(), 1u);
+    EXPECT_EQ(received[0].id, 7u);
+    EXPECT_EQ(received[0].byte_len, 48u);
+    EXPECT_TRUE(std::equal(src.bytes.begin(), src.bytes.begin() + 48, dst.bytes.begin()));
+    EXPECT_EQ(dst.bytes[48], 0);
+}
+
+TEST_F(QpLock, ARefusedPostOnTheLocklessPathStillSaysWhy) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 64);
+    VAPI_sg_lst_entry_t five[5] = {src.sg(0, 1), src.sg(1, 1), src.sg(2, 1), src.sg(3, 1), src.sg(4, 1)};
+    VAPI_sr_desc_t d{};
+    d.opcode = VAPI_SEND;
+    d.comp_type = VAPI_SIGNALED;
+    d.sg_lst_p = five;
+    d.sg_lst_len = 5;  // the QPs take 4
+    EXPECT_EQ(VAPI_post_sr(s0.hca, a.hndl, &d), VAPI_E2BIG_SG_NUM);
+    EXPECT_EQ(VAPI_post_sr(s0.hca, a.hndl, nullptr), VAPI_EINVAL_PARAM);
+    EXPECT_EQ(VAPI_post_sr(s0.hca, 999999, nullptr), VAPI_EINVAL_PARAM);  // the missing request first
+    d.sg_lst_len = 1;
+    EXPECT_EQ(VAPI_post_sr(s0.hca, 999999, &d), VAPI_EINVAL_QP_HNDL);
+    VAPI_rr_desc_t r{};
+    r.opcode = VAPI_RECEIVE;
+    r.comp_type = VAPI_SIGNALED;
+    EXPECT_EQ(VAPI_post_rr(s1.hca, b.hndl, nullptr), VAPI_EINVAL_PARAM);
+    EXPECT_EQ(VAPI_post_rr(s1.hca, 999999, &r), VAPI_EINVAL_QP_HNDL);
+    // Nothing was queued by the refusals.
+    run();
+    EXPECT_TRUE(poll(s0).empty());
+    EXPECT_TRUE(poll(s1).empty());
+}
+
+TEST_F(QpLock, ADestroyedQpsHandleIsRefusedAtOnce) {
+    Qp q = create(s0, VAPI_TS_RC);
+    Buffer &src = buffer(s0, 64);
+    ASSERT_EQ(VAPI_destroy_qp(s0.hca, q.hndl), VAPI_OK);
+    EXPECT_EQ(post_send(q, 1, VAPI_SEND, {src.sg(0, 8)}), VAPI_EINVAL_QP_HNDL);
+    EXPECT_EQ(post_recv(q, 2, {src.sg(0, 8)}), VAPI_EINVAL_QP_HNDL);
+}
+
+TEST_F(QpLock, AQpThatReusesADestroyedQpsRecordStartsEmpty) {
+    // A QP with a receive queued and a send stuck behind an RNR wait, then destroyed.
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64), &old_dst = buffer(s0, 64);
+    pattern(src, 3);
+    ASSERT_EQ(post_recv(a, 90, {old_dst.sg(0, 64)}), VAPI_OK);
+    ASSERT_EQ(VAPI_destroy_qp(s0.hca, a.hndl), VAPI_OK);
+    run();  // the round that lets the record go
+    // The next QP of the device gets the record (and the handle, the lowest free).
+    auto [c, d] = pair(VAPI_TS_RC, s0, s1);
+    EXPECT_EQ(c.hndl, a.hndl);
+    // d sends to c: c has no receive of its own, so the old one must not take it.
+    ASSERT_EQ(post_send(d, 5, VAPI_SEND, {dst.sg(0, 16)}), VAPI_OK);
+    run();
+    EXPECT_TRUE(poll(s0).empty()) << "the destroyed QP's receive completed on the new one";
+    EXPECT_EQ(old_dst.bytes, std::vector<uint8_t>(64, 0));
+    // Once c posts a receive the send goes through (RNR retries for ever).
+    ASSERT_EQ(post_recv(c, 6, {old_dst.sg(0, 64)}), VAPI_OK);
+    std::vector<VAPI_wc_desc_t> got;
+    for (int i = 0; i < 20 && got.empty(); ++i) {
+        sh::advance_clock(1);
+        got = poll(s0);
+    }
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].id, 6u);
+    EXPECT_EQ(got[0].status, VAPI_SUCCESS);
+    EXPECT_EQ(got[0].byte_len, 16u);
+    auto sent = poll(s1);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].id, 5u);
+    EXPECT_EQ(sent[0].status, VAPI_SUCCESS);
+    (void)b;
+}
+
+class QpLockThreaded : public QpLock {
+  protected:
+    QpLockThreaded() { engine_ = sh::EngineKind::Threaded; }
+
+    // Polls `s`'s CQ until `n` completions arrived or 10 seconds passed.
+    std::vector<VAPI_wc_desc_t> wait_for(Side &s, size_t n) {
+        std::vector<VAPI_wc_desc_t> out;
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        VAPI_wc_desc_t wc{};
+        while (out.size() < n && std::chrono::steady_clock::now() < until)
+            if (VAPI_poll_cq(s.hca, s.cq, &wc) == VAPI_OK) out.push_back(wc);
+        return out;
+    }
+};
+
+TEST_F(QpLockThreaded, APostThatFindsTheDataPathBusyLeavesItsQpOnTheDoorbellList) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    pattern(src, 21);
+    ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 64)}), VAPI_OK);
+    sh::Device &dev = device(s0);
+    {
+        // As the engine's round would: the device's data path is taken.
+        std::lock_guard token(dev.run_mu);
+        ASSERT_EQ(post_send(a, 2, VAPI_SEND, {src.sg(0, 32)}), VAPI_OK);
+        EXPECT_NE(dev.doorbells.load(), nullptr) << "the post did not leave its QP for the engine";
+    }
+    auto sent = wait_for(s0, 1);
+    ASSERT_EQ(sent.size(), 1u) << "nobody took the doorbell";
+    EXPECT_EQ(sent[0].id, 2u);
+    EXPECT_EQ(sent[0].status, VAPI_SUCCESS);
+    auto received = wait_for(s1, 1);
+    ASSERT_EQ(received.size(), 1u);
+    EXPECT_EQ(received[0].byte_len, 32u);
+    EXPECT_TRUE(std::equal(src.bytes.begin(), src.bytes.begin() + 32, dst.bytes.begin()));
+    EXPECT_EQ(dev.doorbells.load(), nullptr);
+}
+
+TEST_F(QpLockThreaded, PostsRacingTheErrorStateAreEachCompletedOnce) {
+    // One thread posts signalled sends as fast as it can while this one moves the QP to ERR: each
+    // send the post accepted completes exactly once, with success or a flush, none stranded.
+    constexpr int kPosts = 120;
+    Qp a = create(s0, VAPI_TS_RC, 128), b = create(s1, VAPI_TS_RC, 128);
+    connect(a, b, VAPI_TS_RC);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    for (int i = 0; i < kPosts; ++i) ASSERT_EQ(post_recv(b, 1000 + i, {dst.sg(0, 64)}), VAPI_OK);
+    std::atomic<int> accepted{0}, tried{0};
+    std::atomic<bool> errored{false};
+    std::thread poster([&] {
+        for (int i = 0; i < kPosts; ++i) {
+            // The move to ERR lands somewhere among the first half; the second half follows it.
+            if (i == kPosts / 2)
+                while (!errored) std::this_thread::yield();
+            if (post_send(a, i, VAPI_SEND, {src.sg(0, 8)}) == VAPI_OK) ++accepted;
+            ++tried;
+        }
+    });
+    while (tried < 10) std::this_thread::yield();
+    VAPI_qp_attr_t attr{};
+    attr.qp_state = VAPI_ERR;
+    EXPECT_EQ(modify(a, attr, QP_ATTR_QP_STATE), VAPI_OK);
+    errored = true;
+    poster.join();
+    const int posts = tried;
+    ASSERT_EQ(posts, kPosts);
+    EXPECT_EQ(accepted.load(), posts) << "posts in ERR are taken and flushed, not refused";
+    auto done = wait_for(s0, size_t(posts));
+    ASSERT_EQ(done.size(), size_t(posts));
+    std::vector<int> seen(posts, 0);
+    bool flushed = false;
+    for (const auto &wc : done) {
+        ASSERT_LT(wc.id, uint64_t(posts));
+        ++seen[wc.id];
+        EXPECT_TRUE(wc.status == VAPI_SUCCESS || wc.status == VAPI_WR_FLUSH_ERR) << wc.status;
+        if (wc.status == VAPI_WR_FLUSH_ERR) flushed = true;
+        else EXPECT_FALSE(flushed) << "a success after a flush: completions out of order";
+    }
+    for (int i = 0; i < posts; ++i) EXPECT_EQ(seen[i], 1) << "request " << i;
+    EXPECT_TRUE(flushed) << "the posts after the move to ERR were not flushed";
+    VAPI_wc_desc_t extra{};
+    EXPECT_EQ(VAPI_poll_cq(s0.hca, s0.cq, &extra), VAPI_CQ_EMPTY);
+}
+
+}  // namespace
