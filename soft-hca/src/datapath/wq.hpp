@@ -30,7 +30,9 @@ enum class SendPhase : uint8_t {
     Done,    // completed (success or error), waiting to be retired in order
 };
 
-struct SendEntry {
+// Entries start on a cache line of their own: a poster writes one while the data path reads its
+// neighbour.
+struct alignas(limits::kCacheLine) SendEntry {
     VAPI_sr_desc_t desc{};  // sg_lst_p is not used: the gather list is `sg`
     uint32_t sg_count = 0;
     uint32_t inline_len = 0;  // inline sends: bytes in the inline area
@@ -49,7 +51,7 @@ struct SendEntry {
     uint8_t *inline_data = nullptr;     // into the ring's inline area
 };
 
-struct RecvEntry {
+struct alignas(limits::kCacheLine) RecvEntry {
     VAPI_rr_desc_t desc{};
     uint32_t sg_count = 0;
     VAPI_sg_lst_entry_t *sg = nullptr;
@@ -83,10 +85,20 @@ class WorkRing {
     void push() { tail_.store(tail_.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
     // Consumer side: the front entry is done with.
     void pop() { head_.store(head_.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
+    // Producer side: whether `pending` entries already checked and one more stay under `limit`
+    // outstanding. It reads the consumer's position only when the last one it saw says no, so a
+    // poster does not pull the consumer's cache line on every post.
+    bool room_for(uint32_t pending, uint32_t limit) {
+        const uint64_t t = tail_.load(std::memory_order_relaxed);
+        if (t - seen_head_ + pending < limit) return true;
+        seen_head_ = head_.load(std::memory_order_acquire);
+        return t - seen_head_ + pending < limit;
+    }
     // Both locks held.
     void clear() {
         head_.store(0, std::memory_order_relaxed);
         tail_.store(0, std::memory_order_release);
+        seen_head_ = 0;
     }
     uint32_t sg_stride() const { return sg_stride_; }
     uint32_t inline_stride() const { return inline_stride_; }
@@ -100,6 +112,7 @@ class WorkRing {
     // The consumer's and the producer's positions, each in a cache line of its own.
     alignas(limits::kCacheLine) std::atomic<uint64_t> head_{0};
     alignas(limits::kCacheLine) std::atomic<uint64_t> tail_{0};
+    uint64_t seen_head_ = 0;  // the producer's last look at head_ (never ahead of it)
 };
 
 using SendRing = WorkRing<SendEntry>;

@@ -4,6 +4,7 @@
 // holder is about to let go. After a bounded spin it sleeps like any mutex.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 
 namespace marlix::softhca {
@@ -11,14 +12,25 @@ namespace marlix::softhca {
 class AdaptiveMutex {
   public:
     void lock() {
+        if (try_lock()) return;
+        // Spin on a plain read and try only when the mutex looks free: a try is a locked
+        // instruction that would pull the line away from the holder each time.
         for (int i = 0; i < kSpins; ++i) {
-            if (mu_.try_lock()) return;
+            if (!held_.load(std::memory_order_relaxed) && try_lock()) return;
             relax();
         }
         mu_.lock();
+        held_.store(true, std::memory_order_relaxed);
     }
-    bool try_lock() { return mu_.try_lock(); }
-    void unlock() { mu_.unlock(); }
+    bool try_lock() {
+        if (!mu_.try_lock()) return false;
+        held_.store(true, std::memory_order_relaxed);
+        return true;
+    }
+    void unlock() {
+        held_.store(false, std::memory_order_relaxed);
+        mu_.unlock();
+    }
 
   private:
     // About one to five microseconds: the cost of the sleep it may spare.
@@ -31,6 +43,7 @@ class AdaptiveMutex {
 #endif
     }
     std::mutex mu_;
+    std::atomic<bool> held_{false};  // a hint for spinners, beside the mutex in its line
 };
 
 }  // namespace marlix::softhca

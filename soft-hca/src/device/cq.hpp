@@ -15,6 +15,7 @@
 #include "device/adaptive_mutex.hpp"
 #include "device/device.hpp"
 #include "device/event_gate.hpp"
+#include "device/limits.hpp"
 
 namespace marlix::softhca {
 
@@ -86,19 +87,31 @@ class CompletionQueue : public Object {
     EventGateRef event_gate = std::make_shared<EventGate>();
 
   private:
+    // One completion per cache line: the completer writes one while a poller reads another.
+    struct alignas(limits::kCacheLine) Slot {
+        VAPI_wc_desc_t wc;
+    };
     bool push(const VAPI_wc_desc_t &wc);
-    const VAPI_wc_desc_t &peek(uint32_t i) const { return slots_[(head_ + i) % slots_.size()]; }
+    // The slot `i` places after the head (i < size).
+    uint32_t at(uint32_t i) const {
+        const uint32_t pos = head_ + i;
+        return pos >= slots_.size() ? pos - uint32_t(slots_.size()) : pos;
+    }
+    const VAPI_wc_desc_t &peek(uint32_t i) const { return slots_[at(i)].wc; }
 
     mutable AdaptiveMutex mu_;
-    std::vector<VAPI_wc_desc_t> slots_;
+    std::vector<Slot> slots_;
     uint32_t head_ = 0;
     uint32_t count_ = 0;
-    std::atomic<uint32_t> ready_{0};
+
     bool overrun_ = false;
     bool dead_ = false;
     VAPI_cq_notif_type_t armed_ = VAPI_NOTIF_NONE;
     uint32_t armed_count_ = 0;
     std::optional<Handler> handler_;
+    // What an empty poll reads, last and alone in its line: a poller spinning on it does not
+    // pull the lock and the ring's positions away from the completer that holds them.
+    alignas(limits::kCacheLine) std::atomic<uint32_t> ready_{0};
 };
 
 }  // namespace marlix::softhca

@@ -25,7 +25,7 @@ bool CompletionQueue::push(const VAPI_wc_desc_t &wc) {
         overrun_ = true;
         return false;
     }
-    slots_[(head_ + count_) % slots_.size()] = wc;
+    slots_[at(count_)].wc = wc;
     ++count_;
     ready_.store(count_, std::memory_order_release);
     return true;
@@ -35,8 +35,8 @@ VAPI_ret_t CompletionQueue::pop(VAPI_wc_desc_t *wc) {
     std::lock_guard lk(mu_);
     if (dead_) return VAPI_EINVAL_CQ_HNDL;
     if (count_ == 0) return VAPI_CQ_EMPTY;
-    *wc = slots_[head_];
-    head_ = static_cast<uint32_t>((head_ + 1) % slots_.size());
+    *wc = slots_[head_].wc;
+    head_ = at(1);
     --count_;
     ready_.store(count_, std::memory_order_release);
     return VAPI_OK;
@@ -45,8 +45,8 @@ VAPI_ret_t CompletionQueue::pop(VAPI_wc_desc_t *wc) {
 bool CompletionQueue::resize(uint32_t new_size) {
     std::lock_guard lk(mu_);
     if (new_size < count_ || new_size == 0) return false;
-    std::vector<VAPI_wc_desc_t> slots(new_size);
-    for (uint32_t i = 0; i < count_; ++i) slots[i] = peek(i);
+    std::vector<Slot> slots(new_size);
+    for (uint32_t i = 0; i < count_; ++i) slots[i].wc = peek(i);
     slots_.swap(slots);
     head_ = 0;
     return true;
@@ -81,7 +81,7 @@ void CompletionQueue::kill() {
     dead_ = true;
     count_ = 0;
     ready_.store(0, std::memory_order_release);
-    std::vector<VAPI_wc_desc_t>().swap(slots_);
+    std::vector<Slot>().swap(slots_);
     slots_.resize(1);  // keeps the ring arithmetic defined for anything still holding the record
 }
 

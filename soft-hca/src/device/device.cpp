@@ -26,10 +26,6 @@ struct System {
     std::mutex boot_mu;  // serialises boot, halt and the first verb's implicit boot
     std::mutex mu;
     bool booted = false;
-    // Read by every verb without a lock: the device of handle h is table[h].
-    std::atomic<bool> up{false};
-    std::array<std::atomic<Device *>, kMaxDevices> table{};
-    std::atomic<size_t> count{0};
     Options options;
     std::vector<std::unique_ptr<Device>> devices;
     std::function<void(std::function<void()>)> dispatcher;
@@ -39,6 +35,12 @@ System &sys() {
     static System s;
     return s;
 }
+
+// Read by every verb without a lock: the device of handle h is device_table[h]. Kept outside
+// System, constant-initialised, so that reading them tests no guard of a function's static.
+std::atomic<bool> system_up{false};
+std::array<std::atomic<Device *>, kMaxDevices> device_table{};
+std::atomic<size_t> devices_published{0};
 
 void put_guid(IB_guid_t out, uint64_t guid) {
     for (int i = 0; i < 8; ++i) out[i] = uint8_t(guid >> (56 - 8 * i));
@@ -308,10 +310,10 @@ void Device::raise_async_event(const VAPI_event_record_t &record, EventGateRef o
 // ---- Registry ------------------------------------------------------------------------------------------
 
 static void publish(System &s) {
-    s.count.store(0, std::memory_order_release);
+    devices_published.store(0, std::memory_order_release);
     for (size_t i = 0; i < kMaxDevices; ++i)
-        s.table[i].store(i < s.devices.size() ? s.devices[i].get() : nullptr, std::memory_order_release);
-    s.count.store(std::min(s.devices.size(), kMaxDevices), std::memory_order_release);
+        device_table[i].store(i < s.devices.size() ? s.devices[i].get() : nullptr, std::memory_order_release);
+    devices_published.store(std::min(s.devices.size(), kMaxDevices), std::memory_order_release);
 }
 
 static void boot_locked(const Options &options) {
@@ -319,14 +321,14 @@ static void boot_locked(const Options &options) {
     engine_stop();  // a reboot: the old engine must not run over the devices being replaced
     {
         std::lock_guard lk(s.mu);
-        s.up = false;
+        system_up = false;
         s.devices.clear();
         s.options = options;
         for (int i = 0; i < options.device_count; ++i)
             s.devices.push_back(std::make_unique<Device>(i, options.ports));
         publish(s);
         s.booted = true;
-        s.up = true;
+        system_up = true;
     }
     wire_reset();
     fabric_boot(options);
@@ -345,14 +347,14 @@ void halt() {
     wire_reset();
     fabric_halt();
     std::lock_guard lk(s.mu);
-    s.up = false;
+    system_up = false;
     s.devices.clear();
     publish(s);
     s.booted = false;
 }
 
 bool booted() {
-    return sys().up.load(std::memory_order_acquire);
+    return system_up.load(std::memory_order_acquire);
 }
 
 // A verb used before anyone booted the system finds the default system rather than nothing.
@@ -364,11 +366,11 @@ void ensure_booted() {
 
 size_t device_count() {
     ensure_booted();
-    return sys().count.load(std::memory_order_acquire);
+    return devices_published.load(std::memory_order_acquire);
 }
 
 Device *device_at(size_t index) {
-    return index < kMaxDevices ? sys().table[index].load(std::memory_order_acquire) : nullptr;
+    return index < kMaxDevices ? device_table[index].load(std::memory_order_acquire) : nullptr;
 }
 
 std::vector<Device *> devices() {

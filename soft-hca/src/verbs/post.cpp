@@ -46,7 +46,7 @@ bool send_queue_open(QpState s) {
     return s == QpState::Rts || s == QpState::Sqd || s == QpState::Sqe || s == QpState::Err;
 }
 
-VAPI_ret_t check_send(Device &dev, const Qp &qp, const VAPI_sr_desc_t *d, bool is_inline, size_t pending) {
+VAPI_ret_t check_send(Device &dev, Qp &qp, const VAPI_sr_desc_t *d, bool is_inline, size_t pending) {
     if (!d) return VAPI_EINVAL_PARAM;
     // Raw QPs carry no traffic on this adapter.
     if (qp.kind == QpKind::Raw) return VAPI_ENOSYS;
@@ -73,7 +73,7 @@ VAPI_ret_t check_send(Device &dev, const Qp &qp, const VAPI_sr_desc_t *d, bool i
     if (qp.kind != QpKind::Regular || qp.transport() == VAPI_TS_UD) {
         if (!find_ah_av(dev, d->remote_ah)) return VAPI_EINVAL_AV_HNDL;
     }
-    if (qp.sq.count() + pending >= qp.cap().max_oust_wr_sq) return VAPI_E2BIG_WR_NUM;
+    if (!qp.sq.room_for(uint32_t(pending), qp.cap().max_oust_wr_sq)) return VAPI_E2BIG_WR_NUM;
     return VAPI_OK;
 }
 
@@ -107,14 +107,14 @@ void write_send(Qp &qp, const VAPI_sr_desc_t &d, bool is_inline,
     qp.sq.push();
 }
 
-VAPI_ret_t check_recv(const Qp &qp, const VAPI_rr_desc_t *d, size_t pending) {
+VAPI_ret_t check_recv(Qp &qp, const VAPI_rr_desc_t *d, size_t pending) {
     if (!d) return VAPI_EINVAL_PARAM;
     // The receive queue takes work from INIT on (in ERR only to flush it at once).
     if (qp.state() == QpState::Reset) return VAPI_EINVAL_QP_STATE;
     if (!valid_comp_type(raw_value(d->comp_type))) return VAPI_EINVAL_PARAM;
     if (d->sg_lst_len > 0 && !d->sg_lst_p) return VAPI_EINVAL_PARAM;
     if (d->sg_lst_len > qp.cap().max_sg_size_rq) return VAPI_E2BIG_SG_NUM;
-    if (qp.rq.count() + pending >= qp.cap().max_oust_wr_rq) return VAPI_E2BIG_WR_NUM;
+    if (!qp.rq.room_for(uint32_t(pending), qp.cap().max_oust_wr_rq)) return VAPI_E2BIG_WR_NUM;
     return VAPI_OK;
 }
 
