@@ -203,8 +203,10 @@ TEST_F(QpLockThreaded, PostsRacingTheErrorStateAreEachCompletedOnce) {
         ASSERT_LT(wc.id, uint64_t(posts));
         ++seen[wc.id];
         EXPECT_TRUE(wc.status == VAPI_SUCCESS || wc.status == VAPI_WR_FLUSH_ERR) << wc.status;
-        if (wc.status == VAPI_WR_FLUSH_ERR) flushed = true;
-        else EXPECT_FALSE(flushed) << "a success after a flush: completions out of order";
+        if (wc.status == VAPI_WR_FLUSH_ERR)
+            flushed = true;
+        else
+            EXPECT_FALSE(flushed) << "a success after a flush: completions out of order";
     }
     for (int i = 0; i < posts; ++i) EXPECT_EQ(seen[i], 1) << "request " << i;
     EXPECT_TRUE(flushed) << "the posts after the move to ERR were not flushed";

@@ -53,7 +53,8 @@ void ring_doorbell(Device &dev, Qp &qp) {
     Qp *head = dev.doorbells.load(std::memory_order_relaxed);
     do {
         qp.doorbell_next = head;
-    } while (!dev.doorbells.compare_exchange_weak(head, &qp, std::memory_order_release, std::memory_order_relaxed));
+    } while (!dev.doorbells.compare_exchange_weak(head, &qp, std::memory_order_release,
+                                                  std::memory_order_relaxed));
 }
 
 void take_doorbells(Device &dev) {

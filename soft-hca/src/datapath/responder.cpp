@@ -78,8 +78,7 @@ void complete_recv(Qp &qp, VAPI_wc_desc_t wc, bool solicited, PendingEvents &eve
                            qp.rq.front().desc.comp_type == VAPI_SIGNALED;
     qp.rq.pop();
     wc.free_res_count = qp.rq.free_slots();
-    if (CompletionQueue *cq = qp.recv_cq; cq && signalled)
-        push_completion(*cq, wc, solicited, events);
+    if (CompletionQueue *cq = qp.recv_cq; cq && signalled) push_completion(*cq, wc, solicited, events);
 }
 
 // Replies of a reliable connection go back to where the request came from.

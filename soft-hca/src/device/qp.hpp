@@ -61,7 +61,8 @@ struct QpContext {
     // ---- Requester -----------------------------------------------------------------------
     // (Requester and responder state in cache lines of their own: the passes that run the two
     // roles of one QP may be on different threads.)
-    alignas(limits::kCacheLine) uint64_t next_send = 0;            // position in sq of the next request to (re)transmit
+    // Position in sq of the next request to (re)transmit.
+    alignas(limits::kCacheLine) uint64_t next_send = 0;
     uint64_t sent_high = 0;            // positions below this were sent at least once
     uint32_t next_psn = 0;             // PSN of the next packet to send
     uint32_t rd_atom_outstanding = 0;  // RDMA reads and atomics sent and not yet answered
@@ -72,11 +73,12 @@ struct QpContext {
     bool sqd_event_due = false;        // SQD entered with notification asked; raise when drained
     bool alt_path_loaded = false;      // an alternate path was given; a migration uses it up
     // ---- Responder -----------------------------------------------------------------------
-    alignas(limits::kCacheLine) uint32_t expected_psn = 0;  // RC/UC: the PSN the next request must carry
-    uint32_t msn = 0;           // messages completed as responder
-    bool in_message = false;    // a multi-packet send or write is in progress
-    bool recv_taken = false;    // ... and has taken the receive request at rq.head()
-    uint64_t write_va = 0;      // RDMA write in progress: where the next packet goes
+    // RC/UC: the PSN the next request must carry.
+    alignas(limits::kCacheLine) uint32_t expected_psn = 0;
+    uint32_t msn = 0;         // messages completed as responder
+    bool in_message = false;  // a multi-packet send or write is in progress
+    bool recv_taken = false;  // ... and has taken the receive request at rq.head()
+    uint64_t write_va = 0;    // RDMA write in progress: where the next packet goes
     uint32_t write_rkey = 0;
     uint32_t write_first_psn = 0;
     uint64_t message_bytes = 0;      // bytes of the message in progress so far

@@ -55,7 +55,8 @@ void read_left(Device &d, void *ctx) {
 // path token held by the caller. A round also fires due timers and frees retired records; a
 // posting thread's pass leaves both to the engine and says in `left` whether the engine must run.
 // Returns the work done.
-size_t run_device(Device &d, Qp *posted, uint64_t now, Scratch &s, Pass pass, bool *timers_pending, bool *left) {
+size_t run_device(Device &d, Qp *posted, uint64_t now, Scratch &s, Pass pass, bool *timers_pending,
+                  bool *left) {
     size_t work = 0;
     Outbox &out = s.out;
     out.clear();

@@ -268,7 +268,8 @@ VAPI_ret_t EVAPI_post_inline_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl
 
 VAPI_ret_t EVAPI_post_sr_list(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl, u_int32_t num_of_requests,
                               const VAPI_sr_desc_t *sr_desc_array) {
-    return post_sends(Verb::EVAPI_post_sr_list, hca_hndl, qp_hndl, sr_desc_array, num_of_requests, SendPost{});
+    return post_sends(Verb::EVAPI_post_sr_list, hca_hndl, qp_hndl, sr_desc_array, num_of_requests,
+                      SendPost{});
 }
 
 VAPI_ret_t EVAPI_post_gsi_sr(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl,
