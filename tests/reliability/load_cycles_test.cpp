@@ -16,6 +16,7 @@
 #include "marlix/kernel.hpp"
 #include "marlix/softhca.hpp"
 #include "marlix/stack.hpp"
+#include "adaptor_host.hpp"
 #include "ulp_verbs.h"
 #include "ulp_verbs_queues.h"
 #include "unload_check.hpp"
@@ -23,7 +24,6 @@
 namespace reliability {
 namespace {
 
-namespace st = marlix::stack;
 namespace hca = marlix::softhca;
 
 const char *const kDevices[] = {"InfiniHost0", "InfiniHost1"};
@@ -36,22 +36,8 @@ int cycles() {
 
 class Machine : public ::testing::Test {
   protected:
-    void SetUp() override {
-        k::BootOptions options;
-        options.clock = k::ClockMode::Virtual;
-        k::boot(options);
-        st::boot();
-        hca::Options hca_options;
-        hca_options.device_count = 2;
-        hca::boot(hca_options);
-    }
-    void TearDown() override {
-        k::clear_alloc_faults();
-        hca::clear_faults();
-        k::halt(true);
-        st::halt();
-        hca::halt();
-    }
+    void SetUp() override { adaptor_host::boot(2); }
+    void TearDown() override { adaptor_host::halt(); }
 };
 
 using LoadCycles = Machine;
