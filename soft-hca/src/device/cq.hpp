@@ -1,9 +1,17 @@
 // Completion queues of the software HCA: a fixed-size ring of completion entries per CQ, the
-// arming state for completion events and the CQ's completion handler. Each CQ has its own lock
-// (under the device mutex in the lock order, and a leaf): the completer pushes under it with its
-// device mutex held, while polls, peeks and arming take it alone, so a poller does not wait for
-// the passes that deliver into the device. The data path pushes completions with
-// CompletionQueue::complete() and fires the returned event after releasing every lock.
+// arming state for completion events and the CQ's completion handler.
+//
+// The ring has a producer side and a consumer side that meet only at its two positions, each
+// published with a release store, so that a poller and the completer (on another core) share
+// nothing but the entry that passes between them and the position that says it is there:
+//   - the producer side (pushes, arming, the handler) is under the CQ's lock `mu_`, taken by the
+//     completer under its device mutex and by the arming verbs alone;
+//   - the consumer side (polls) is under `poll_mu_`, which only pollers take;
+//   - resizing and destroying take both, `mu_` first.
+// Each side keeps the other's position as it last saw it and reads the real one only when its
+// own view says the ring is full (producer) or empty (consumer). The data path pushes
+// completions with CompletionQueue::complete() and fires the returned event after releasing
+// every lock.
 #pragma once
 
 #include <atomic>
@@ -32,7 +40,8 @@ struct CompletionEvent {
     }
 };
 
-class CompletionQueue : public Object {
+// Aligned, so that the consumer's line at the end of the record is its own.
+class alignas(limits::kCacheLine) CompletionQueue : public Object {
   public:
     // The size a CQ really gets for a request: the adapter's rings hold a power of two entries
     // and keep one free, so the usable size is the next power of two minus one that is at least
@@ -41,11 +50,17 @@ class CompletionQueue : public Object {
 
     explicit CompletionQueue(uint32_t size) : slots_(size) {}
 
-    // The methods below take the CQ's lock themselves.
+    // The methods below take the CQ's locks they need themselves.
     uint32_t size() const;
-    uint32_t count() const;
-    // The same, readable without the lock (the empty-poll answer).
-    uint32_t ready() const { return ready_.load(std::memory_order_acquire); }
+    // Completions waiting to be polled; no lock.
+    uint32_t count() const {
+        const uint64_t head = head_.load(std::memory_order_acquire);
+        return uint32_t(tail_.load(std::memory_order_acquire) - head);
+    }
+    // Whether a poll may find something: the empty-poll answer, read without any lock.
+    bool ready() const {
+        return tail_.load(std::memory_order_acquire) != head_.load(std::memory_order_relaxed);
+    }
 
     // Takes the oldest completion: VAPI_OK, VAPI_CQ_EMPTY, or VAPI_EINVAL_CQ_HNDL once destroyed.
     VAPI_ret_t pop(VAPI_wc_desc_t *wc);
@@ -92,26 +107,27 @@ class CompletionQueue : public Object {
         VAPI_wc_desc_t wc;
     };
     bool push(const VAPI_wc_desc_t &wc);
-    // The slot `i` places after the head (i < size).
-    uint32_t at(uint32_t i) const {
-        const uint32_t pos = head_ + i;
-        return pos >= slots_.size() ? pos - uint32_t(slots_.size()) : pos;
-    }
-    const VAPI_wc_desc_t &peek(uint32_t i) const { return slots_[at(i)].wc; }
+    uint32_t next(uint32_t index) const { return index + 1 == slots_.size() ? 0 : index + 1; }
 
-    mutable AdaptiveMutex mu_;
+    // Read by both sides, written only with both locks held.
     std::vector<Slot> slots_;
-    uint32_t head_ = 0;
-    uint32_t count_ = 0;
-
-    bool overrun_ = false;
     bool dead_ = false;
+
+    // Producer side.
+    alignas(limits::kCacheLine) mutable AdaptiveMutex mu_;
+    std::atomic<uint64_t> tail_{0};  // completions pushed so far
+    uint32_t tail_index_ = 0;        // the slot the next push fills
+    uint64_t seen_head_ = 0;         // head_ as the producer last read it
+    bool overrun_ = false;
     VAPI_cq_notif_type_t armed_ = VAPI_NOTIF_NONE;
     uint32_t armed_count_ = 0;
     std::optional<Handler> handler_;
-    // What an empty poll reads, last and alone in its line: a poller spinning on it does not
-    // pull the lock and the ring's positions away from the completer that holds them.
-    alignas(limits::kCacheLine) std::atomic<uint32_t> ready_{0};
+
+    // Consumer side.
+    alignas(limits::kCacheLine) mutable AdaptiveMutex poll_mu_;
+    std::atomic<uint64_t> head_{0};  // completions polled so far
+    uint32_t head_index_ = 0;        // the slot the next poll takes
+    uint64_t seen_tail_ = 0;         // tail_ as the consumer last read it
 };
 
 }  // namespace marlix::softhca

@@ -15,40 +15,49 @@ uint32_t CompletionQueue::size() const {
     return static_cast<uint32_t>(slots_.size());
 }
 
-uint32_t CompletionQueue::count() const {
-    std::lock_guard lk(mu_);
-    return count_;
-}
-
 bool CompletionQueue::push(const VAPI_wc_desc_t &wc) {
-    if (count_ == slots_.size()) {
-        overrun_ = true;
-        return false;
+    const uint64_t tail = tail_.load(std::memory_order_relaxed);
+    if (tail - seen_head_ >= slots_.size()) {
+        seen_head_ = head_.load(std::memory_order_acquire);
+        if (tail - seen_head_ >= slots_.size()) {
+            overrun_ = true;
+            return false;
+        }
     }
-    slots_[at(count_)].wc = wc;
-    ++count_;
-    ready_.store(count_, std::memory_order_release);
+    slots_[tail_index_].wc = wc;
+    tail_index_ = next(tail_index_);
+    tail_.store(tail + 1, std::memory_order_release);
     return true;
 }
 
 VAPI_ret_t CompletionQueue::pop(VAPI_wc_desc_t *wc) {
-    std::lock_guard lk(mu_);
+    std::lock_guard lk(poll_mu_);
     if (dead_) return VAPI_EINVAL_CQ_HNDL;
-    if (count_ == 0) return VAPI_CQ_EMPTY;
-    *wc = slots_[head_].wc;
-    head_ = at(1);
-    --count_;
-    ready_.store(count_, std::memory_order_release);
+    const uint64_t head = head_.load(std::memory_order_relaxed);
+    if (head == seen_tail_) {
+        seen_tail_ = tail_.load(std::memory_order_acquire);
+        if (head == seen_tail_) return VAPI_CQ_EMPTY;
+    }
+    *wc = slots_[head_index_].wc;
+    head_index_ = next(head_index_);
+    head_.store(head + 1, std::memory_order_release);
     return VAPI_OK;
 }
 
 bool CompletionQueue::resize(uint32_t new_size) {
-    std::lock_guard lk(mu_);
-    if (new_size < count_ || new_size == 0) return false;
+    std::lock_guard producer(mu_);
+    std::lock_guard consumer(poll_mu_);
+    const uint32_t queued = count();
+    if (new_size < queued || new_size == 0) return false;
     std::vector<Slot> slots(new_size);
-    for (uint32_t i = 0; i < count_; ++i) slots[i].wc = peek(i);
+    for (uint32_t i = 0, from = head_index_; i < queued; ++i, from = next(from))
+        slots[i].wc = slots_[from].wc;
     slots_.swap(slots);
-    head_ = 0;
+    // The positions stay (they only count); the slots start again from the first.
+    head_index_ = 0;
+    tail_index_ = queued == new_size ? 0 : queued;
+    seen_head_ = head_.load(std::memory_order_relaxed);
+    seen_tail_ = tail_.load(std::memory_order_relaxed);
     return true;
 }
 
@@ -77,12 +86,15 @@ bool CompletionQueue::clear_handler(EVAPI_compl_handler_hndl_t hndl) {
 }
 
 void CompletionQueue::kill() {
-    std::lock_guard lk(mu_);
+    std::lock_guard producer(mu_);
+    std::lock_guard consumer(poll_mu_);
     dead_ = true;
-    count_ = 0;
-    ready_.store(0, std::memory_order_release);
-    std::vector<Slot>().swap(slots_);
-    slots_.resize(1);  // keeps the ring arithmetic defined for anything still holding the record
+    // Nothing left to poll; the slots keep one entry so the ring arithmetic stays defined for
+    // anything still holding the record.
+    head_.store(tail_.load(std::memory_order_relaxed), std::memory_order_release);
+    seen_head_ = seen_tail_ = head_.load(std::memory_order_relaxed);
+    head_index_ = tail_index_ = 0;
+    std::vector<Slot>(1).swap(slots_);
 }
 
 std::optional<CompletionEvent> CompletionQueue::complete(const VAPI_wc_desc_t &wc, bool solicited,
@@ -93,7 +105,7 @@ std::optional<CompletionEvent> CompletionQueue::complete(const VAPI_wc_desc_t &w
     if (overran) *overran = !was_overrun && overrun_;
     bool due = armed_ == VAPI_NEXT_COMP ||
                (armed_ == VAPI_SOLIC_COMP && (solicited || raw_value(wc.status) != VAPI_SUCCESS));
-    if (armed_count_ != 0 && count_ >= armed_count_) due = true;
+    if (armed_count_ != 0 && count() >= armed_count_) due = true;
     if (!due) return std::nullopt;
     armed_ = VAPI_NOTIF_NONE;
     armed_count_ = 0;

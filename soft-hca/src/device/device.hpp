@@ -73,11 +73,12 @@
 //      capabilities or rings takes both under the device mutex (QpQueueLock), and so does a post
 //      that needs the device (datagram QPs, stopped queues). Only CQ locks are taken under them
 //      (a flush pushes completions);
-//   7. a CQ's own lock, of one CQ at a time: its ring, arming and handler. The completer takes it
-//      under its device mutex to push; polls, peeks and arming take it alone (a poll of a CQ in
-//      the lock-free table takes no other lock), so pollers do not wait for the passes that
-//      deliver into the device. A destroyed CQ is marked dead under it and kept until the device
-//      closes, since a poll may still hold it;
+//   7. a CQ's locks, of one CQ at a time (cq.hpp): the producer's (its ring's tail, arming and
+//      handler), which the completer takes under its device mutex to push and the arming verbs
+//      alone, then the consumer's, which polls take alone (a poll of a CQ in the lock-free table
+//      takes no other lock), so pollers wait neither for the passes that deliver into the device
+//      nor for the completer. Resizing and destroying take both. A destroyed CQ is marked dead
+//      and kept until the device closes, since a poll may still hold it;
 //   8. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
 //      the LID table's writers, the fault table and the counts of calls tied to no device, the
 //      registry's device list and event dispatcher, the threaded engine's sleep mutex.

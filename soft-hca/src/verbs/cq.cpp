@@ -101,7 +101,7 @@ VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_w
     // busy poller), never the device mutex that the passes delivering into the device hold.
     if (dev && dev->open.load(std::memory_order_acquire) && comp_desc_p && cq_hndl < Device::kFastCqHandles) {
         if (CompletionQueue *fast = dev->fast_cqs[cq_hndl].load(std::memory_order_acquire))
-            return fast->ready() == 0 ? VAPI_CQ_EMPTY : fast->pop(comp_desc_p);
+            return fast->ready() ? fast->pop(comp_desc_p) : VAPI_CQ_EMPTY;
     }
     Call call(dev, Call::Checked{});
     if (call.failed()) return call.status();
