@@ -288,7 +288,7 @@ class Device {
     // The data path token: whoever holds it runs this device's requesters and carries their
     // packets (the engine's round, or a posting thread that finds it free), so the packets of one
     // QP leave in order.
-    alignas(limits::kCacheLine) std::mutex run_mu;
+    alignas(limits::kCacheLine) AdaptiveMutex run_mu;
     // CQs by handle, read without the lock by VAPI_poll_cq to answer "empty" at once; handles
     // beyond the table take the locked path.
     static constexpr size_t kFastCqHandles = 4096;

@@ -37,9 +37,9 @@ struct QpQueues {
     // mutex and both (sq_mu first).
     // Each queue's lock and ring apart from the other's: its posters and its consumer may run
     // on different threads.
-    alignas(limits::kCacheLine) std::mutex sq_mu;
+    alignas(limits::kCacheLine) AdaptiveMutex sq_mu;
     SendRing sq;  // [head, next_send) sent, [next_send, tail) queued
-    alignas(limits::kCacheLine) std::mutex rq_mu;
+    alignas(limits::kCacheLine) AdaptiveMutex rq_mu;
     RecvRing rq;
     // On the device's doorbell list (posts that found the data path busy).
     std::atomic<bool> doorbell_rung{false};
@@ -149,7 +149,7 @@ class QpQueueLock {
     explicit QpQueueLock(Qp &qp) : sq_(qp.sq_mu), rq_(qp.rq_mu) {}
 
   private:
-    std::lock_guard<std::mutex> sq_, rq_;
+    std::lock_guard<AdaptiveMutex> sq_, rq_;
 };
 CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq);
 // The QP a packet arriving on `port` for QP number `qp_num` is meant for: QP0 and QP1 are the
