@@ -30,9 +30,10 @@ class ThreadedEngine : public Engine {
     EngineKind kind() const override { return EngineKind::Threaded; }
 
     void kick() override {
-        // Posting threads pay one load when the engine was kicked already (the engine clears the
-        // flag once per round), and one atomic exchange otherwise.
-        if (kicked_.load(std::memory_order_relaxed) || kicked_.exchange(true)) return;
+        // Posting threads pay one atomic exchange when the engine is awake. It must be an
+        // exchange, not a look first: a kick after the engine cleared the flag for its round has
+        // to see that it did, or the engine could go to sleep on work posted after its look.
+        if (kicked_.exchange(true)) return;
         if (sleeping_.load()) {
             std::lock_guard lk(mu_);
             cv_.notify_one();
@@ -61,7 +62,9 @@ class ThreadedEngine : public Engine {
   private:
     void loop() {
         for (;;) {
-            kicked_.store(false);
+            // An exchange, not a store: taking a kick down acquires what the kicker published
+            // before it (a QP on a doorbell list), so this round sees it.
+            kicked_.exchange(false, std::memory_order_acq_rel);
             const uint64_t start = started_.fetch_add(1) + 1;
             bool timers = false;
             size_t work = run_round(host::now_ns(), &timers);
