@@ -13,11 +13,6 @@ using qpsm::QpState;
 
 namespace {
 
-bool is_read_or_atomic(uint32_t opcode) {
-    return opcode == VAPI_RDMA_READ || opcode == VAPI_ATOMIC_CMP_AND_SWP ||
-           opcode == VAPI_ATOMIC_FETCH_AND_ADD;
-}
-
 bool psn_in(uint32_t psn, const SendEntry &w) {
     return psn_diff(psn, w.first_psn) >= 0 && psn_diff(psn, w.last_psn) <= 0;
 }

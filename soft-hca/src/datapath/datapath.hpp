@@ -132,6 +132,18 @@ void complete_send(Device &dev, Qp &qp, SendEntry &w, VAPI_wc_status_t status, u
 // Retires the Done entries at the head of the send queue, in order.
 void retire_sends(Device &dev, Qp &qp, PendingEvents &events);
 
+// RDMA reads and atomics: the requests that wait for a response of their own and count against
+// the outstanding read/atomic limits.
+inline bool is_read_or_atomic(uint32_t opcode) {
+    return opcode == VAPI_RDMA_READ || opcode == VAPI_ATOMIC_CMP_AND_SWP ||
+           opcode == VAPI_ATOMIC_FETCH_AND_ADD;
+}
+// The transport bits of the BTH opcodes a QP sends and accepts (special QPs are datagram QPs).
+inline uint8_t transport_bits(const Qp &qp) {
+    if (qp.kind != qpsm::QpKind::Regular || qp.transport() == VAPI_TS_UD) return op::kUd;
+    return qp.transport() == VAPI_TS_UC ? op::kUc : op::kRc;
+}
+
 // PSN arithmetic, modulo 2^24.
 constexpr uint32_t kPsnMask = 0xffffff;
 inline uint32_t psn_add(uint32_t psn, uint32_t n) {

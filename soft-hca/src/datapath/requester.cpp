@@ -12,21 +12,6 @@ using qpsm::QpState;
 
 namespace {
 
-bool is_read_or_atomic(uint32_t opcode) {
-    return opcode == VAPI_RDMA_READ || opcode == VAPI_ATOMIC_CMP_AND_SWP ||
-           opcode == VAPI_ATOMIC_FETCH_AND_ADD;
-}
-
-uint8_t transport_bits(const Qp &qp) {
-    if (qp.kind != QpKind::Regular || qp.transport() == VAPI_TS_UD) return op::kUd;
-    return qp.transport() == VAPI_TS_UC ? op::kUc : op::kRc;
-}
-
-// The local error status of a failed key look-up.
-VAPI_wc_status_t local_status(VAPI_ret_t rc) {
-    return rc == VAPI_EINVAL_LEN ? VAPI_LOC_PROT_ERR : VAPI_LOC_PROT_ERR;
-}
-
 // Resolves the gather list (or the inline data) into pieces of memory in the Outbox.
 // Returns the first span index, or fails with a completion status.
 bool gather(Device &dev, Qp &qp, SendEntry &w, Outbox &out, uint32_t &first, VAPI_wc_status_t &status) {
@@ -49,7 +34,7 @@ bool gather(Device &dev, Qp &qp, SendEntry &w, Outbox &out, uint32_t &first, VAP
         }
         if (rc != VAPI_OK) {
             out.span_count = first;
-            status = local_status(rc);
+            status = VAPI_LOC_PROT_ERR;  // a key, PD, bound or right that does not allow it
             return false;
         }
     }

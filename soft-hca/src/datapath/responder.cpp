@@ -11,15 +11,9 @@
 
 namespace marlix::softhca {
 
-using qpsm::QpKind;
 using qpsm::QpState;
 
 namespace {
-
-uint8_t transport_bits(const Qp &qp) {
-    if (qp.kind != QpKind::Regular || qp.transport() == VAPI_TS_UD) return op::kUd;
-    return qp.transport() == VAPI_TS_UC ? op::kUc : op::kRc;
-}
 
 bool receives(QpState s) {
     return s == QpState::Rtr || s == QpState::Rts || s == QpState::Sqd || s == QpState::Sqe;

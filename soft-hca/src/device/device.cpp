@@ -414,10 +414,14 @@ void dispatch_event(std::function<void()> fn) {
 
 // ---- Call ----------------------------------------------------------------------------------------------
 
+const std::string &unknown_device_name() {
+    static const std::string unknown("?");
+    return unknown;
+}
+
 Call::Call(Verb verb, VAPI_hca_hndl_t hca) {
     dev_ = device_by_handle(hca);
-    static const std::string unknown("?");
-    status_ = check_faults(verb, dev_, dev_ ? dev_->name : unknown);
+    status_ = check_faults(verb, dev_);
     if (status_ != VAPI_OK) return;
     if (!dev_) {
         status_ = VAPI_EINVAL_HCA_HNDL;

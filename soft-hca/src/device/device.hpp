@@ -432,5 +432,12 @@ inline VAPI_ret_t check_faults(Verb verb, Device *dev, const std::string &device
     if (call_watch::state.load(std::memory_order_relaxed) == 0) return VAPI_OK;
     return check_faults_watched(verb, dev, device_name);
 }
+// The name fault rules use for a handle that names no device.
+const std::string &unknown_device_name();
+// The same for a call addressed to a device by handle (`dev` null: the handle names none).
+inline VAPI_ret_t check_faults(Verb verb, Device *dev) {
+    if (call_watch::state.load(std::memory_order_relaxed) == 0) return VAPI_OK;
+    return check_faults_watched(verb, dev, dev ? dev->name : unknown_device_name());
+}
 
 }  // namespace marlix::softhca

@@ -94,9 +94,7 @@ VAPI_ret_t VAPI_destroy_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl) {
 
 VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_wc_desc_t *comp_desc_p) {
     Device *dev = device_by_handle(hca_hndl);
-    static const std::string unknown("?");
-    if (VAPI_ret_t rc = check_faults(Verb::VAPI_poll_cq, dev, dev ? dev->name : unknown); rc != VAPI_OK)
-        return rc;
+    if (VAPI_ret_t rc = check_faults(Verb::VAPI_poll_cq, dev); rc != VAPI_OK) return rc;
     // Polling takes only the CQ's own lock (and none when the CQ is empty, the common case of a
     // busy poller), never the device mutex that the passes delivering into the device hold.
     if (dev && dev->open.load(std::memory_order_acquire) && comp_desc_p && cq_hndl < Device::kFastCqHandles) {

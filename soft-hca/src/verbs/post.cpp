@@ -137,8 +137,7 @@ struct SendPost {
 // The device a post names, counted and checked for injected faults, or the status to return.
 Device *posting_device(Verb verb, VAPI_hca_hndl_t hca, VAPI_ret_t &status) {
     Device *dev = device_by_handle(hca);
-    static const std::string unknown("?");
-    status = check_faults(verb, dev, dev ? dev->name : unknown);
+    status = check_faults(verb, dev);
     if (status != VAPI_OK) return nullptr;
     if (!dev || !dev->open.load(std::memory_order_acquire)) {
         status = VAPI_EINVAL_HCA_HNDL;
