@@ -83,6 +83,59 @@ TEST_F(CqLock, CompletionsPushedWhileAnotherThreadPollsArriveOnceInOrder) {
     EXPECT_EQ(VAPI_destroy_cq(s0.hca, cq), VAPI_OK);
 }
 
+std::atomic<int> g_armed_events{0};
+void count_armed_event(VAPI_hca_hndl_t, VAPI_cq_hndl_t, void *) {
+    g_armed_events.fetch_add(1);
+}
+
+// Arming, the handler and pushes all belong to the CQ's producer side, which the device mutex
+// serialises: arming from one thread while another pushes raises one event per arming that a
+// completion follows, never two and never none.
+TEST_F(CqLock, ArmingWhileAnotherThreadPushesRaisesOneEventPerArming) {
+    VAPI_cq_hndl_t cq = 0;
+    VAPI_cqe_num_t size = 0;
+    ASSERT_EQ(VAPI_create_cq(s0.hca, 15, &cq, &size), VAPI_OK);
+    EVAPI_compl_handler_hndl_t handler = 0;
+    g_armed_events = 0;
+    ASSERT_EQ(EVAPI_set_comp_eventh(s0.hca, cq, count_armed_event, nullptr, &handler), VAPI_OK);
+    constexpr int kArmings = 300;
+    std::atomic<uint64_t> polled{0};
+    std::atomic<bool> done{false}, failed{false};
+    std::thread producer([&] {
+        VAPI_wc_desc_t wc{};
+        wc.status = VAPI_SUCCESS;
+        for (uint64_t i = 0; !done && !failed; ++i) {
+            while (i - polled.load() >= size && !done) std::this_thread::yield();
+            wc.id = i;
+            if (!sh::push_completion(s0.name, cq, wc)) failed = true;
+        }
+    });
+    VAPI_wc_desc_t wc{};
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    int armings = 0;
+    while (armings < kArmings && std::chrono::steady_clock::now() < until) {
+        const int before = g_armed_events.load();
+        if (armings % 2 == 0)
+            ASSERT_EQ(VAPI_req_comp_notif(s0.hca, cq, VAPI_NEXT_COMP), VAPI_OK);
+        else
+            ASSERT_EQ(EVAPI_req_ncomp_notif(s0.hca, cq, 1), VAPI_OK);
+        ++armings;
+        // Keep the ring moving until the arming has raised its event.
+        while (g_armed_events.load() == before && std::chrono::steady_clock::now() < until) {
+            if (VAPI_poll_cq(s0.hca, cq, &wc) == VAPI_OK) polled.fetch_add(1);
+        }
+    }
+    done = true;
+    producer.join();
+    EXPECT_FALSE(failed.load());
+    EXPECT_EQ(armings, kArmings);
+    EXPECT_EQ(g_armed_events.load(), kArmings);
+    EXPECT_EQ(EVAPI_clear_comp_eventh(s0.hca, handler), VAPI_OK);
+    while (VAPI_poll_cq(s0.hca, cq, &wc) == VAPI_OK) {
+    }
+    EXPECT_EQ(VAPI_destroy_cq(s0.hca, cq), VAPI_OK);
+}
+
 TEST_F(CqLock, ADestroyedCqAnswersAnInvalidHandle) {
     VAPI_cq_hndl_t cq = 0;
     VAPI_cqe_num_t n = 0;

@@ -4,10 +4,12 @@
 // The ring has a producer side and a consumer side that meet only at its two positions, each
 // published with a release store, so that a poller and the completer (on another core) share
 // nothing but the entry that passes between them and the position that says it is there:
-//   - the producer side (pushes, arming, the handler) is under the CQ's lock `mu_`, taken by the
-//     completer under its device mutex and by the arming verbs alone;
+//   - the producer side (pushes, arming, the handler) is serialised by the device mutex of the
+//     CQ's device: every push comes from the data path or a flush, which run under it, and every
+//     verb that arms the CQ, sets its handler, resizes or destroys it holds it through its Call.
+//     The CQ has no producer lock of its own;
 //   - the consumer side (polls) is under `poll_mu_`, which only pollers take;
-//   - resizing and destroying take both, `mu_` first.
+//   - resizing and destroying hold the device mutex and take `poll_mu_` as well.
 // Each side keeps the other's position as it last saw it and reads the real one only when its
 // own view says the ring is full (producer) or empty (consumer). The data path pushes
 // completions with CompletionQueue::complete() and fires the returned event after releasing
@@ -50,8 +52,9 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
 
     explicit CompletionQueue(uint32_t size) : slots_(size) {}
 
-    // The methods below take the CQ's locks they need themselves.
-    uint32_t size() const;
+    // The producer's methods (size, resize, arming, complete, handlers, kill) are called with the
+    // device mutex held; pop() takes the consumer's lock itself.
+    uint32_t size() const { return static_cast<uint32_t>(slots_.size()); }
     // Completions waiting to be polled; no lock.
     uint32_t count() const {
         const uint64_t head = head_.load(std::memory_order_acquire);
@@ -109,15 +112,14 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     bool push(const VAPI_wc_desc_t &wc);
     uint32_t next(uint32_t index) const { return index + 1 == slots_.size() ? 0 : index + 1; }
 
-    // Read by both sides, written only with both locks held.
+    // Read by both sides, written only with the device mutex and the consumer's lock held.
     std::vector<Slot> slots_;
     bool dead_ = false;
 
-    // Producer side.
-    alignas(limits::kCacheLine) mutable AdaptiveMutex mu_;
-    std::atomic<uint64_t> tail_{0};  // completions pushed so far
-    uint32_t tail_index_ = 0;        // the slot the next push fills
-    uint64_t seen_head_ = 0;         // head_ as the producer last read it
+    // Producer side, serialised by the device mutex.
+    alignas(limits::kCacheLine) std::atomic<uint64_t> tail_{0};  // completions pushed so far
+    uint32_t tail_index_ = 0;                                    // the slot the next push fills
+    uint64_t seen_head_ = 0;                                     // head_ as the producer last read it
     bool overrun_ = false;
     VAPI_cq_notif_type_t armed_ = VAPI_NOTIF_NONE;
     uint32_t armed_count_ = 0;

@@ -10,11 +10,6 @@ uint64_t CompletionQueue::actual_size(uint32_t requested) {
     return ring - 1;
 }
 
-uint32_t CompletionQueue::size() const {
-    std::lock_guard lk(mu_);
-    return static_cast<uint32_t>(slots_.size());
-}
-
 bool CompletionQueue::push(const VAPI_wc_desc_t &wc) {
     const uint64_t tail = tail_.load(std::memory_order_relaxed);
     if (tail - seen_head_ >= slots_.size()) {
@@ -45,7 +40,6 @@ VAPI_ret_t CompletionQueue::pop(VAPI_wc_desc_t *wc) {
 }
 
 bool CompletionQueue::resize(uint32_t new_size) {
-    std::lock_guard producer(mu_);
     std::lock_guard consumer(poll_mu_);
     const uint32_t queued = count();
     if (new_size < queued || new_size == 0) return false;
@@ -62,31 +56,26 @@ bool CompletionQueue::resize(uint32_t new_size) {
 }
 
 void CompletionQueue::arm(VAPI_cq_notif_type_t type) {
-    std::lock_guard lk(mu_);
     if (type == VAPI_NEXT_COMP || armed_ == VAPI_NOTIF_NONE) armed_ = type;
 }
 
 void CompletionQueue::arm_count(uint32_t n) {
-    std::lock_guard lk(mu_);
     armed_count_ = n;
 }
 
 bool CompletionQueue::set_handler(const Handler &h) {
-    std::lock_guard lk(mu_);
     if (handler_) return false;
     handler_ = h;
     return true;
 }
 
 bool CompletionQueue::clear_handler(EVAPI_compl_handler_hndl_t hndl) {
-    std::lock_guard lk(mu_);
     if (!handler_ || handler_->hndl != hndl) return false;
     handler_.reset();
     return true;
 }
 
 void CompletionQueue::kill() {
-    std::lock_guard producer(mu_);
     std::lock_guard consumer(poll_mu_);
     dead_ = true;
     // Nothing left to poll; the slots keep one entry so the ring arithmetic stays defined for
@@ -99,7 +88,6 @@ void CompletionQueue::kill() {
 
 std::optional<CompletionEvent> CompletionQueue::complete(const VAPI_wc_desc_t &wc, bool solicited,
                                                          bool *overran) {
-    std::lock_guard lk(mu_);
     const bool was_overrun = overrun_;
     push(wc);
     if (overran) *overran = !was_overrun && overrun_;

@@ -71,14 +71,15 @@
 //   6. a QP's queue locks, Qp::sq_mu then Qp::rq_mu (qp.hpp): a post on a connected QP takes the
 //      one of its queue alone, writes the ring and publishes it; whoever changes the QP's state,
 //      capabilities or rings takes both under the device mutex (QpQueueLock), and so does a post
-//      that needs the device (datagram QPs, stopped queues). Only CQ locks are taken under them
-//      (a flush pushes completions);
-//   7. a CQ's locks, of one CQ at a time (cq.hpp): the producer's (its ring's tail, arming and
-//      handler), which the completer takes under its device mutex to push and the arming verbs
-//      alone, then the consumer's, which polls take alone (a poll of a CQ in the lock-free table
-//      takes no other lock), so pollers wait neither for the passes that deliver into the device
-//      nor for the completer. Resizing and destroying take both. A destroyed CQ is marked dead
-//      and kept until the device closes, since a poll may still hold it;
+//      that needs the device (datagram QPs, stopped queues). Only leaf locks are taken
+//      under them (a flush pushes completions, which takes no CQ lock);
+//   7. a CQ's consumer lock (cq.hpp), of one CQ at a time, which polls take alone (a poll of a
+//      CQ in the lock-free table takes no other lock), so pollers wait neither for the passes
+//      that deliver into the device nor for the completer. A CQ's producer side (its ring's
+//      tail, arming and handler) has no lock of its own: it is serialised by the device mutex,
+//      under which the completer, the responder and flushes push and the verbs arm, resize and
+//      destroy. Resizing and destroying take the consumer lock as well. A destroyed CQ is marked
+//      dead and kept until the device closes, since a poll may still hold it;
 //   8. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
 //      the LID table's writers, the fault table and the counts of calls tied to no device, the
 //      registry's device list and event dispatcher, the threaded engine's sleep mutex.
