@@ -136,6 +136,58 @@ TEST_F(CqLock, ArmingWhileAnotherThreadPushesRaisesOneEventPerArming) {
     EXPECT_EQ(VAPI_destroy_cq(s0.hca, cq), VAPI_OK);
 }
 
+// A resize moves the ring under a poller that reads its head slot without a lock: every
+// completion still arrives once, in order.
+TEST_F(CqLock, ResizingWhileOneThreadPushesAndAnotherPollsLosesNothing) {
+    VAPI_cq_hndl_t cq = 0;
+    VAPI_cqe_num_t size = 0;
+    ASSERT_EQ(VAPI_create_cq(s0.hca, 15, &cq, &size), VAPI_OK);
+    constexpr uint64_t kCompletions = 20000;
+    std::atomic<uint64_t> polled{0};
+    std::atomic<bool> done{false}, failed{false};
+    std::thread producer([&] {
+        VAPI_wc_desc_t wc{};
+        for (uint64_t i = 0; i < kCompletions && !failed; ++i) {
+            // Never more than the smallest ring holds.
+            while (i - polled.load() >= size && !failed) std::this_thread::yield();
+            wc.id = i;
+            if (!sh::push_completion(s0.name, cq, wc)) failed = true;
+        }
+    });
+    std::atomic<int> resizes{0};
+    std::thread resizer([&] {
+        const VAPI_cqe_num_t sizes[] = {63, 15, 31, 15};
+        for (int i = 0; !done && !failed; ++i) {
+            VAPI_cqe_num_t actual = 0;
+            if (VAPI_resize_cq(s0.hca, cq, sizes[i % 4], &actual) != VAPI_OK) failed = true;
+            resizes.fetch_add(1);
+            std::this_thread::yield();
+        }
+    });
+    VAPI_wc_desc_t wc{};
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (polled.load() < kCompletions && !failed && std::chrono::steady_clock::now() < until) {
+        const VAPI_ret_t rc = VAPI_poll_cq(s0.hca, cq, &wc);
+        if (rc == VAPI_CQ_EMPTY) continue;
+        const uint64_t want = polled.load();
+        if (rc != VAPI_OK || wc.id != want) {
+            ADD_FAILURE() << "completion " << want << ": status " << rc << ", id " << wc.id;
+            failed = true;
+            break;
+        }
+        polled.store(want + 1);
+    }
+    failed = failed || polled.load() < kCompletions;
+    done = true;
+    producer.join();
+    resizer.join();
+    EXPECT_FALSE(failed.load());
+    EXPECT_EQ(polled.load(), kCompletions);
+    EXPECT_GT(resizes.load(), 0);
+    EXPECT_EQ(VAPI_poll_cq(s0.hca, cq, &wc), VAPI_CQ_EMPTY);
+    EXPECT_EQ(VAPI_destroy_cq(s0.hca, cq), VAPI_OK);
+}
+
 TEST_F(CqLock, ADestroyedCqAnswersAnInvalidHandle) {
     VAPI_cq_hndl_t cq = 0;
     VAPI_cqe_num_t n = 0;

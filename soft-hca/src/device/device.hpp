@@ -82,7 +82,8 @@
 //      dead and kept until the device closes, since a poll may still hold it;
 //   8. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
 //      the LID table's writers, the fault table and the counts of calls tied to no device, the
-//      registry's device list and event dispatcher, the threaded engine's sleep mutex.
+//      registry's device list and event dispatcher, the threaded engine's sleep mutex, the pool
+//      of CQ rings (creating, resizing and destroying a CQ).
 // Read without any lock: the device table (devices live from boot() to halt()), Device::open, the
 // LID routing table, the CQ table of the empty-poll answer, the QP table of posters (its records
 // live until the device closes; a poster checks under the queue lock that the record is still
