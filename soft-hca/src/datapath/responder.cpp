@@ -26,7 +26,7 @@ VAPI_wc_status_t scatter(Device &dev, const Qp &qp, const RecvEntry &r, uint64_t
                          uint64_t from, uint64_t len, const uint8_t *raw = nullptr) {
     uint64_t skip = at;
     for (uint32_t i = 0; i < r.sg_count && len > 0; ++i) {
-        const VAPI_sg_lst_entry_t &e = r.sg[i];
+        const VAPI_sg_lst_entry_t &e = r.sge(i);
         if (skip >= e.len) {
             skip -= e.len;
             continue;
@@ -51,7 +51,7 @@ VAPI_wc_status_t scatter(Device &dev, const Qp &qp, const RecvEntry &r, uint64_t
 
 uint64_t capacity(const RecvEntry &r) {
     uint64_t n = 0;
-    for (uint32_t i = 0; i < r.sg_count; ++i) n += r.sg[i].len;
+    for (uint32_t i = 0; i < r.sg_count; ++i) n += r.sge(i).len;
     return n;
 }
 
@@ -72,6 +72,8 @@ void complete_recv(Qp &qp, VAPI_wc_desc_t wc, bool solicited, PendingEvents &eve
                            qp.rq.front().desc.comp_type == VAPI_SIGNALED;
     qp.rq.pop();
     wc.free_res_count = qp.rq.free_slots();
+    // The next receive's line, which the poster wrote, on its way before the next message.
+    qp.rq.prefetch_front();
     if (CompletionQueue *cq = qp.recv_cq; cq && signalled) push_completion(*cq, wc, solicited, events);
 }
 
