@@ -1,7 +1,7 @@
-// A CQ has its own locks: polling it never waits for the device mutex, which the passes that
-// deliver into the device hold, and a poller and the completer on two threads share only the
-// entries and positions of the ring: every completion arrives once, in order, none lost to a
-// false overrun.
+// A CQ's pollers have a lock of their own: polling never waits for the device mutex, which the
+// passes that deliver into the device hold (and which serialises the CQ's producer side), and a
+// poller and the completer on two threads share only the slots of the ring: every completion
+// arrives once, in order, none lost to a false overrun, also while the ring is resized.
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -42,30 +42,29 @@ TEST_F(CqLock, PollingDoesNotWaitForTheDeviceMutex) {
     EXPECT_EQ(wc.byte_len, 16u);
 }
 
-TEST_F(CqLock, CompletionsPushedWhileAnotherThreadPollsArriveOnceInOrder) {
-    VAPI_cq_hndl_t cq = 0;
-    VAPI_cqe_num_t size = 0;
-    ASSERT_EQ(VAPI_create_cq(s0.hca, 15, &cq, &size), VAPI_OK);
-    ASSERT_EQ(size, 15u);
-    constexpr uint64_t kCompletions = 20000;
+// Pushes `n` completions (the i-th with id i and i * 7 bytes) into `cq` of `side` from a thread
+// of its own, never more than `window` ahead of the polls, while the calling thread polls them.
+// Returns how many arrived once and in order before the first that did not (or 30 s passed);
+// sets `failed` then, and stops when something else sets it.
+uint64_t push_while_polling(const Side &side, VAPI_cq_hndl_t cq, uint64_t n, uint32_t window,
+                            std::atomic<bool> &failed) {
     std::atomic<uint64_t> polled{0};
-    std::atomic<bool> failed{false};
     std::thread producer([&] {
         VAPI_wc_desc_t wc{};
         wc.status = VAPI_SUCCESS;
         wc.opcode = VAPI_CQE_RQ_SEND_DATA;
-        for (uint64_t i = 0; i < kCompletions && !failed; ++i) {
+        for (uint64_t i = 0; i < n && !failed; ++i) {
             // Never more than the ring holds: a full ring would drop the entry.
-            while (i - polled.load() >= size && !failed) std::this_thread::yield();
+            while (i - polled.load() >= window && !failed) std::this_thread::yield();
             wc.id = i;
             wc.byte_len = uint32_t(i * 7);
-            if (!sh::push_completion(s0.name, cq, wc)) failed = true;
+            if (!sh::push_completion(side.name, cq, wc)) failed = true;
         }
     });
     VAPI_wc_desc_t wc{};
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (polled.load() < kCompletions && !failed && std::chrono::steady_clock::now() < until) {
-        const VAPI_ret_t rc = VAPI_poll_cq(s0.hca, cq, &wc);
+    while (polled.load() < n && !failed && std::chrono::steady_clock::now() < until) {
+        const VAPI_ret_t rc = VAPI_poll_cq(side.hca, cq, &wc);
         if (rc == VAPI_CQ_EMPTY) continue;
         const uint64_t want = polled.load();
         if (rc != VAPI_OK || wc.id != want || wc.byte_len != uint32_t(want * 7)) {
@@ -75,10 +74,21 @@ TEST_F(CqLock, CompletionsPushedWhileAnotherThreadPollsArriveOnceInOrder) {
         }
         polled.store(want + 1);
     }
-    failed = failed || polled.load() < kCompletions;
+    if (polled.load() < n) failed = true;
     producer.join();
+    return polled.load();
+}
+
+TEST_F(CqLock, CompletionsPushedWhileAnotherThreadPollsArriveOnceInOrder) {
+    VAPI_cq_hndl_t cq = 0;
+    VAPI_cqe_num_t size = 0;
+    ASSERT_EQ(VAPI_create_cq(s0.hca, 15, &cq, &size), VAPI_OK);
+    ASSERT_EQ(size, 15u);
+    constexpr uint64_t kCompletions = 20000;
+    std::atomic<bool> failed{false};
+    EXPECT_EQ(push_while_polling(s0, cq, kCompletions, size, failed), kCompletions);
     EXPECT_FALSE(failed.load());
-    EXPECT_EQ(polled.load(), kCompletions);
+    VAPI_wc_desc_t wc{};
     EXPECT_EQ(VAPI_poll_cq(s0.hca, cq, &wc), VAPI_CQ_EMPTY);
     EXPECT_EQ(VAPI_destroy_cq(s0.hca, cq), VAPI_OK);
 }
@@ -143,17 +153,7 @@ TEST_F(CqLock, ResizingWhileOneThreadPushesAndAnotherPollsLosesNothing) {
     VAPI_cqe_num_t size = 0;
     ASSERT_EQ(VAPI_create_cq(s0.hca, 15, &cq, &size), VAPI_OK);
     constexpr uint64_t kCompletions = 20000;
-    std::atomic<uint64_t> polled{0};
     std::atomic<bool> done{false}, failed{false};
-    std::thread producer([&] {
-        VAPI_wc_desc_t wc{};
-        for (uint64_t i = 0; i < kCompletions && !failed; ++i) {
-            // Never more than the smallest ring holds.
-            while (i - polled.load() >= size && !failed) std::this_thread::yield();
-            wc.id = i;
-            if (!sh::push_completion(s0.name, cq, wc)) failed = true;
-        }
-    });
     std::atomic<int> resizes{0};
     std::thread resizer([&] {
         const VAPI_cqe_num_t sizes[] = {63, 15, 31, 15};
@@ -164,26 +164,13 @@ TEST_F(CqLock, ResizingWhileOneThreadPushesAndAnotherPollsLosesNothing) {
             std::this_thread::yield();
         }
     });
-    VAPI_wc_desc_t wc{};
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (polled.load() < kCompletions && !failed && std::chrono::steady_clock::now() < until) {
-        const VAPI_ret_t rc = VAPI_poll_cq(s0.hca, cq, &wc);
-        if (rc == VAPI_CQ_EMPTY) continue;
-        const uint64_t want = polled.load();
-        if (rc != VAPI_OK || wc.id != want) {
-            ADD_FAILURE() << "completion " << want << ": status " << rc << ", id " << wc.id;
-            failed = true;
-            break;
-        }
-        polled.store(want + 1);
-    }
-    failed = failed || polled.load() < kCompletions;
+    // Never more queued than the smallest ring holds.
+    EXPECT_EQ(push_while_polling(s0, cq, kCompletions, size, failed), kCompletions);
     done = true;
-    producer.join();
     resizer.join();
     EXPECT_FALSE(failed.load());
-    EXPECT_EQ(polled.load(), kCompletions);
     EXPECT_GT(resizes.load(), 0);
+    VAPI_wc_desc_t wc{};
     EXPECT_EQ(VAPI_poll_cq(s0.hca, cq, &wc), VAPI_CQ_EMPTY);
     EXPECT_EQ(VAPI_destroy_cq(s0.hca, cq), VAPI_OK);
 }
