@@ -5,7 +5,7 @@
 
 namespace marlix::softhca {
 
-uint32_t Packet::wire_bytes() const {
+uint32_t Packet::wire_bytes_of(uint8_t opcode, bool grh, uint32_t payload_len) {
     uint32_t n = 8 + 12 + 4;  // LRH, BTH, ICRC
     if (grh) n += 40;
     const uint8_t o = op::operation(opcode);
@@ -22,10 +22,6 @@ uint32_t Packet::wire_bytes() const {
 }
 
 void Packet::read_payload(uint64_t from, uint8_t *dst, size_t len) const {
-    if (owned) {
-        std::memcpy(dst, owned.get() + from, len);
-        return;
-    }
     uint64_t skip = payload_offset + from;
     for (uint32_t i = 0; i < span_count && len > 0; ++i) {
         const ByteSpan &s = spans[i];
@@ -39,21 +35,6 @@ void Packet::read_payload(uint64_t from, uint8_t *dst, size_t len) const {
         len -= n;
         skip = 0;
     }
-}
-
-void Packet::own_payload() {
-    if (payload_len == 0) {
-        spans = nullptr;
-        span_count = 0;
-        payload_offset = 0;
-        return;
-    }
-    std::shared_ptr<uint8_t[]> copy(new uint8_t[payload_len]);
-    read_payload(0, copy.get(), payload_len);
-    owned = std::move(copy);
-    spans = nullptr;
-    span_count = 0;
-    payload_offset = 0;
 }
 
 }  // namespace marlix::softhca

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <deque>
 #include <map>
+#include <memory>
+#include <optional>
 #include <mutex>
 
 #include "device/limits.hpp"
@@ -17,9 +19,28 @@ struct LinkState {
     uint64_t dropped = 0;
 };
 
+// A packet waiting on a delayed link, with its own copy of the payload: the sender's memory may
+// change or go away before it arrives. Records move inside the queue, so the packet's view is
+// pointed at the copy (bind()) only once the record has been taken out to be delivered.
 struct Delayed {
-    uint64_t due;
+    uint64_t due = 0;
     Packet pkt;
+    std::unique_ptr<uint8_t[]> bytes;
+    ByteSpan span;
+    Delayed(uint64_t when, const Packet &p) : due(when), pkt(p) {
+        if (p.payload_len) {
+            bytes = std::make_unique<uint8_t[]>(p.payload_len);
+            p.read_payload(0, bytes.get(), p.payload_len);
+        }
+        span = {bytes.get(), p.payload_len};
+        pkt.payload_offset = 0;
+        pkt.spans = nullptr;
+        pkt.span_count = 0;
+    }
+    void bind() {
+        pkt.spans = pkt.payload_len ? &span : nullptr;
+        pkt.span_count = pkt.payload_len ? 1 : 0;
+    }
 };
 
 struct Wire {
@@ -65,8 +86,7 @@ void arrive(const Packet &p, uint64_t now, Outbox &replies, bool delayed_already
 
 void hold(const Packet &p, uint64_t due) {
     Wire &w = wire();
-    Delayed d{due, p};
-    d.pkt.own_payload();
+    Delayed d(due, p);
     std::lock_guard lk(w.mu);
     w.delayed.push_back(std::move(d));
     w.delayed_count.fetch_add(1);
@@ -216,17 +236,18 @@ size_t deliver_delayed(uint64_t now, Outbox &replies) {
     if (w.delayed_count.load() == 0) return 0;
     size_t n = 0;
     for (;;) {
-        Packet p;
+        std::optional<Delayed> d;
         {
             std::lock_guard lk(w.mu);
             auto it = w.delayed.begin();
             while (it != w.delayed.end() && it->due > now) ++it;
             if (it == w.delayed.end()) break;
-            p = std::move(it->pkt);
+            d.emplace(std::move(*it));
             w.delayed.erase(it);
             w.delayed_count.fetch_sub(1);
         }
-        arrive(p, now, replies, true);
+        d->bind();
+        arrive(d->pkt, now, replies, true);
         ++n;
     }
     return n;
