@@ -171,12 +171,32 @@ bool direct_route(const Outbox::Entry &e, Device *&dest, IB_port_t &port) {
     return dest != nullptr;
 }
 
+// The events of a delivery to `dest` made under `held`'s hold (its own device's, or `dest`'s mutex
+// taken at once), or null when the hold has to go first.
+PendingEvents *events_under_hold(HeldDevice &held, Device &dest) {
+    if (!held.holds()) return nullptr;
+    if (&dest == held.dev) return held.own;
+    if ((held.other == nullptr || held.other == &dest) && dest.mu.try_lock()) {
+        held.other = &dest;
+        return held.others;
+    }
+    held.release();
+    return nullptr;
+}
+
 // Hands `n` entries bound for the same port to the receiving device under one hold of its lock.
 void deliver_run(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n, uint64_t now,
-                 Outbox &replies, const AfterRun *after) {
-    PendingEvents events;
+                 Outbox &replies, HeldDevice *held) {
+    PendingEvents local;
+    PendingEvents *under_hold = held ? events_under_hold(*held, dest) : nullptr;
+    PendingEvents &events = under_hold ? *under_hold : local;
+    // Locked here unless it is the held device itself; try-locked already when it is another.
+    std::unique_lock<AdaptiveMutex> lk(dest.mu, std::defer_lock);
+    if (!under_hold)
+        lk.lock();
+    else if (&dest != held->dev)
+        lk = std::unique_lock<AdaptiveMutex>(dest.mu, std::adopt_lock);
     {
-        std::lock_guard lk(dest.mu);
         if (!dest.open || dest.failed) return;
         for (uint32_t k = 0; k < n; ++k) {
             const Outbox::Entry &e = entries[k];
@@ -192,9 +212,9 @@ void deliver_run(Device &dest, IB_port_t port, const Outbox::Entry *entries, uin
                 respond_train(dest, port, e, replies, events);
             }
         }
-        if (after && after->dev == &dest) after->fn(dest, after->ctx);
     }
-    events.deliver(dest);
+    if (lk.owns_lock()) lk.unlock();
+    if (!under_hold) local.deliver(dest);
 }
 
 }  // namespace
@@ -203,13 +223,19 @@ void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies) {
     transmit_all(&e, 1, now, replies);
 }
 
-void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox &replies,
-                  const AfterRun *after) {
+void HeldDevice::deliver() {
+    if (own) own->deliver(*dev);
+    if (other && others) others->deliver(*other);
+}
+
+void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox &replies, HeldDevice *held) {
     for (uint32_t i = 0; i < n;) {
         const Outbox::Entry &e = entries[i];
         Device *dest = nullptr;
         IB_port_t port = 0;
         if (!direct_route(e, dest, port)) {
+            // The slow road takes device mutexes without asking first: no hold may be kept on it.
+            if (held) held->release();
             // Packet by packet, each through the links' loss and delay (a sender whose port is
             // down, or a LID nobody has, loses them here).
             for (uint32_t k = 0; k < e.segments; ++k)
@@ -226,7 +252,7 @@ void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox
                 next.pkt.dlid != e.pkt.dlid)
                 break;
         }
-        deliver_run(*dest, port, entries + i, j - i, now, replies, after);
+        deliver_run(*dest, port, entries + i, j - i, now, replies, held);
         i = j;
     }
 }
