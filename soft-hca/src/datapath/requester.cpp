@@ -221,7 +221,9 @@ size_t run_qp(Device &dev, Qp &qp, uint64_t now, Outbox &out, PendingEvents &eve
                 break;
         }
         e.segments = e.train == Outbox::Train::None ? 1 : segments_for(length, mtu);
-        if (e.train == Outbox::Train::None) p.ack_req = true;
+        // A packet alone (not a train, or a train of one) is its own first and last packet: the
+        // entry's headers are the packet's.
+        if (e.train == Outbox::Train::None || e.segments == 1) p.ack_req = true;
         // PSNs: a message takes one per packet; a read takes one per response packet.
         uint32_t psns = e.segments;
         if (opcode == VAPI_RDMA_READ) psns = segments_for(length, mtu);
@@ -316,8 +318,16 @@ void count_entry(Port &port, const Outbox::Entry &e, bool xmit) {
         else
             port.count_rcv(bytes, n);
     };
+    if (e.segments == 1) {
+        // A packet alone: the entry's headers are its own.
+        const uint32_t bytes = e.pkt.wire_bytes();
+        if (xmit)
+            port.count_xmit(bytes, 1);
+        else
+            port.count_rcv(bytes, 1);
+        return;
+    }
     count(0, 1);
-    if (e.segments == 1) return;
     if (e.segments > 2) count(1, e.segments - 2);
     count(e.segments - 1, 1);
 }

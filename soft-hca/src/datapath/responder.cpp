@@ -434,8 +434,12 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
                     qp.message_failed = true, qp.expected_psn = psn_add(p.psn, 1);
                 return;
             }
-            VAPI_ret_t rc_key = dev.walk(p.rkey, true, qp.init.pd_hndl, p.va, p.dma_len, VAPI_EN_REMOTE_WRITE,
-                                         [](uint8_t *, size_t) { return true; });
+            // A reliable write of one packet is checked by the walk that places it, below.
+            const bool checked_below = rc && op::is_last(p.opcode) && p.payload_len == p.dma_len;
+            VAPI_ret_t rc_key = checked_below
+                                    ? VAPI_OK
+                                    : dev.walk(p.rkey, true, qp.init.pd_hndl, p.va, p.dma_len,
+                                               VAPI_EN_REMOTE_WRITE, [](uint8_t *, size_t) { return true; });
             if (rc_key != VAPI_OK) {
                 if (rc)
                     refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR,
@@ -620,9 +624,12 @@ bool respond_whole_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Ou
 void respond_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Outbox &replies,
                    PendingEvents &events) {
     const uint32_t n = e.segments;
-    if (n > 1 && respond_whole_train(dev, port, e, replies, events)) return;
+    if (n == 1) {
+        respond(dev, port, e.pkt, replies, events);  // a train of one is its packet
+        return;
+    }
+    if (respond_whole_train(dev, port, e, replies, events)) return;
     respond(dev, port, train_segment(e, 0), replies, events);
-    if (n == 1) return;
     if (n > 2 && !place_middle_packets(dev, port, e))
         for (uint32_t i = 1; i + 1 < n; ++i) respond(dev, port, train_segment(e, i), replies, events);
     respond(dev, port, train_segment(e, n - 1), replies, events);

@@ -46,10 +46,12 @@ struct Delayed {
 struct Wire {
     std::mutex mu;  // a leaf lock: taken with no device lock, or under one for nothing else
     std::map<std::pair<int, int>, LinkState> links;  // (device index, port)
-    std::atomic<bool> any_fault{false};              // fast path: no lock when no link is faulty
     std::deque<Delayed> delayed;                     // in order of arrival (equal delays keep order)
-    std::atomic<size_t> delayed_count{0};
 };
+
+// Read for every packet with no lock: plain globals, so that reading them checks no static's guard.
+constinit std::atomic<bool> any_fault{false};    // fast path: no lock when no link is faulty
+constinit std::atomic<size_t> delayed_count{0};  // packets waiting on a delayed link
 
 Wire &wire() {
     static Wire w;
@@ -60,8 +62,8 @@ enum class Fate { Pass, Drop, Delay };
 
 // What the link of (dev, port) does to the next packet; `delay` is added to its travel time.
 Fate link_fate(int dev_index, int port, uint64_t &delay_ns) {
+    if (!any_fault.load(std::memory_order_acquire)) return Fate::Pass;
     Wire &w = wire();
-    if (!w.any_fault.load(std::memory_order_acquire)) return Fate::Pass;
     std::lock_guard lk(w.mu);
     auto it = w.links.find({dev_index, port});
     if (it == w.links.end()) return Fate::Pass;
@@ -89,7 +91,7 @@ void hold(const Packet &p, uint64_t due) {
     Delayed d(due, p);
     std::lock_guard lk(w.mu);
     w.delayed.push_back(std::move(d));
-    w.delayed_count.fetch_add(1);
+    delayed_count.fetch_add(1);
 }
 
 void send_packet(Device *from, IB_port_t port, const Packet &p, uint64_t now, Outbox &replies) {
@@ -164,7 +166,7 @@ namespace {
 // is lost) or a LID nobody has.
 bool direct_route(const Outbox::Entry &e, Device *&dest, IB_port_t &port) {
     if (e.pkt.dlid >= limits::kFirstMulticastLid && e.pkt.dlid != 0xffff) return false;
-    if (wire().any_fault.load(std::memory_order_acquire)) return false;
+    if (any_fault.load(std::memory_order_acquire)) return false;
     IB_port_t lid_port = 0;
     if (!e.from || device_by_lid(e.pkt.slid, &lid_port) != e.from || lid_port != e.port) return false;
     dest = device_by_lid(e.pkt.dlid, &port);
@@ -258,8 +260,8 @@ void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox
 }
 
 size_t deliver_delayed(uint64_t now, Outbox &replies) {
+    if (delayed_count.load() == 0) return 0;
     Wire &w = wire();
-    if (w.delayed_count.load() == 0) return 0;
     size_t n = 0;
     for (;;) {
         std::optional<Delayed> d;
@@ -270,7 +272,7 @@ size_t deliver_delayed(uint64_t now, Outbox &replies) {
             if (it == w.delayed.end()) break;
             d.emplace(std::move(*it));
             w.delayed.erase(it);
-            w.delayed_count.fetch_sub(1);
+            delayed_count.fetch_sub(1);
         }
         d->bind();
         arrive(d->pkt, now, replies, true);
@@ -280,14 +282,12 @@ size_t deliver_delayed(uint64_t now, Outbox &replies) {
 }
 
 bool wire_busy() {
-    Wire &w = wire();
-    return w.any_fault.load(std::memory_order_acquire) ||
-           w.delayed_count.load(std::memory_order_acquire) != 0;
+    return any_fault.load(std::memory_order_acquire) || delayed_count.load(std::memory_order_acquire) != 0;
 }
 
 uint64_t next_delayed() {
+    if (delayed_count.load() == 0) return 0;
     Wire &w = wire();
-    if (w.delayed_count.load() == 0) return 0;
     std::lock_guard lk(w.mu);
     uint64_t t = 0;
     for (const Delayed &d : w.delayed)
@@ -300,8 +300,8 @@ void wire_reset() {
     std::lock_guard lk(w.mu);
     w.links.clear();
     w.delayed.clear();
-    w.delayed_count = 0;
-    w.any_fault = false;
+    delayed_count = 0;
+    any_fault = false;
 }
 
 bool set_link_faults(const std::string &device, int port, const LinkFaults &faults) {
@@ -312,7 +312,7 @@ bool set_link_faults(const std::string &device, int port, const LinkFaults &faul
     w.links[{d->index, port}].faults = faults;
     bool any = false;
     for (auto &[k, l] : w.links) any = any || l.faults.drop_next || l.faults.drop_all || l.faults.delay_ms;
-    w.any_fault = any;
+    any_fault = any;
     return true;
 }
 
