@@ -164,7 +164,8 @@ uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port);
 template <class T, size_t N>
 class SmallList {
   public:
-    SmallList() = default;
+    // User-provided, so that even a value-initialised list leaves its inline slots unwritten.
+    SmallList() {}
     SmallList(const SmallList &other) {
         for (size_t i = 0; i < other.size(); ++i) push_back(other[i]);
     }

@@ -186,37 +186,53 @@ PendingEvents *events_under_hold(HeldDevice &held, Device &dest) {
     return nullptr;
 }
 
+// The responders and completers of `dest` for `n` entries arriving on `port`; the caller holds
+// `dest`'s mutex.
+void deliver_entries(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n, uint64_t now,
+                     Outbox &replies, PendingEvents &events) {
+    if (!dest.open || dest.failed) return;
+    for (uint32_t k = 0; k < n; ++k) {
+        const Outbox::Entry &e = entries[k];
+        if (op::is_response(e.pkt.opcode)) {
+            if (e.train == Outbox::Train::None || e.segments == 1)
+                complete(dest, port, e.pkt, now, events);
+            else
+                for (uint32_t i = 0; i < e.segments; ++i)
+                    complete(dest, port, train_segment(e, i), now, events);
+        } else if (e.train == Outbox::Train::None) {
+            respond(dest, port, e.pkt, replies, events);
+        } else {
+            respond_train(dest, port, e, replies, events);
+        }
+    }
+}
+
+// The same with no hold: under `dest`'s mutex taken here, the events raised once it is let go.
+[[gnu::noinline]] void deliver_unheld(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n,
+                                      uint64_t now, Outbox &replies) {
+    PendingEvents events;
+    {
+        std::lock_guard lk(dest.mu);
+        deliver_entries(dest, port, entries, n, now, replies, events);
+    }
+    events.deliver(dest);
+}
+
 // Hands `n` entries bound for the same port to the receiving device under one hold of its lock.
 void deliver_run(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n, uint64_t now,
                  Outbox &replies, HeldDevice *held) {
-    PendingEvents local;
     PendingEvents *under_hold = held ? events_under_hold(*held, dest) : nullptr;
-    PendingEvents &events = under_hold ? *under_hold : local;
-    // Locked here unless it is the held device itself; try-locked already when it is another.
-    std::unique_lock<AdaptiveMutex> lk(dest.mu, std::defer_lock);
-    if (!under_hold)
-        lk.lock();
-    else if (&dest != held->dev)
-        lk = std::unique_lock<AdaptiveMutex>(dest.mu, std::adopt_lock);
-    {
-        if (!dest.open || dest.failed) return;
-        for (uint32_t k = 0; k < n; ++k) {
-            const Outbox::Entry &e = entries[k];
-            if (op::is_response(e.pkt.opcode)) {
-                if (e.train == Outbox::Train::None)
-                    complete(dest, port, e.pkt, now, events);
-                else
-                    for (uint32_t i = 0; i < e.segments; ++i)
-                        complete(dest, port, train_segment(e, i), now, events);
-            } else if (e.train == Outbox::Train::None) {
-                respond(dest, port, e.pkt, replies, events);
-            } else {
-                respond_train(dest, port, e, replies, events);
-            }
-        }
+    if (!under_hold) {
+        deliver_unheld(dest, port, entries, n, now, replies);
+        return;
     }
-    if (lk.owns_lock()) lk.unlock();
-    if (!under_hold) local.deliver(dest);
+    if (&dest == held->dev) {
+        deliver_entries(dest, port, entries, n, now, replies, *under_hold);
+        return;
+    }
+    // Another device's mutex, taken at once by events_under_hold().
+    std::lock_guard lk(dest.mu, std::adopt_lock);
+    deliver_entries(dest, port, entries, n, now, replies, *under_hold);
 }
 
 }  // namespace
