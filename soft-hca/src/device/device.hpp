@@ -230,6 +230,11 @@ class Device {
     // The device mutex in a cache line of its own: passes on other threads take it while posters
     // read the device's tables.
     alignas(limits::kCacheLine) AdaptiveMutex mu;
+    // A pass is under way (under `mu`, in its line: whoever writes one holds the other): its
+    // requesters ran and the wire is carrying their packets, perhaps with `mu` let go meanwhile.
+    // Only one pass runs per device, so the packets of one QP leave in order: a posting thread
+    // that finds one running leaves its QP to the engine, and the engine's round waits for it.
+    bool pass_running = false;
 
     // Identity and capabilities (fixed at boot).
     const int index;
@@ -288,11 +293,6 @@ class Device {
     // Destroyed CQs, emptied, kept until the device closes: a poll looks a CQ up without any
     // device lock and may still hold it.
     std::vector<std::unique_ptr<Object>> retired_cqs;
-    // A pass is under way (under `mu`): its requesters ran and the wire is carrying their packets,
-    // perhaps with `mu` let go meanwhile. Only one pass runs per device, so the packets of one QP
-    // leave in order: a posting thread that finds one running leaves its QP to the engine, and the
-    // engine's round waits for it to end.
-    bool pass_running = false;
     // CQs by handle, read without the lock by VAPI_poll_cq to answer "empty" at once; handles
     // beyond the table take the locked path.
     static constexpr size_t kFastCqHandles = 4096;
