@@ -203,7 +203,7 @@ void push_completion(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicit
     }
 }
 
-void PendingEvents::deliver(Device &dev) {
+void PendingEvents::deliver_all(Device &dev) {
     if (!completions.empty()) {
         // One interrupt for the batch: the handlers run one after the other in it.
         SmallList<CompletionEvent, 8> batch = completions;
