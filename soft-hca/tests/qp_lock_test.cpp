@@ -142,6 +142,18 @@ class QpLockThreaded : public QpLock {
             if (VAPI_poll_cq(s.hca, s.cq, &wc) == VAPI_OK) out.push_back(wc);
         return out;
     }
+
+    // The send `id` of `len` bytes from side 0 completed and its bytes landed on side 1.
+    void expect_delivered(VAPI_wr_id_t id, const Buffer &src, const Buffer &dst, uint32_t len) {
+        auto sent = wait_for(s0, 1);
+        ASSERT_EQ(sent.size(), 1u) << "the send did not complete";
+        EXPECT_EQ(sent[0].id, id);
+        EXPECT_EQ(sent[0].status, VAPI_SUCCESS);
+        auto received = wait_for(s1, 1);
+        ASSERT_EQ(received.size(), 1u);
+        EXPECT_EQ(received[0].byte_len, len);
+        EXPECT_TRUE(std::equal(src.bytes.begin(), src.bytes.begin() + len, dst.bytes.begin()));
+    }
 };
 
 TEST_F(QpLockThreaded, APostThatFindsAPassUnderWayLeavesItsQpToTheEngine) {
@@ -161,14 +173,7 @@ TEST_F(QpLockThreaded, APostThatFindsAPassUnderWayLeavesItsQpToTheEngine) {
         EXPECT_EQ(dev.active_qps.size(), 1u) << "the post did not leave its QP for the engine";
         dev.pass_running = false;
     }
-    auto sent = wait_for(s0, 1);
-    ASSERT_EQ(sent.size(), 1u) << "the engine did not carry the QP once the pass had ended";
-    EXPECT_EQ(sent[0].id, 2u);
-    EXPECT_EQ(sent[0].status, VAPI_SUCCESS);
-    auto received = wait_for(s1, 1);
-    ASSERT_EQ(received.size(), 1u);
-    EXPECT_EQ(received[0].byte_len, 32u);
-    EXPECT_TRUE(std::equal(src.bytes.begin(), src.bytes.begin() + 32, dst.bytes.begin()));
+    expect_delivered(2, src, dst, 32);
     std::lock_guard lk(dev.mu);
     EXPECT_TRUE(dev.active_qps.empty());
 }
@@ -201,14 +206,7 @@ TEST_F(QpLockThreaded, APassWhoseReceiverIsBusyLetsItsOwnDeviceGoFirst) {
     busy.unlock();
     poster.join();
     EXPECT_EQ(rc, VAPI_OK);
-    auto sent = wait_for(s0, 1);
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].id, 2u);
-    EXPECT_EQ(sent[0].status, VAPI_SUCCESS);
-    auto received = wait_for(s1, 1);
-    ASSERT_EQ(received.size(), 1u);
-    EXPECT_EQ(received[0].byte_len, 40u);
-    EXPECT_TRUE(std::equal(src.bytes.begin(), src.bytes.begin() + 40, dst.bytes.begin()));
+    expect_delivered(2, src, dst, 40);
     std::lock_guard lk(sender.mu);
     EXPECT_FALSE(sender.pass_running);
 }
