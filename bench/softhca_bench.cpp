@@ -5,6 +5,8 @@
 //   BM_SendMessageRateList/N      the same sends N to a post call (EVAPI_post_sr_list), the last
 //                                 of each list signalled
 //   BM_SendMessageRateModerated   one send per post call, every 16th signalled
+//   BM_SendMessageRateTwoThreads  one send per post, the receiving side on a thread and core of
+//                                 its own (perftest's arrangement)
 //   BM_RdmaWrite/N, BM_Memcpy/N   RDMA write bandwidth, one write outstanding, beside memcpy
 //   BM_RdmaWriteBesideMemcpy/N    the two alternated in one loop, with their ratio
 //   BM_SendPingPong               an RC send ping-pong between two threads on two cores
@@ -119,6 +121,47 @@ void BM_SendMessageRateModerated(benchmark::State &state) {
     send_rate_moderated(state, 1, 16);
 }
 BENCHMARK(BM_SendMessageRateModerated)->UseRealTime();
+
+// As perftest's bandwidth test runs, with the receiving side on its own thread and core (the
+// echo side of the ping-pong's pinning): the benchmark's thread posts 8-byte sends, one signalled
+// request per post, a window of 64, and polls their completions; the receiver polls its CQ and
+// posts each receive again. Receives are posted 256 ahead, and the sender never sends past the
+// receives the receiver has posted (it counts them, as credits): a send that found no receive
+// would wait for the RNR timer, and the device's clock stands still here (no kernel is booted),
+// so no timer would ever fire.
+void BM_SendMessageRateTwoThreads(benchmark::State &state) {
+    constexpr uint32_t kWindow = 64;
+    constexpr uint32_t kAheadRecvs = 256;
+    RcFabric f(4096, kAheadRecvs);
+    Receiver rx = receives_ahead(f, kAheadRecvs);
+    std::atomic<uint64_t> credits{kAheadRecvs};  // receives posted so far: sends may go up to it
+    mb::CorePair cores;
+    std::atomic<bool> stop{false};
+    std::thread receiver([&] {
+        cores.pin(1);
+        VAPI_wc_desc_t wc{};
+        while (!stop.load(std::memory_order_relaxed)) {
+            if (!f.end[1].poll(wc)) continue;
+            f.end[1].recv(rx.next_id++, 0, kMsg);
+            credits.store(rx.next_id, std::memory_order_release);
+        }
+    });
+    uint64_t credit = kAheadRecvs;
+    VAPI_wc_desc_t wc{};
+    mb::send_window(
+        state, kWindow, 1,
+        [&](uint64_t id) {
+            while (id >= credit) credit = credits.load(std::memory_order_acquire);
+            f.end[0].send(id, uint32_t(id % 64) * kMsg, kMsg, true);
+        },
+        [&](uint64_t &done) {
+            while (f.end[0].poll(wc)) ++done;
+        },
+        [] {});
+    stop = true;
+    receiver.join();
+}
+BENCHMARK(BM_SendMessageRateTwoThreads)->UseRealTime();
 
 // RDMA writes of one size, one outstanding at a time (signalled), against memcpy of the same size.
 void BM_RdmaWrite(benchmark::State &state) {
