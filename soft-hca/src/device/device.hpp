@@ -99,6 +99,7 @@
 #include "device/adaptive_mutex.hpp"
 #include "device/event_gate.hpp"
 #include "device/limits.hpp"
+#include "device/port_counters.hpp"
 #include "device/verbs.hpp"
 
 #include <algorithm>
@@ -163,18 +164,27 @@ struct Port {
     uint32_t qkey_viol_counter = 0;
     std::vector<VAPI_pkey_t> pkeys;  // 64 entries, 0xFFFF at index 0
     uint64_t gid_prefix = 0xfe80000000000000ull;
-    // Port counters (PerfMgt PortCounters).
-    uint32_t xmit_data = 0, rcv_data = 0, xmit_pkts = 0, rcv_pkts = 0;  // data counters in 4-byte words
+    // The rare counters of PortCounters, under the device mutex.
     uint8_t link_downed = 0;
     uint16_t symbol_errors = 0, rcv_errors = 0, xmit_discards = 0;
 
     bool active() const { return state == PORT_ACTIVE; }
     // GID table entry i: the subnet prefix and the port GUID at index 0, others zero.
     void gid(unsigned index, IB_gid_t out) const;
-    // Counts `packets` packets of `bytes` each in the port counters (saturating, as the hardware
-    // does).
-    void count_xmit(uint64_t bytes, uint32_t packets = 1);
-    void count_rcv(uint64_t bytes, uint32_t packets = 1);
+    // Counts `packets` packets of `bytes` each in the data counters (PortXmitData and
+    // PortXmitPkts, PortRcvData and PortRcvPkts): in the calling thread's own block, with no lock.
+    void count_xmit(uint64_t bytes, uint32_t packets = 1) {
+        data_counters.add(PortDataCounters::kXmitData, PortDataCounters::kXmitPkts, bytes, packets);
+    }
+    void count_rcv(uint64_t bytes, uint32_t packets = 1) {
+        data_counters.add(PortDataCounters::kRcvData, PortDataCounters::kRcvPkts, bytes, packets);
+    }
+    // Every counter of the port back to zero (the device is opened).
+    void reset_counters();
+
+    // The data counters, counted on every packet by whichever thread carries it: in per-thread
+    // blocks, each a cache line of its own, apart from the port's state (port_counters.hpp).
+    alignas(limits::kCacheLine) PortDataCounters data_counters;
 };
 
 struct Pd : Object {
