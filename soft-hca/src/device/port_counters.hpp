@@ -19,7 +19,9 @@
 //             it is cleared.
 //   clearing  sets base to the sum now, under the set's mutex, while threads go on counting:
 //             what is counted after the clear is all in the next reading; a count racing the
-//             clear lands on one side of it or the other, never lost and never twice.
+//             clear lands on one side of it or the other, never lost and never twice. Each
+//             counter is cleared on its own, so a packet racing the clear may be on one side of
+//             it in the word counter and on the other in the packet counter.
 //   reset     (the device is opened) starts a new incarnation: the blocks counted so far are
 //             retired and every thread registers a new one at its next count, so a thread
 //             that counted before never adds to the old counts. Retired blocks are kept until
