@@ -32,30 +32,12 @@ class PortCounters : public DataPathTest {
 
     // PortCounters Set on port 1 clearing the counters `select` names; returns the MAD status.
     static uint16_t clear_counters(const Side &s, uint16_t select) {
-        uint8_t in[256] = {}, out[256] = {};
-        in[0] = 1;       // base version
-        in[1] = 0x04;    // PerfMgt
-        in[2] = 1;       // class version
-        in[3] = 0x02;    // Set
-        in[17] = 0x12;   // PortCounters
-        in[64 + 1] = 1;  // port 1
-        in[64 + 2] = uint8_t(select >> 8);
-        in[64 + 3] = uint8_t(select);
-        EXPECT_EQ(EVAPI_process_local_mad(s.hca, 1, 0, EVAPI_MAD_IGNORE_MKEY, in, out), VAPI_OK);
+        const std::array<uint8_t, 256> out = port_counters_mad(s, 0x02, select);
         return uint16_t(out[4] << 8 | out[5]);
     }
 
     // PortCounters' LinkDownedCounter of port 1.
-    static uint8_t link_downed(const Side &s) {
-        uint8_t in[256] = {}, out[256] = {};
-        in[0] = 1;
-        in[1] = 0x04;
-        in[2] = 1;
-        in[3] = 0x01;
-        in[17] = 0x12;
-        EXPECT_EQ(EVAPI_process_local_mad(s.hca, 1, 0, EVAPI_MAD_IGNORE_MKEY, in, out), VAPI_OK);
-        return out[64 + 7];
-    }
+    static uint8_t link_downed(const Side &s) { return port_counters_mad(s, 0x01)[64 + 7]; }
 
     static std::array<uint32_t, 4> minus(const std::array<uint32_t, 4> &a, const std::array<uint32_t, 4> &b) {
         return {a[0] - b[0], a[1] - b[1], a[2] - b[2], a[3] - b[3]};
