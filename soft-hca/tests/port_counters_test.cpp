@@ -242,3 +242,22 @@ TEST_F(PortCountersThreaded, TwoQpsOnOnePortDrivenFromTwoThreadsGiveExactTotals)
 }
 
 }  // namespace
+
+namespace {
+
+// More counter sets than a thread's cache has slots: sets that share a slot push each other out,
+// and a thread whose entry was pushed out finds its own block again rather than starting another.
+TEST(PortDataCounters, AThreadFindsItsBlockAgainAfterAnotherSetTookItsCacheSlot) {
+    constexpr size_t kSets = 2 * sh::PortDataCounters::kCacheSlots + 3;
+    std::vector<std::unique_ptr<sh::PortDataCounters>> sets;
+    for (size_t i = 0; i < kSets; ++i) sets.push_back(std::make_unique<sh::PortDataCounters>());
+    for (int round = 0; round < 3; ++round)
+        for (size_t i = 0; i < kSets; ++i)
+            sets[i]->add(sh::PortDataCounters::kXmitData, sh::PortDataCounters::kXmitPkts, 4 * (i + 1), 1);
+    for (size_t i = 0; i < kSets; ++i) {
+        EXPECT_EQ(sets[i]->read(), (std::array<uint32_t, 4>{uint32_t(3 * (i + 1)), 0, 3, 0})) << "set " << i;
+        EXPECT_EQ(sets[i]->blocks(), 1u) << "set " << i;
+    }
+}
+
+}  // namespace

@@ -13,23 +13,18 @@ std::atomic<uint64_t> next_incarnation{1};
 // thread never adopts the block of one that exited.
 std::atomic<uint64_t> next_thread{1};
 
-// The thread's recently used blocks, direct-mapped by the counter set's address. A thread counts
-// on a few ports (its own and its peers'); an entry that another set pushed out is found again
-// under the set's mutex. Plain words, constant-initialised: reading them tests no guard.
+// The thread's blocks, one entry per counter set, at the set's slot. Sets take slots in turn as
+// they are made, so the ports of the devices booted together (a few of them) never share one;
+// an entry that another set pushed out is found again under the set's mutex. Plain words,
+// constant-initialised: reading them tests no guard.
 struct CacheEntry {
     uintptr_t counters;  // the set's address; compared only, never followed
     uint64_t incarnation;
     void *block;
 };
-constexpr size_t kCacheEntries = 16;
-thread_local CacheEntry t_cache[kCacheEntries];
+thread_local CacheEntry t_cache[PortDataCounters::kCacheSlots];
 thread_local uint64_t t_thread = 0;
-
-size_t cache_index(const void *counters) {
-    // The sets are members of ports, a few hundred bytes apart: mix the address bits.
-    const uint64_t a = uint64_t(reinterpret_cast<uintptr_t>(counters)) >> 6;
-    return size_t((a * 0x9E3779B97F4A7C15ull) >> 60) % kCacheEntries;
-}
+std::atomic<uint32_t> next_slot{0};
 
 // The owner's add: nobody else writes the word, so a relaxed load and store are the whole of it.
 void bump(std::atomic<uint64_t> &word, uint64_t n) {
@@ -39,13 +34,14 @@ void bump(std::atomic<uint64_t> &word, uint64_t n) {
 }  // namespace
 
 PortDataCounters::PortDataCounters()
-    : incarnation_(next_incarnation.fetch_add(1, std::memory_order_relaxed)) {}
+    : incarnation_(next_incarnation.fetch_add(1, std::memory_order_relaxed)),
+      slot_(next_slot.fetch_add(1, std::memory_order_relaxed) % kCacheSlots) {}
 
 PortDataCounters::~PortDataCounters() = default;
 
 PortDataCounters::Block &PortDataCounters::block() {
     const uint64_t incarnation = incarnation_.load(std::memory_order_relaxed);
-    const CacheEntry &e = t_cache[cache_index(this)];
+    const CacheEntry &e = t_cache[slot_];
     if (e.counters == reinterpret_cast<uintptr_t>(this) && e.incarnation == incarnation) [[likely]]
         return *static_cast<Block *>(e.block);
     return attach(incarnation);
@@ -67,7 +63,7 @@ PortDataCounters::Block &PortDataCounters::attach(uint64_t incarnation) {
             mine->owner = t_thread;
         }
     }
-    t_cache[cache_index(this)] = {reinterpret_cast<uintptr_t>(this), incarnation, mine};
+    t_cache[slot_] = {reinterpret_cast<uintptr_t>(this), incarnation, mine};
     return *mine;
 }
 

@@ -9,10 +9,10 @@
 //
 //   counting  the owning thread adds to its block with a relaxed load and a relaxed store of
 //             atomic words: no lock, no read-modify-write instruction, and a reader on another
-//             thread sees a value the owner stored. A thread finds its block through a small
-//             thread-local cache keyed by the counter set's address and its incarnation; the
-//             first count of a thread on a port (or a count after the cache lost the entry)
-//             takes the set's mutex to find or register the block.
+//             thread sees a value the owner stored. A thread finds its block in a small
+//             thread-local cache, at the counter set's own slot, checked against the set's
+//             address and incarnation; the first count of a thread on a port (or a count after
+//             the cache lost the entry) takes the set's mutex to find or register the block.
 //   reading   sums the blocks under the set's mutex and reports sum - base, where base is the
 //             sum at the last clear, stopping at 0xFFFFFFFF as the adapter's 32-bit counters do.
 //             The blocks hold 64-bit sums, so a counter that reached 0xFFFFFFFF stays there until
@@ -69,6 +69,9 @@ class PortDataCounters {
     // Blocks registered in this incarnation (for tests).
     size_t blocks() const;
 
+    // Entries of a thread's cache of blocks: more than the ports of the devices booted together.
+    static constexpr uint32_t kCacheSlots = 16;
+
   private:
     struct alignas(limits::kCacheLine) Block {
         std::array<std::atomic<uint64_t>, kCounters> sum{};
@@ -80,6 +83,7 @@ class PortDataCounters {
 
     // Read on every count, written at construction and reset only.
     std::atomic<uint64_t> incarnation_;
+    const uint32_t slot_;                          // this set's entry in a thread's cache
     mutable std::mutex mu_;                        // a leaf lock: registration, reading, clearing, reset
     std::vector<std::unique_ptr<Block>> blocks_;   // this incarnation's
     std::vector<std::unique_ptr<Block>> retired_;  // earlier incarnations'
