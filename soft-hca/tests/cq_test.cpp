@@ -339,3 +339,110 @@ TEST_F(CqTest, HandlesArePerDevice) {
     ASSERT_EQ(VAPI_destroy_cq(other, b), VAPI_OK);
     EXPECT_EQ(VAPI_query_cq(hca, a, &n), VAPI_OK);
 }
+
+TEST_F(CqTest, QueuedCompletionsKeepTheirOrderThroughWrapsAndResizes) {
+    ASSERT_EQ(VAPI_set_async_event_handler(hca, record_async, nullptr), VAPI_OK);
+    VAPI_cq_hndl_t h = make_cq(3);
+    VAPI_wr_id_t pushed = 0, polled = 0;
+    VAPI_wc_desc_t wc{};
+    auto push = [&](int n) {
+        for (int i = 0; i < n; ++i) complete(h, completion(++pushed));
+    };
+    auto poll = [&](int n) {
+        for (int i = 0; i < n; ++i) {
+            ASSERT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_OK);
+            EXPECT_EQ(wc.id, ++polled);
+        }
+    };
+    // Around the three slots several times, two at a time, so the head is not at the first slot.
+    for (int lap = 0; lap < 8; ++lap) {
+        push(2);
+        poll(2);
+    }
+    EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_CQ_EMPTY);
+    // A full ring grows; what it held comes out first, then what the larger ring takes.
+    push(3);
+    VAPI_cqe_num_t actual = 0;
+    ASSERT_EQ(VAPI_resize_cq(hca, h, 5, &actual), VAPI_OK);
+    ASSERT_EQ(actual, 7u);
+    EXPECT_EQ(EVAPI_peek_cq(hca, h, 3), VAPI_OK);
+    EXPECT_EQ(EVAPI_peek_cq(hca, h, 4), VAPI_CQ_EMPTY);
+    push(4);
+    poll(7);
+    EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_CQ_EMPTY);
+    // Around the new ring, then a shrink with two queued: too small is refused, enough is kept.
+    for (int lap = 0; lap < 5; ++lap) {
+        push(3);
+        poll(3);
+    }
+    push(2);
+    EXPECT_EQ(VAPI_resize_cq(hca, h, 1, &actual), VAPI_E2BIG_CQ_NUM);
+    ASSERT_EQ(VAPI_resize_cq(hca, h, 3, &actual), VAPI_OK);
+    ASSERT_EQ(actual, 3u);
+    push(1);
+    poll(1);
+    push(1);
+    poll(3);
+    EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_CQ_EMPTY);
+    EXPECT_EQ(pushed, polled);
+    EXPECT_TRUE(g_async.empty());  // nothing was dropped
+}
+
+TEST_F(CqTest, AnOverrunAfterTheRingWrappedRaisesOneCqErrorAndKeepsWhatItHeld) {
+    ASSERT_EQ(VAPI_set_async_event_handler(hca, record_async, nullptr), VAPI_OK);
+    VAPI_cq_hndl_t h = make_cq(3);
+    VAPI_wc_desc_t wc{};
+    for (VAPI_wr_id_t id = 1; id <= 8; ++id) {
+        complete(h, completion(id));
+        ASSERT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_OK);
+        EXPECT_EQ(wc.id, id);
+    }
+    for (VAPI_wr_id_t id = 100; id < 105; ++id) complete(h, completion(id));
+    ASSERT_EQ(g_async.size(), 1u);
+    EXPECT_EQ(g_async[0].type, VAPI_CQ_ERROR);
+    EXPECT_EQ(g_async[0].syndrome, VAPI_CQ_ERR_OVERRUN);
+    EXPECT_EQ(g_async[0].modifier.cq_hndl, h);
+    for (VAPI_wr_id_t id = 100; id < 103; ++id) {
+        ASSERT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_OK);
+        EXPECT_EQ(wc.id, id);
+    }
+    EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_CQ_EMPTY);
+    // The CQ stays overrun: it takes completions again as room is made, and overflowing once
+    // more raises nothing new.
+    for (VAPI_wr_id_t id = 200; id < 206; ++id) complete(h, completion(id));
+    EXPECT_EQ(g_async.size(), 1u);
+    for (VAPI_wr_id_t id = 200; id < 203; ++id) {
+        ASSERT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_OK);
+        EXPECT_EQ(wc.id, id);
+    }
+    EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_CQ_EMPTY);
+}
+
+TEST_F(CqTest, ARingLeftFullByADestroyOrAResizeServesTheNextCqEmpty) {
+    VAPI_wc_desc_t wc{};
+    VAPI_cq_hndl_t gone = make_cq(15);
+    for (VAPI_wr_id_t id = 1; id <= 15; ++id) complete(gone, completion(id));
+    ASSERT_EQ(VAPI_destroy_cq(hca, gone), VAPI_OK);
+    VAPI_cq_hndl_t fresh = make_cq(15);
+    EXPECT_EQ(VAPI_poll_cq(hca, fresh, &wc), VAPI_CQ_EMPTY);
+    EXPECT_EQ(EVAPI_peek_cq(hca, fresh, 1), VAPI_CQ_EMPTY);
+    complete(fresh, completion(99));
+    ASSERT_EQ(VAPI_poll_cq(hca, fresh, &wc), VAPI_OK);
+    EXPECT_EQ(wc.id, 99u);
+    EXPECT_EQ(VAPI_poll_cq(hca, fresh, &wc), VAPI_CQ_EMPTY);
+
+    VAPI_cq_hndl_t grown = make_cq(7);
+    for (VAPI_wr_id_t id = 1; id <= 7; ++id) complete(grown, completion(id));
+    VAPI_cqe_num_t actual = 0;
+    ASSERT_EQ(VAPI_resize_cq(hca, grown, 15, &actual), VAPI_OK);
+    VAPI_cq_hndl_t other = make_cq(7);
+    EXPECT_EQ(VAPI_poll_cq(hca, other, &wc), VAPI_CQ_EMPTY);
+    complete(other, completion(50));
+    for (VAPI_wr_id_t id = 1; id <= 7; ++id) {
+        ASSERT_EQ(VAPI_poll_cq(hca, grown, &wc), VAPI_OK);
+        EXPECT_EQ(wc.id, id);
+    }
+    EXPECT_EQ(VAPI_poll_cq(hca, grown, &wc), VAPI_CQ_EMPTY);
+    ASSERT_EQ(VAPI_poll_cq(hca, other, &wc), VAPI_OK);
+    EXPECT_EQ(wc.id, 50u);
+}

@@ -421,3 +421,36 @@ TEST_F(DataPath, GsiSendOnAChosenPkeyIndexReachesThePeersQp1) {
 }
 
 }  // namespace
+
+TEST_F(DataPath, ReceivesOfOneAndOfSeveralGatherEntriesLandByteForByte) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 8000), &dst = buffer(s1, 8000, kAllAccess, 0xee);
+    pattern(src, 3);
+    // One buffer: 300 bytes at offset 100.
+    Delivery one = send_message(a, b, {src.sg(0, 300)}, {dst.sg(100, 300)}, 1, 10);
+    ASSERT_EQ(one.got.size(), 1u);
+    EXPECT_EQ(one.got[0].status, VAPI_SUCCESS);
+    EXPECT_EQ(one.got[0].id, 10u);
+    EXPECT_EQ(one.got[0].byte_len, 300u);
+    EXPECT_TRUE(std::equal(src.bytes.begin(), src.bytes.begin() + 300, dst.bytes.begin() + 100));
+    EXPECT_TRUE(filled(dst, 0, 100, 0xee));
+    EXPECT_TRUE(filled(dst, 400, 8000, 0xee));
+    // Four buffers (the QP's limit) of 7, 1, 2500 and 1000 bytes: 3508 bytes in two packets.
+    Delivery four =
+        send_message(a, b, {src.sg(1000, 3508)},
+                     {dst.sg(500, 7), dst.sg(600, 1), dst.sg(700, 2500), dst.sg(5000, 1000)}, 2, 11);
+    ASSERT_EQ(four.got.size(), 1u);
+    EXPECT_EQ(four.got[0].status, VAPI_SUCCESS);
+    EXPECT_EQ(four.got[0].id, 11u);
+    EXPECT_EQ(four.got[0].byte_len, 3508u);
+    const auto from = src.bytes.begin() + 1000;
+    EXPECT_TRUE(std::equal(from, from + 7, dst.bytes.begin() + 500));
+    EXPECT_EQ(dst.bytes[600], from[7]);
+    EXPECT_TRUE(std::equal(from + 8, from + 2508, dst.bytes.begin() + 700));
+    EXPECT_TRUE(std::equal(from + 2508, from + 3508, dst.bytes.begin() + 5000));
+    EXPECT_TRUE(filled(dst, 400, 500, 0xee));
+    EXPECT_TRUE(filled(dst, 507, 600, 0xee));
+    EXPECT_TRUE(filled(dst, 601, 700, 0xee));
+    EXPECT_TRUE(filled(dst, 3200, 5000, 0xee));
+    EXPECT_TRUE(filled(dst, 6000, 8000, 0xee));
+}

@@ -123,8 +123,8 @@ TEST_F(PostTest, QueuedWorkKeepsItsOwnCopyOfTheGatherList) {
         ASSERT_EQ(q.rq.count(), 1u);
         EXPECT_EQ(q.rq.front().desc.id, 43u);
         ASSERT_EQ(q.rq.front().sg_count, 1u);
-        EXPECT_EQ(q.rq.front().sg[0].addr, 0xdeadu);
-        EXPECT_EQ(q.rq.front().sg[0].len, 64u);
+        EXPECT_EQ(q.rq.front().sge(0).addr, 0xdeadu);
+        EXPECT_EQ(q.rq.front().sge(0).len, 64u);
     });
 }
 
@@ -250,9 +250,9 @@ TEST_F(PostTest, ReceiveListWithSharedGatherEntriesIsCopiedPerRequest) {
     ASSERT_EQ(EVAPI_post_rr_list(hca, qp, 2, list), VAPI_OK);
     inspect_qp(qp, [](sh::Qp &q) {
         ASSERT_EQ(q.rq.count(), 2u);
-        EXPECT_EQ(q.rq.at(q.rq.head()).sg[1].addr, 0x2000u);
-        EXPECT_EQ(q.rq.at(q.rq.head() + 1).sg[0].addr, 0x2000u);
-        EXPECT_EQ(q.rq.at(q.rq.head() + 1).sg[1].len, 30u);
+        EXPECT_EQ(q.rq.at(q.rq.head()).sge(1).addr, 0x2000u);
+        EXPECT_EQ(q.rq.at(q.rq.head() + 1).sge(0).addr, 0x2000u);
+        EXPECT_EQ(q.rq.at(q.rq.head() + 1).sge(1).len, 30u);
     });
     EXPECT_EQ(EVAPI_post_rr_list(hca, qp, 0, list), VAPI_OK);
     VAPI_rr_desc_t too_many[3] = {recv(3, area, 1), recv(4, area, 1), recv(5, area, 1)};

@@ -1,6 +1,6 @@
 // A QP's send and receive queues have locks of their own: a post on a connected QP never waits
-// for the device mutex (which the data path and the other verbs hold), a post that finds the data
-// path busy leaves its QP on the device's doorbell list for whoever runs it next, and a post that
+// for the device mutex (which the data path and the other verbs hold), a post that finds another
+// pass under way leaves its QP to the engine, and a post that
 // races a state change is either refused, flushed or carried out, never lost. QP records outlive
 // their QPs (posters hold them without the device mutex) and serve the next QPs created.
 #include <atomic>
@@ -142,29 +142,73 @@ class QpLockThreaded : public QpLock {
             if (VAPI_poll_cq(s.hca, s.cq, &wc) == VAPI_OK) out.push_back(wc);
         return out;
     }
+
+    // The send `id` of `len` bytes from side 0 completed and its bytes landed on side 1.
+    void expect_delivered(VAPI_wr_id_t id, const Buffer &src, const Buffer &dst, uint32_t len) {
+        auto sent = wait_for(s0, 1);
+        ASSERT_EQ(sent.size(), 1u) << "the send did not complete";
+        EXPECT_EQ(sent[0].id, id);
+        EXPECT_EQ(sent[0].status, VAPI_SUCCESS);
+        auto received = wait_for(s1, 1);
+        ASSERT_EQ(received.size(), 1u);
+        EXPECT_EQ(received[0].byte_len, len);
+        EXPECT_TRUE(std::equal(src.bytes.begin(), src.bytes.begin() + len, dst.bytes.begin()));
+    }
 };
 
-TEST_F(QpLockThreaded, APostThatFindsTheDataPathBusyLeavesItsQpOnTheDoorbellList) {
+TEST_F(QpLockThreaded, APostThatFindsAPassUnderWayLeavesItsQpToTheEngine) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
     pattern(src, 21);
     ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 64)}), VAPI_OK);
     sh::Device &dev = device(s0);
     {
-        // As the engine's round would: the device's data path is taken.
-        std::lock_guard token(dev.run_mu);
-        ASSERT_EQ(post_send(a, 2, VAPI_SEND, {src.sg(0, 32)}), VAPI_OK);
-        EXPECT_NE(dev.doorbells.load(), nullptr) << "the post did not leave its QP for the engine";
+        // As another thread's pass would while the wire carries its packets.
+        std::lock_guard lk(dev.mu);
+        dev.pass_running = true;
     }
-    auto sent = wait_for(s0, 1);
-    ASSERT_EQ(sent.size(), 1u) << "nobody took the doorbell";
-    EXPECT_EQ(sent[0].id, 2u);
-    EXPECT_EQ(sent[0].status, VAPI_SUCCESS);
-    auto received = wait_for(s1, 1);
-    ASSERT_EQ(received.size(), 1u);
-    EXPECT_EQ(received[0].byte_len, 32u);
-    EXPECT_TRUE(std::equal(src.bytes.begin(), src.bytes.begin() + 32, dst.bytes.begin()));
-    EXPECT_EQ(dev.doorbells.load(), nullptr);
+    ASSERT_EQ(post_send(a, 2, VAPI_SEND, {src.sg(0, 32)}), VAPI_OK);
+    {
+        std::lock_guard lk(dev.mu);
+        EXPECT_EQ(dev.active_qps.size(), 1u) << "the post did not leave its QP for the engine";
+        dev.pass_running = false;
+    }
+    expect_delivered(2, src, dst, 32);
+    std::lock_guard lk(dev.mu);
+    EXPECT_TRUE(dev.active_qps.empty());
+}
+
+TEST_F(QpLockThreaded, APassWhoseReceiverIsBusyLetsItsOwnDeviceGoFirst) {
+    // A pass keeps its device's mutex while the wire carries its packets, but never waits for the
+    // receiving device's while it holds it: with the receiver's mutex taken, the pass lets its own
+    // go (the pass still under way) before it waits, and finishes once the receiver is free.
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    pattern(src, 33);
+    ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 64)}), VAPI_OK);
+    sh::Device &sender = device(s0), &receiver = device(s1);
+    bool let_go = false;
+    VAPI_ret_t rc = VAPI_EGEN;
+    std::unique_lock busy(receiver.mu);
+    std::thread poster([&] { rc = post_send(a, 2, VAPI_SEND, {src.sg(0, 40)}); });
+    // Seen under the sender's mutex: a pass under way that is not holding it.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!let_go && std::chrono::steady_clock::now() < until) {
+        if (!sender.mu.try_lock()) continue;  // (waiting for it here would deadlock a pass that kept it)
+        let_go = sender.pass_running;
+        sender.mu.unlock();
+    }
+    EXPECT_TRUE(let_go) << "the pass kept its device's mutex while it waited for the receiver's";
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    VAPI_wc_desc_t wc{};
+    EXPECT_EQ(VAPI_poll_cq(s1.hca, s1.cq, &wc), VAPI_CQ_EMPTY)
+        << "a message arrived past the receiver's mutex";
+    busy.unlock();
+    poster.join();
+    EXPECT_EQ(rc, VAPI_OK);
+    expect_delivered(2, src, dst, 40);
+    std::lock_guard lk(sender.mu);
+    EXPECT_FALSE(sender.pass_running);
 }
 
 TEST_F(QpLockThreaded, PostsRacingTheErrorStateAreEachCompletedOnce) {

@@ -82,6 +82,113 @@ TEST_F(Trains, WriteBeyondTheRegionInAMiddlePacketIsARemoteAccessError) {
     EXPECT_EQ(state(b), VAPI_ERR);
 }
 
+// A train that arrives whole and in order is placed as one message. The same messages sent with
+// the receiver's link delaying every packet (so that they arrive one by one) must leave the same
+// bytes, completions and counters.
+struct TrainOutcome {
+    std::vector<VAPI_wc_desc_t> sent, got;
+    std::array<uint32_t, 4> counters0{}, counters1{};
+    std::vector<uint8_t> landed;
+};
+
+class WholeTrains : public Trains {
+  protected:
+    TrainOutcome carry(bool one_by_one) {
+        auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+        Buffer &src = buffer(s0, 12000), &dst = buffer(s1, 30000, kAllAccess, 0xee);
+        pattern(src, 17);
+        const auto c0 = port_counters(s0), c1 = port_counters(s1);
+        if (one_by_one) delay_packets(s1, 1);
+        // A send with immediate data of five packets into a receive of two pieces, then an RDMA
+        // write with immediate data of four packets, which takes the next receive.
+        EXPECT_EQ(post_recv(b, 20, {dst.sg(0, 5000), dst.sg(6000, 8000)}), VAPI_OK);
+        EXPECT_EQ(post_recv(b, 21, {dst.sg(29000, 16)}), VAPI_OK);
+        SendWr send(10, VAPI_SEND_WITH_IMM, {src.sg(0, 9000)});
+        send.d.imm_data = 0xabcd;
+        send.d.set_se = TRUE;
+        EXPECT_EQ(post(a, send), VAPI_OK);
+        SendWr write(11, VAPI_RDMA_WRITE_WITH_IMM, {src.sg(1000, 7000)}, dst.addr() + 15000, dst.rkey);
+        write.d.imm_data = 0x1234;
+        EXPECT_EQ(post(a, write), VAPI_OK);
+        for (int i = 0; i < 10; ++i) {
+            run();
+            sh::advance_clock(2);
+        }
+        EXPECT_TRUE(sh::set_link_faults("InfiniHost1", 1, {}));
+        run();
+        TrainOutcome o;
+        o.sent = poll(s0);
+        o.got = poll(s1);
+        const auto e0 = port_counters(s0), e1 = port_counters(s1);
+        for (int i = 0; i < 4; ++i) {
+            o.counters0[i] = e0[i] - c0[i];
+            o.counters1[i] = e1[i] - c1[i];
+        }
+        o.landed = dst.bytes;
+        return o;
+    }
+};
+
+// The completion with the QP numbers taken out (each run has QPs of its own).
+VAPI_wc_desc_t without_qp_numbers(VAPI_wc_desc_t wc) {
+    wc.local_qp_num = 0;
+    wc.remote_node_addr.qp_ety.qp = 0;
+    return wc;
+}
+
+TEST_F(WholeTrains, LeaveWhatTheirPacketsOneByOneLeave) {
+    const TrainOutcome whole = carry(false);
+    const TrainOutcome single = carry(true);
+    ASSERT_EQ(whole.sent.size(), 2u);
+    ASSERT_EQ(whole.got.size(), 2u);
+    EXPECT_EQ(whole.got[0].byte_len, 9000u);
+    EXPECT_EQ(whole.got[0].imm_data, 0xabcdu);
+    EXPECT_EQ(whole.got[1].opcode, VAPI_CQE_RQ_RDMA_WITH_IMM);
+    EXPECT_EQ(whole.got[1].byte_len, 7000u);
+    EXPECT_EQ(whole.counters1[3], 9u) << "five send packets and four write packets received";
+    EXPECT_EQ(whole.counters1[2], 1u) << "the two messages arrived in one burst: one ACK";
+    ASSERT_EQ(single.sent.size(), 2u);
+    ASSERT_EQ(single.got.size(), 2u);
+    for (size_t i = 0; i < 2; ++i) {
+        const VAPI_wc_desc_t ws = without_qp_numbers(whole.sent[i]), ss = without_qp_numbers(single.sent[i]);
+        const VAPI_wc_desc_t wg = without_qp_numbers(whole.got[i]), sg = without_qp_numbers(single.got[i]);
+        EXPECT_EQ(0, std::memcmp(&ws, &ss, sizeof ws)) << "send " << i;
+        EXPECT_EQ(0, std::memcmp(&wg, &sg, sizeof wg)) << "receive " << i;
+    }
+    // What the sender sent and the receiver received (the ACKs drawn may differ: packets one by
+    // one are acknowledged one message at a time).
+    EXPECT_EQ(whole.counters0[0], single.counters0[0]);
+    EXPECT_EQ(whole.counters0[2], single.counters0[2]);
+    EXPECT_EQ(whole.counters1[1], single.counters1[1]);
+    EXPECT_EQ(whole.counters1[3], single.counters1[3]);
+    EXPECT_EQ(whole.landed, single.landed);
+}
+
+TEST_F(WholeTrains, AWriteWithImmediateFindingNoReceiveWaitsForOne) {
+    // The data is written; the immediate data needs a receive: receiver not ready until one comes.
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 10000), &dst = buffer(s1, 10000, kAllAccess, 0xee);
+    pattern(src, 23);
+    SendWr write(4, VAPI_RDMA_WRITE_WITH_IMM, {src.sg(0, 9000)}, dst.addr(), dst.rkey);
+    write.d.imm_data = 77;
+    ASSERT_EQ(post(a, write), VAPI_OK);
+    run();
+    VAPI_wc_desc_t wc{};
+    EXPECT_EQ(VAPI_poll_cq(s0.hca, s0.cq, &wc), VAPI_CQ_EMPTY);
+    EXPECT_EQ(0, std::memcmp(dst.bytes.data(), src.bytes.data(), 9000));
+    ASSERT_EQ(post_recv(b, 5, {}), VAPI_OK);
+    sh::advance_clock(700);  // past any RNR timer
+    run();
+    const VAPI_wc_desc_t sent = only(poll(s0));
+    EXPECT_EQ(sent.status, VAPI_SUCCESS);
+    EXPECT_EQ(sent.id, 4u);
+    const VAPI_wc_desc_t got = only(poll(s1));
+    EXPECT_EQ(got.id, 5u);
+    EXPECT_EQ(got.opcode, VAPI_CQE_RQ_RDMA_WITH_IMM);
+    EXPECT_EQ(got.imm_data, 77u);
+    EXPECT_EQ(got.byte_len, 9000u);
+}
+
 // On the threaded engine a post whose device's data path is free does the work on the posting
 // thread: the completion is there when the post returns.
 class PostingThread : public DataPathTest {

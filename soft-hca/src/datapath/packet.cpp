@@ -1,13 +1,16 @@
 #include "datapath/packet.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace marlix::softhca {
 
-uint32_t Packet::wire_bytes() const {
+namespace {
+
+// The headers a packet of that opcode carries, with the ICRC, in bytes (the GRH apart).
+constexpr uint32_t header_bytes(uint8_t opcode) {
     uint32_t n = 8 + 12 + 4;  // LRH, BTH, ICRC
-    if (grh) n += 40;
     const uint8_t o = op::operation(opcode);
     if (op::transport(opcode) == op::kUd) n += 8;  // DETH
     if (op::has_reth(opcode)) n += 16;
@@ -17,15 +20,23 @@ uint32_t Packet::wire_bytes() const {
         n += 4;  // AETH
     if (o == op::kAtomicAck) n += 8;
     if (op::has_imm(opcode)) n += 4;
-    n += (payload_len + 3) & ~3u;
     return n;
 }
 
+// Every packet is counted, twice (sent and received): the header sizes are looked up.
+constexpr auto kHeaderBytes = [] {
+    std::array<uint8_t, 256> t{};
+    for (uint32_t o = 0; o < 256; ++o) t[o] = uint8_t(header_bytes(uint8_t(o)));
+    return t;
+}();
+
+}  // namespace
+
+uint32_t Packet::wire_bytes_of(uint8_t opcode, bool grh, uint32_t payload_len) {
+    return kHeaderBytes[opcode] + (grh ? 40u : 0u) + ((payload_len + 3) & ~3u);
+}
+
 void Packet::read_payload(uint64_t from, uint8_t *dst, size_t len) const {
-    if (owned) {
-        std::memcpy(dst, owned.get() + from, len);
-        return;
-    }
     uint64_t skip = payload_offset + from;
     for (uint32_t i = 0; i < span_count && len > 0; ++i) {
         const ByteSpan &s = spans[i];
@@ -39,21 +50,6 @@ void Packet::read_payload(uint64_t from, uint8_t *dst, size_t len) const {
         len -= n;
         skip = 0;
     }
-}
-
-void Packet::own_payload() {
-    if (payload_len == 0) {
-        spans = nullptr;
-        span_count = 0;
-        payload_offset = 0;
-        return;
-    }
-    std::shared_ptr<uint8_t[]> copy(new uint8_t[payload_len]);
-    read_payload(0, copy.get(), payload_len);
-    owned = std::move(copy);
-    spans = nullptr;
-    span_count = 0;
-    payload_offset = 0;
 }
 
 }  // namespace marlix::softhca

@@ -5,13 +5,14 @@
 // Packets name their ends by LID and QP number only. The payload is a view of the sender's memory
 // that stays valid until the packet has been consumed (the engine delivers a packet before the
 // sender may complete the request it belongs to); a packet that has to wait on the wire (a
-// delayed link) takes a copy of its payload first (own_payload()).
+// delayed link) is given a copy of its payload first (the wire keeps it). A packet is plain data:
+// copying one copies its headers and the view, nothing more.
 #pragma once
 
 #include <vapi_types.h>
 
 #include <cstdint>
-#include <memory>
+#include <type_traits>
 
 namespace marlix::softhca {
 
@@ -144,17 +145,17 @@ struct Packet {
     uint32_t span_count = 0;
     uint64_t payload_offset = 0;
     uint32_t payload_len = 0;
-    std::shared_ptr<uint8_t[]> owned;  // the copy a delayed packet takes of its payload
 
-    // Copies the payload into memory the packet owns (before it waits on the wire).
-    void own_payload();
     // Copies `len` payload bytes starting `from` bytes into the payload, to `dst`.
     void read_payload(uint64_t from, uint8_t *dst, size_t len) const;
 
     // Bytes of the packet as the port data counters count them (from the LRH to the ICRC, the
     // VCRC excluded): LRH 8, GRH 40, BTH 12, DETH 8, RETH 16, AtomicETH 28, AETH 4, AtomicAckETH 8,
     // ImmDt 4, payload padded to 4 bytes, ICRC 4.
-    uint32_t wire_bytes() const;
+    uint32_t wire_bytes() const { return wire_bytes_of(opcode, grh, payload_len); }
+    // The same for a packet with that opcode, global route header and payload length.
+    static uint32_t wire_bytes_of(uint8_t opcode, bool grh, uint32_t payload_len);
 };
+static_assert(std::is_trivially_copyable_v<Packet>);
 
 }  // namespace marlix::softhca

@@ -221,7 +221,9 @@ size_t run_qp(Device &dev, Qp &qp, uint64_t now, Outbox &out, PendingEvents &eve
                 break;
         }
         e.segments = e.train == Outbox::Train::None ? 1 : segments_for(length, mtu);
-        if (e.train == Outbox::Train::None) p.ack_req = true;
+        // A packet alone (not a train, or a train of one) is its own first and last packet: the
+        // entry's headers are the packet's.
+        if (e.train == Outbox::Train::None || e.segments == 1) p.ack_req = true;
         // PSNs: a message takes one per packet; a read takes one per response packet.
         uint32_t psns = e.segments;
         if (opcode == VAPI_RDMA_READ) psns = segments_for(length, mtu);
@@ -249,11 +251,13 @@ size_t run_qp(Device &dev, Qp &qp, uint64_t now, Outbox &out, PendingEvents &eve
 
 }  // namespace
 
-Packet train_segment(const Outbox::Entry &e, uint32_t i) {
-    Packet p = e.pkt;
+namespace {
+
+// The BTH opcode of packet `i` of a train.
+uint8_t segment_opcode(const Outbox::Entry &e, uint32_t i) {
     const uint32_t n = e.segments;
-    const uint8_t ts = op::transport(p.opcode);
-    const bool imm = op::has_imm(p.opcode);
+    const uint8_t ts = op::transport(e.pkt.opcode);
+    const bool imm = op::has_imm(e.pkt.opcode);
     const bool first = i == 0, last = i == n - 1;
     uint8_t o = 0;
     switch (e.train) {
@@ -276,32 +280,56 @@ Packet train_segment(const Outbox::Entry &e, uint32_t i) {
                         : op::kReadResponseMiddle;
             break;
         case Outbox::Train::None:
-            return p;
+            return e.pkt.opcode;
     }
-    p.opcode = ts | o;
-    p.psn = psn_add(e.pkt.psn, i);
+    return uint8_t(ts | o);
+}
+
+// The payload bytes of packet `i` of a train.
+uint32_t segment_length(const Outbox::Entry &e, uint32_t i) {
     const uint64_t offset = uint64_t(i) * e.mtu;
-    p.payload_offset = e.pkt.payload_offset + offset;
-    p.payload_len = uint32_t(std::min<uint64_t>(e.mtu, e.length - std::min(offset, e.length)));
+    return uint32_t(std::min<uint64_t>(e.mtu, e.length - std::min(offset, e.length)));
+}
+
+}  // namespace
+
+Packet train_segment(const Outbox::Entry &e, uint32_t i) {
+    Packet p = e.pkt;
+    if (e.train == Outbox::Train::None) return p;
+    const bool last = i == e.segments - 1;
+    p.opcode = segment_opcode(e, i);
+    p.psn = psn_add(e.pkt.psn, i);
+    p.payload_offset = e.pkt.payload_offset + uint64_t(i) * e.mtu;
+    p.payload_len = segment_length(e, i);
     p.ack_req = last;
     p.solicited = last && e.pkt.solicited;
     return p;
 }
 
 void count_entry(Port &port, const Outbox::Entry &e, bool xmit) {
-    auto count = [&](const Packet &p, uint32_t n) {
+    // The headers of a train's packets follow from the first's; only opcode and length change.
+    auto count = [&](uint32_t i, uint32_t n) {
+        const uint32_t bytes =
+            e.train == Outbox::Train::None
+                ? e.pkt.wire_bytes()
+                : Packet::wire_bytes_of(segment_opcode(e, i), e.pkt.grh, segment_length(e, i));
         if (xmit)
-            port.count_xmit(p.wire_bytes(), n);
+            port.count_xmit(bytes, n);
         else
-            port.count_rcv(p.wire_bytes(), n);
+            port.count_rcv(bytes, n);
     };
-    if (e.train == Outbox::Train::None || e.segments == 1) {
-        count(e.train == Outbox::Train::None ? e.pkt : train_segment(e, 0), 1);
+    if (e.segments == 1) {
+        // A packet alone: the entry's headers are its own.
+        const uint32_t bytes = e.pkt.wire_bytes();
+        if (xmit)
+            port.count_xmit(bytes, 1);
+        else
+            port.count_rcv(bytes, 1);
         return;
     }
-    count(train_segment(e, 0), 1);
-    if (e.segments > 2) count(train_segment(e, 1), e.segments - 2);
-    count(train_segment(e, e.segments - 1), 1);
+    count(0, 1);
+    if (e.segments > 2) count(1, e.segments - 2);
+    count(e.segments - 1, 1);
 }
 
 size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events, RanQps *ran) {

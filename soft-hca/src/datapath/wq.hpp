@@ -10,13 +10,17 @@
 //
 // A send entry holds the descriptor, its gather list (in the ring's gather area, stride = the
 // QP's gather capacity) and, for inline sends, the data (in the ring's inline area, stride = the
-// QP's inline capacity). The requester's progress on the entry lives beside it.
+// QP's inline capacity). The requester's progress on the entry lives beside it. A receive entry
+// is one cache line with the first entry of its gather list inside it, the rest in the ring's
+// gather area (stride = the QP's gather capacity - 1): a receive of one buffer costs the
+// responder the one line the poster wrote.
 #pragma once
 
 #include <vapi_types.h>
 
 #include "device/limits.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <vector>
@@ -33,7 +37,8 @@ enum class SendPhase : uint8_t {
 // Entries start on a cache line of their own: a poster writes one while the data path reads its
 // neighbour.
 struct alignas(limits::kCacheLine) SendEntry {
-    VAPI_sr_desc_t desc{};  // sg_lst_p is not used: the gather list is `sg`
+    static constexpr uint32_t kGatherInside = 0;  // gather entries kept in the entry itself
+    VAPI_sr_desc_t desc{};                        // sg_lst_p is not used: the gather list is `sg`
     uint32_t sg_count = 0;
     uint32_t inline_len = 0;  // inline sends: bytes in the inline area
     bool is_inline = false;
@@ -52,10 +57,23 @@ struct alignas(limits::kCacheLine) SendEntry {
 };
 
 struct alignas(limits::kCacheLine) RecvEntry {
-    VAPI_rr_desc_t desc{};
+    static constexpr uint32_t kGatherInside = 1;
+    VAPI_rr_desc_t desc{};  // sg_lst_p is not used: the gather list is sge(0 .. sg_count - 1)
     uint32_t sg_count = 0;
-    VAPI_sg_lst_entry_t *sg = nullptr;
+    VAPI_sg_lst_entry_t *more = nullptr;  // entries 1 .. sg_count - 1, in the ring's gather area
+    VAPI_sg_lst_entry_t first{};
+
+    const VAPI_sg_lst_entry_t &sge(uint32_t i) const { return i == 0 ? first : more[i - 1]; }
+    // Copies a gather list of `n` entries (no more than the ring's gather capacity).
+    void set_gather(const VAPI_sg_lst_entry_t *sg, uint32_t n) {
+        sg_count = n;
+        if (n == 0) return;
+        first = sg[0];
+        std::copy_n(sg + 1, n - 1, more);
+    }
 };
+static_assert(sizeof(RecvEntry) == limits::kCacheLine,
+              "a receive entry with its first gather entry is one line");
 
 // A ring of `depth` entries (a power of two), with `sg_stride` gather entries and `inline_stride`
 // inline bytes per entry. Positions only grow; the slot is position & mask.
@@ -85,6 +103,12 @@ class WorkRing {
     void push() { tail_.store(tail_.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
     // Consumer side: the front entry is done with.
     void pop() { head_.store(head_.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
+    // Consumer side: starts bringing the front entry's line in, if there is one, so that it is
+    // on its way before the consumer needs it.
+    void prefetch_front() const {
+        const uint64_t h = head_.load(std::memory_order_relaxed);
+        if (h != tail_.load(std::memory_order_acquire)) __builtin_prefetch(&at(h), 0, 3);
+    }
     // Producer side: whether `pending` entries already checked and one more stay under `limit`
     // outstanding. It reads the consumer's position only when the last one it saw says no, so a
     // poster does not pull the consumer's cache line on every post.
@@ -109,6 +133,7 @@ class WorkRing {
     std::vector<VAPI_sg_lst_entry_t> sg_area_;
     std::vector<uint8_t> inline_area_;
     uint32_t depth_ = 0, mask_ = 0, sg_stride_ = 0, inline_stride_ = 0;
+    uint32_t sg_area_stride_ = 0;  // gather entries per slot in the gather area
     // The consumer's and the producer's positions, each in a cache line of its own.
     alignas(limits::kCacheLine) std::atomic<uint64_t> head_{0};
     alignas(limits::kCacheLine) std::atomic<uint64_t> tail_{0};

@@ -1,24 +1,37 @@
 // Completion queues of the software HCA: a fixed-size ring of completion entries per CQ, the
 // arming state for completion events and the CQ's completion handler.
 //
-// The ring has a producer side and a consumer side that meet only at its two positions, each
-// published with a release store, so that a poller and the completer (on another core) share
-// nothing but the entry that passes between them and the position that says it is there:
-//   - the producer side (pushes, arming, the handler) is under the CQ's lock `mu_`, taken by the
-//     completer under its device mutex and by the arming verbs alone;
+// The ring has a producer side and a consumer side that share nothing but the slot that passes
+// between them:
+//   - the producer side (pushes, arming, the handler) is serialised by the device mutex of the
+//     CQ's device: every push comes from the data path or a flush, which run under it, and every
+//     verb that arms the CQ, sets its handler, resizes or destroys it holds it through its Call.
+//     The CQ has no producer lock of its own;
 //   - the consumer side (polls) is under `poll_mu_`, which only pollers take;
-//   - resizing and destroying take both, `mu_` first.
-// Each side keeps the other's position as it last saw it and reads the real one only when its
-// own view says the ring is full (producer) or empty (consumer). The data path pushes
-// completions with CompletionQueue::complete() and fires the returned event after releasing
-// every lock.
+//   - resizing and destroying hold the device mutex and take `poll_mu_` as well.
+// A slot says itself whether it holds the completion a poller waits for: the producer writes the
+// completion and then, with a release store, the slot's sequence (the completion's position + 1,
+// in 32 bits); a poller compares the sequence of the slot at its head with its own position + 1.
+// So a busy poller watches the one cache line the producer writes next, and the producer's
+// position is read only by count() (peeking, arming by count). The producer reads the consumer's
+// position only when its own last view of it says the ring is full. A slot that holds nothing
+// has a sequence that cannot match the next position it will hold.
+//
+// Rings are never handed back to the allocator: the empty-poll answer, ready(), reads the slot
+// at the head without any lock, possibly of a ring that a resize or a destroy has just replaced.
+// A replaced ring goes to a pool for the next ring of its size; whatever a stale ready() reads
+// there is a sequence word, and at worst it sends that poll to pop(), which looks again under
+// the consumer's lock.
+//
+// The data path pushes completions with CompletionQueue::complete() and fires the returned
+// event after releasing every lock.
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <optional>
-#include <vector>
 
 #include "device/adaptive_mutex.hpp"
 #include "device/device.hpp"
@@ -48,18 +61,26 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     // the request (a request of 0 gets the smallest ring, 1 entry).
     static uint64_t actual_size(uint32_t requested);
 
-    explicit CompletionQueue(uint32_t size) : slots_(size) {}
+    explicit CompletionQueue(uint32_t size);
+    ~CompletionQueue() override;
+    CompletionQueue(const CompletionQueue &) = delete;
+    CompletionQueue &operator=(const CompletionQueue &) = delete;
 
-    // The methods below take the CQ's locks they need themselves.
-    uint32_t size() const;
-    // Completions waiting to be polled; no lock.
+    // The producer's methods (size, resize, arming, complete, handlers, kill) are called with the
+    // device mutex held; pop() takes the consumer's lock itself.
+    uint32_t size() const { return size_; }
+    // Completions waiting to be polled.
     uint32_t count() const {
         const uint64_t head = head_.load(std::memory_order_acquire);
         return uint32_t(tail_.load(std::memory_order_acquire) - head);
     }
-    // Whether a poll may find something: the empty-poll answer, read without any lock.
+    // Whether a poll may find something: the empty-poll answer, read without any lock. Exact for
+    // the thread that polls; a poll racing another poll of the same CQ, or a resize, may be told
+    // "empty" while the other moves the head.
     bool ready() const {
-        return tail_.load(std::memory_order_acquire) != head_.load(std::memory_order_relaxed);
+        const Slot *slot = watch_.load(std::memory_order_acquire);
+        return slot->seq.load(std::memory_order_acquire) ==
+               sequence_of(head_.load(std::memory_order_relaxed));
     }
 
     // Takes the oldest completion: VAPI_OK, VAPI_CQ_EMPTY, or VAPI_EINVAL_CQ_HNDL once destroyed.
@@ -102,22 +123,36 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     EventGateRef event_gate = std::make_shared<EventGate>();
 
   private:
-    // One completion per cache line: the completer writes one while a poller reads another.
+    // One completion per cache line, with its sequence. A VAPI_wc_desc_t fills a line: its 4-byte
+    // status, 4 bytes of padding before the 8-byte id, then the rest. The slot keeps the status
+    // and everything from the id on, byte for byte, and its sequence where the padding was.
     struct alignas(limits::kCacheLine) Slot {
-        VAPI_wc_desc_t wc;
+        std::atomic<uint32_t> seq{0};
+        uint32_t status = 0;
+        unsigned char rest[sizeof(VAPI_wc_desc_t) - offsetof(VAPI_wc_desc_t, id)];
     };
-    bool push(const VAPI_wc_desc_t &wc);
-    uint32_t next(uint32_t index) const { return index + 1 == slots_.size() ? 0 : index + 1; }
+    struct RingPool;
+    static RingPool &ring_pool();
+    // A ring of `n` slots from the pool (or new), numbered for an empty ring whose first slot
+    // takes position `first`; and a ring handed back.
+    static Slot *take_ring(uint32_t n, uint64_t first);
+    static void give_ring(Slot *ring, uint32_t n);
+    static uint32_t sequence_of(uint64_t position) { return uint32_t(position + 1); }
+    static void store(Slot &slot, const VAPI_wc_desc_t &wc);
+    static void load(const Slot &slot, VAPI_wc_desc_t *wc);
 
-    // Read by both sides, written only with both locks held.
-    std::vector<Slot> slots_;
+    bool push(const VAPI_wc_desc_t &wc);
+    uint32_t next(uint32_t index) const { return index + 1 == size_ ? 0 : index + 1; }
+
+    // Read by both sides, written only with the device mutex and the consumer's lock held.
+    Slot *ring_ = nullptr;
+    uint32_t size_ = 0;
     bool dead_ = false;
 
-    // Producer side.
-    alignas(limits::kCacheLine) mutable AdaptiveMutex mu_;
-    std::atomic<uint64_t> tail_{0};  // completions pushed so far
-    uint32_t tail_index_ = 0;        // the slot the next push fills
-    uint64_t seen_head_ = 0;         // head_ as the producer last read it
+    // Producer side, serialised by the device mutex.
+    alignas(limits::kCacheLine) std::atomic<uint64_t> tail_{0};  // completions pushed so far
+    uint32_t tail_index_ = 0;                                    // the slot the next push fills
+    uint64_t seen_head_ = 0;                                     // head_ as the producer last read it
     bool overrun_ = false;
     VAPI_cq_notif_type_t armed_ = VAPI_NOTIF_NONE;
     uint32_t armed_count_ = 0;
@@ -125,9 +160,9 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
 
     // Consumer side.
     alignas(limits::kCacheLine) mutable AdaptiveMutex poll_mu_;
-    std::atomic<uint64_t> head_{0};  // completions polled so far
-    uint32_t head_index_ = 0;        // the slot the next poll takes
-    uint64_t seen_tail_ = 0;         // tail_ as the consumer last read it
+    std::atomic<uint64_t> head_{0};             // completions polled so far
+    uint32_t head_index_ = 0;                   // the slot the next poll takes
+    std::atomic<const Slot *> watch_{nullptr};  // that slot, for ready()
 };
 
 }  // namespace marlix::softhca

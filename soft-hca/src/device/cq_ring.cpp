@@ -1,4 +1,8 @@
 // The completion ring, arming, and collecting the events a completion raises.
+#include <cstring>
+#include <map>
+#include <memory>
+
 #include "device/cq.hpp"
 #include "device/qp.hpp"
 
@@ -10,21 +14,78 @@ uint64_t CompletionQueue::actual_size(uint32_t requested) {
     return ring - 1;
 }
 
-uint32_t CompletionQueue::size() const {
-    std::lock_guard lk(mu_);
-    return static_cast<uint32_t>(slots_.size());
+static_assert(sizeof(VAPI_wc_desc_t) == limits::kCacheLine && offsetof(VAPI_wc_desc_t, status) == 0 &&
+                  sizeof(VAPI_wc_status_t) == 4 && offsetof(VAPI_wc_desc_t, id) == 8,
+              "a completion is its status, 4 bytes of padding and the rest, in one cache line");
+
+// Replaced rings by size, for the next ring of that size. A leaf lock: taken by the verbs that
+// create, resize and destroy CQs (under the device mutex) and when a device closes.
+struct CompletionQueue::RingPool {
+    std::mutex mu;
+    std::multimap<uint32_t, std::unique_ptr<Slot[]>> free;
+};
+
+CompletionQueue::RingPool &CompletionQueue::ring_pool() {
+    // Never destroyed: a ready() may read a pooled ring as long as the process runs.
+    static RingPool *pool = new RingPool;
+    return *pool;
+}
+
+CompletionQueue::Slot *CompletionQueue::take_ring(uint32_t n, uint64_t first) {
+    Slot *ring = nullptr;
+    {
+        RingPool &pool = ring_pool();
+        std::lock_guard lk(pool.mu);
+        if (auto it = pool.free.find(n); it != pool.free.end()) {
+            ring = it->second.release();
+            pool.free.erase(it);
+        }
+    }
+    if (!ring) ring = new Slot[n];
+    // Each slot one short of the first position it will hold.
+    for (uint32_t i = 0; i < n; ++i) ring[i].seq.store(uint32_t(first + i), std::memory_order_relaxed);
+    return ring;
+}
+
+void CompletionQueue::give_ring(Slot *ring, uint32_t n) {
+    if (!ring) return;
+    RingPool &pool = ring_pool();
+    std::lock_guard lk(pool.mu);
+    pool.free.emplace(n, std::unique_ptr<Slot[]>(ring));
+}
+
+void CompletionQueue::store(Slot &slot, const VAPI_wc_desc_t &wc) {
+    std::memcpy(&slot.status, &wc.status, sizeof slot.status);
+    std::memcpy(slot.rest, reinterpret_cast<const unsigned char *>(&wc) + offsetof(VAPI_wc_desc_t, id),
+                sizeof slot.rest);
+}
+
+void CompletionQueue::load(const Slot &slot, VAPI_wc_desc_t *wc) {
+    std::memcpy(&wc->status, &slot.status, sizeof slot.status);
+    std::memcpy(reinterpret_cast<unsigned char *>(wc) + offsetof(VAPI_wc_desc_t, id), slot.rest,
+                sizeof slot.rest);
+}
+
+CompletionQueue::CompletionQueue(uint32_t size) : ring_(take_ring(size, 0)), size_(size) {
+    watch_.store(ring_, std::memory_order_release);
+}
+
+CompletionQueue::~CompletionQueue() {
+    give_ring(ring_, size_);
 }
 
 bool CompletionQueue::push(const VAPI_wc_desc_t &wc) {
     const uint64_t tail = tail_.load(std::memory_order_relaxed);
-    if (tail - seen_head_ >= slots_.size()) {
+    if (tail - seen_head_ >= size_) {
         seen_head_ = head_.load(std::memory_order_acquire);
-        if (tail - seen_head_ >= slots_.size()) {
+        if (tail - seen_head_ >= size_) {
             overrun_ = true;
             return false;
         }
     }
-    slots_[tail_index_].wc = wc;
+    Slot &slot = ring_[tail_index_];
+    store(slot, wc);
+    slot.seq.store(sequence_of(tail), std::memory_order_release);
     tail_index_ = next(tail_index_);
     tail_.store(tail + 1, std::memory_order_release);
     return true;
@@ -34,72 +95,76 @@ VAPI_ret_t CompletionQueue::pop(VAPI_wc_desc_t *wc) {
     std::lock_guard lk(poll_mu_);
     if (dead_) return VAPI_EINVAL_CQ_HNDL;
     const uint64_t head = head_.load(std::memory_order_relaxed);
-    if (head == seen_tail_) {
-        seen_tail_ = tail_.load(std::memory_order_acquire);
-        if (head == seen_tail_) return VAPI_CQ_EMPTY;
-    }
-    *wc = slots_[head_index_].wc;
+    const Slot &slot = ring_[head_index_];
+    if (slot.seq.load(std::memory_order_acquire) != sequence_of(head)) return VAPI_CQ_EMPTY;
+    load(slot, wc);
     head_index_ = next(head_index_);
     head_.store(head + 1, std::memory_order_release);
+    watch_.store(&ring_[head_index_], std::memory_order_release);
     return VAPI_OK;
 }
 
 bool CompletionQueue::resize(uint32_t new_size) {
-    std::lock_guard producer(mu_);
     std::lock_guard consumer(poll_mu_);
     const uint32_t queued = count();
     if (new_size < queued || new_size == 0) return false;
-    std::vector<Slot> slots(new_size);
-    for (uint32_t i = 0, from = head_index_; i < queued; ++i, from = next(from))
-        slots[i].wc = slots_[from].wc;
-    slots_.swap(slots);
-    // The positions stay (they only count); the slots start again from the first.
+    // The positions stay (they only count); the queued completions move to the first slots of
+    // the new ring and take their sequences with them.
+    const uint64_t head = head_.load(std::memory_order_relaxed);
+    Slot *ring = take_ring(new_size, head);
+    for (uint32_t i = 0, from = head_index_; i < queued; ++i, from = next(from)) {
+        ring[i].status = ring_[from].status;
+        std::memcpy(ring[i].rest, ring_[from].rest, sizeof ring[i].rest);
+        ring[i].seq.store(sequence_of(head + i), std::memory_order_relaxed);
+    }
+    give_ring(ring_, size_);
+    ring_ = ring;
+    size_ = new_size;
     head_index_ = 0;
     tail_index_ = queued == new_size ? 0 : queued;
-    seen_head_ = head_.load(std::memory_order_relaxed);
-    seen_tail_ = tail_.load(std::memory_order_relaxed);
+    seen_head_ = head;
+    watch_.store(ring_, std::memory_order_release);
     return true;
 }
 
 void CompletionQueue::arm(VAPI_cq_notif_type_t type) {
-    std::lock_guard lk(mu_);
     if (type == VAPI_NEXT_COMP || armed_ == VAPI_NOTIF_NONE) armed_ = type;
 }
 
 void CompletionQueue::arm_count(uint32_t n) {
-    std::lock_guard lk(mu_);
     armed_count_ = n;
 }
 
 bool CompletionQueue::set_handler(const Handler &h) {
-    std::lock_guard lk(mu_);
     if (handler_) return false;
     handler_ = h;
     return true;
 }
 
 bool CompletionQueue::clear_handler(EVAPI_compl_handler_hndl_t hndl) {
-    std::lock_guard lk(mu_);
     if (!handler_ || handler_->hndl != hndl) return false;
     handler_.reset();
     return true;
 }
 
 void CompletionQueue::kill() {
-    std::lock_guard producer(mu_);
     std::lock_guard consumer(poll_mu_);
     dead_ = true;
-    // Nothing left to poll; the slots keep one entry so the ring arithmetic stays defined for
-    // anything still holding the record.
-    head_.store(tail_.load(std::memory_order_relaxed), std::memory_order_release);
-    seen_head_ = seen_tail_ = head_.load(std::memory_order_relaxed);
+    // Nothing left to poll; a ring of one empty slot stays for anything still holding the
+    // record, and the ring goes back to the pool.
+    const uint64_t tail = tail_.load(std::memory_order_relaxed);
+    Slot *parked = take_ring(1, tail);
+    give_ring(ring_, size_);
+    ring_ = parked;
+    size_ = 1;
+    head_.store(tail, std::memory_order_release);
+    seen_head_ = tail;
     head_index_ = tail_index_ = 0;
-    std::vector<Slot>(1).swap(slots_);
+    watch_.store(ring_, std::memory_order_release);
 }
 
 std::optional<CompletionEvent> CompletionQueue::complete(const VAPI_wc_desc_t &wc, bool solicited,
                                                          bool *overran) {
-    std::lock_guard lk(mu_);
     const bool was_overrun = overrun_;
     push(wc);
     if (overran) *overran = !was_overrun && overrun_;
@@ -138,7 +203,7 @@ void push_completion(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicit
     }
 }
 
-void PendingEvents::deliver(Device &dev) {
+void PendingEvents::deliver_all(Device &dev) {
     if (!completions.empty()) {
         // One interrupt for the batch: the handlers run one after the other in it.
         SmallList<CompletionEvent, 8> batch = completions;

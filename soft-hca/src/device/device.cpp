@@ -379,6 +379,10 @@ std::vector<std::string> device_names() {
 }
 
 Device *device_by_handle(VAPI_hca_hndl_t hca) {
+    // Every verb starts here: a booted system's table answers at once; a handle it does not hold
+    // (or the first call of a process) goes the long way, which boots the default system first.
+    if (hca < kMaxDevices)
+        if (Device *d = device_table[hca].load(std::memory_order_acquire)) return d;
     return hca < device_count() ? device_at(size_t(hca)) : nullptr;
 }
 

@@ -71,31 +71,35 @@
 //   1. the registry's boot mutex (boot, halt, the implicit first boot);
 //   2. the engine slot's mutex (engine start and stop, step, run_until_idle);
 //   3. the fabric's mutex (subnet manager sweeps, cable and port changes);
-//   4. Device::run_mu, the device's data path token, of one device at a time: whoever holds it
-//      runs the device's requesters and carries their packets through the wire to the responders
-//      and back to the completers, so the packets of a QP leave in order. The engine's round
-//      takes it for each device in turn; on the threaded engine a posting thread try-locks it
-//      after its post (with no device mutex held) and, when it gets it, does that work itself.
-//      A holder takes device mutexes (its own and the receivers') but never another token;
-//   5. Device::mu, of one device at a time: verbs (through Call), the requester and timer phase,
-//      and the responder/completer for a packet arriving at the device. The data path never holds
-//      two device mutexes: packets travel between devices with no device lock held;
+//   4. one pass per device (Device::pass_running, under the device mutex): the engine's round
+//      for the device, or a posting thread that finds none under way, runs the device's
+//      requesters and carries their packets through the wire to the responders and back to the
+//      completers, so the packets of a QP leave in order. A posting thread that finds a pass under
+//      way leaves its QP on the active list for the engine; the engine's round waits for the pass
+//      to end, with no lock held;
+//   5. Device::mu, of one device at a time but for one case: verbs (through Call), the requester
+//      and timer phase, and the responder/completer for a packet arriving at the device. A pass
+//      keeps its own device's mutex while the wire carries its packets and the replies come back,
+//      and may take a receiving device's mutex under it, but only if it is free at once
+//      (try_lock); otherwise it lets its own go first. So no thread waits for a device mutex while
+//      it holds another, and passes going opposite ways cannot deadlock;
 //   6. a QP's queue locks, Qp::sq_mu then Qp::rq_mu (qp.hpp): a post on a connected QP takes the
 //      one of its queue alone, writes the ring and publishes it; whoever changes the QP's state,
 //      capabilities or rings takes both under the device mutex (QpQueueLock), and so does a post
-//      that needs the device (datagram QPs, stopped queues). Only CQ locks are taken under them
-//      (a flush pushes completions);
-//   7. a CQ's locks, of one CQ at a time (cq.hpp): the producer's (its ring's tail, arming and
-//      handler), which the completer takes under its device mutex to push and the arming verbs
-//      alone, then the consumer's, which polls take alone (a poll of a CQ in the lock-free table
-//      takes no other lock), so pollers wait neither for the passes that deliver into the device
-//      nor for the completer. Resizing and destroying take both. A destroyed CQ is marked dead
-//      and kept until the device closes, since a poll may still hold it;
+//      that needs the device (datagram QPs, stopped queues). Only leaf locks are taken
+//      under them (a flush pushes completions, which takes no CQ lock);
+//   7. a CQ's consumer lock (cq.hpp), of one CQ at a time, which polls take alone (a poll of a
+//      CQ in the lock-free table takes no other lock), so pollers wait neither for the passes
+//      that deliver into the device nor for the completer. A CQ's producer side (its ring's
+//      tail, arming and handler) has no lock of its own: it is serialised by the device mutex,
+//      under which the completer, the responder and flushes push and the verbs arm, resize and
+//      destroy. Resizing and destroying take the consumer lock as well. A destroyed CQ is marked
+//      dead and kept until the device closes, since a poll may still hold it;
 //   8. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
 //      the LID table's writers, the fault table and the counts of calls tied to no device, the
-//      registry's device list and event dispatcher, the threaded engine's sleep mutex, a port's
-//      data counters' mutex (a thread's first count on the port, PortCounters Get and Set, the
-//      reset at open).
+//      registry's device list and event dispatcher, the threaded engine's sleep mutex, the pool
+//      of CQ rings (creating, resizing and destroying a CQ), a port's data counters' mutex (a
+//      thread's first count on the port, PortCounters Get and Set, the reset at open).
 // Read without any lock: the device table (devices live from boot() to halt()), Device::open, the
 // LID routing table, the CQ table of the empty-poll answer, the QP table of posters (its records
 // live until the device closes; a poster checks under the queue lock that the record is still
@@ -249,9 +253,14 @@ class Device {
     Device(int index, int ports);
     ~Device();
 
-    // The device mutex and the data path token in cache lines of their own: passes on other
-    // threads take them while posters read the device's tables.
+    // The device mutex in a cache line of its own: passes on other threads take it while posters
+    // read the device's tables.
     alignas(limits::kCacheLine) AdaptiveMutex mu;
+    // A pass is under way (under `mu`, in its line: whoever writes one holds the other): its
+    // requesters ran and the wire is carrying their packets, perhaps with `mu` let go meanwhile.
+    // Only one pass runs per device, so the packets of one QP leave in order: a posting thread
+    // that finds one running leaves its QP to the engine, and the engine's round waits for it.
+    bool pass_running = false;
 
     // Identity and capabilities (fixed at boot).
     const int index;
@@ -310,10 +319,6 @@ class Device {
     // Destroyed CQs, emptied, kept until the device closes: a poll looks a CQ up without any
     // device lock and may still hold it.
     std::vector<std::unique_ptr<Object>> retired_cqs;
-    // The data path token: whoever holds it runs this device's requesters and carries their
-    // packets (the engine's round, or a posting thread that finds it free), so the packets of one
-    // QP leave in order.
-    alignas(limits::kCacheLine) AdaptiveMutex run_mu;
     // CQs by handle, read without the lock by VAPI_poll_cq to answer "empty" at once; handles
     // beyond the table take the locked path.
     static constexpr size_t kFastCqHandles = 4096;

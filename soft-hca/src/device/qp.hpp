@@ -164,12 +164,15 @@ uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port);
 template <class T, size_t N>
 class SmallList {
   public:
-    SmallList() = default;
+    // User-provided, so that even a value-initialised list leaves its inline slots unwritten.
+    SmallList() {}
     SmallList(const SmallList &other) {
         for (size_t i = 0; i < other.size(); ++i) push_back(other[i]);
     }
     SmallList &operator=(const SmallList &) = delete;
-    ~SmallList() { clear(); }
+    ~SmallList() {
+        if (n_) clear();
+    }
     void push_back(const T &v) {
         if (n_ < N)
             new (slot(n_)) T(v);
@@ -181,9 +184,10 @@ class SmallList {
     bool empty() const { return n_ == 0; }
     const T &operator[](size_t i) const { return i < N ? *slot(i) : more_[i - N]; }
     void clear() {
+        if (n_ == 0) return;
         for (size_t i = 0; i < std::min(n_, N); ++i) slot(i)->~T();
+        if (n_ > N) more_.clear();
         n_ = 0;
-        more_.clear();
     }
 
   private:
@@ -210,8 +214,18 @@ struct PendingEvents {
     SmallList<CompletionEvent, 8> completions;
     SmallList<AsyncEvent, 4> async;
     bool empty() const { return completions.empty() && async.empty(); }
-    // Raises everything as the adapter's interrupt; the caller holds no device lock.
-    void deliver(Device &dev);
+    // Raises everything as the adapter's interrupt; the caller holds no device lock. Most lists
+    // are empty: that costs two compares.
+    void deliver(Device &dev) {
+        if (!empty()) deliver_all(dev);
+    }
+    void clear() {
+        completions.clear();
+        async.clear();
+    }
+
+  private:
+    void deliver_all(Device &dev);
 };
 
 // Pushes a completion into a CQ, collecting the event it raises and a CQ error on overrun.

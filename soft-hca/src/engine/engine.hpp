@@ -35,10 +35,11 @@ class Engine {
 size_t run_round(uint64_t now, bool *timers_pending = nullptr);
 
 // A posting thread's pass over one device: its requesters, the wire to the responders and back
-// to the completers, exactly as in a round, when the device's data path token is free and the
+// to the completers, exactly as in a round, when no other pass is under way on the device and the
 // wire holds nothing the pass could overtake. `qp` (optional) is the QP posted on; when the pass
-// cannot run it goes on the device's doorbell list. `Engine`: the engine must run (the token was
-// taken, the wire is busy, or work or a timer is left); `Done`: nothing is left for it.
+// cannot run it is left to the engine (on the active list, or on the doorbell list when the wire
+// is busy). `Engine`: the engine must run (a pass was under way, the wire is busy, or work or a
+// timer is left); `Done`: nothing is left for it.
 enum class PostedRun { Done, Engine };
 PostedRun run_posted(Device &dev, Qp *qp, uint64_t now);
 

@@ -2,6 +2,7 @@
 // thread that finds the device's data path free.
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include "engine/engine.hpp"
 #include "fabric/wire.hpp"
@@ -10,17 +11,21 @@ namespace marlix::softhca {
 
 namespace {
 
-// A pass's scratch: packets leaving the device, the replies they provoke, and the QPs whose
-// requester ran. Every thread that runs passes (the engine's, posting threads) has its own,
-// allocated the first time it runs one.
+// A pass's scratch: packets leaving the device, the replies they provoke, the QPs whose requester
+// ran, and the events raised while the pass holds its device's mutex. Every thread that runs
+// passes (the engine's, posting threads) has its own, allocated the first time it runs one.
 struct Scratch {
     Outbox out;
     Outbox replies;
     RanQps ran;
+    PendingEvents own_events;
+    PendingEvents other_events;
 };
 
+// Thread-locals of this library use the initial-exec model: the library is loaded with the program,
+// and a pass then reads them without a call into the dynamic linker.
 Scratch &scratch() {
-    thread_local std::unique_ptr<Scratch> s;
+    [[gnu::tls_model("initial-exec")]] thread_local std::unique_ptr<Scratch> s;
     if (!s) s = std::make_unique<Scratch>();
     return *s;
 }
@@ -39,68 +44,70 @@ bool work_left(Device &d, const RanQps &ran) {
     return false;
 }
 
-// work_left() read under the device's mutex by the last delivery of a pass's replies to it.
-struct LeftProbe {
-    const RanQps *ran;
-    bool left = false;
-    bool seen = false;
-};
-void read_left(Device &d, void *ctx) {
-    auto *p = static_cast<LeftProbe *>(ctx);
-    p->left = work_left(d, *p->ran);
-    p->seen = true;
-}
-
-// The requesters of one device and everything their packets provoke, with the device's data
-// path token held by the caller. A round also fires due timers and frees retired records; a
-// posting thread's pass leaves both to the engine and says in `left` whether the engine must run.
-// Returns the work done.
+// The requesters of one device and everything their packets provoke, as one pass (see
+// Device::pass_running): the device's mutex is taken once and, while the other devices' mutexes
+// can be had at once, kept until the replies are in. A round also fires due timers and frees
+// retired records; a posting thread's pass leaves both to the engine and says in `left` whether
+// the engine must run, which it must also when another pass is under way (the posted QP is then
+// left on the active list for it). Returns the work done.
 size_t run_device(Device &d, Qp *posted, uint64_t now, Scratch &s, Pass pass, bool *timers_pending,
                   bool *left) {
     size_t work = 0;
     Outbox &out = s.out;
     out.clear();
     s.ran.clear();
-    PendingEvents events;
-    bool unreliable = false;
-    {
-        std::lock_guard lk(d.mu);
-        if (!d.open || d.failed) return 0;
-        if (posted && !posted->destroyed) activate(d, *posted);
-        if (pass == Pass::Round) {
-            // Records of QPs destroyed before this round: no packet points into them any more,
-            // and once the doorbell list has let go of them they serve new QPs.
-            take_doorbells(d);
-            for (auto &r : d.retired) d.spare_qps.push_back(std::move(r));
-            d.retired.clear();
-            work += run_timers(d, now, events);
+    PendingEvents &events = s.own_events;
+    std::unique_lock lk(d.mu);
+    if (!d.open || d.failed) return 0;
+    if (d.pass_running) {
+        if (pass == Pass::Posted) {
+            if (posted && !posted->destroyed) activate(d, *posted);
+            *left = true;
+            return 0;
         }
-        work += run_requesters(d, now, out, events, &s.ran);
-        for (uint32_t i = 0; i < out.count; ++i) out.entries[i].from = &d;
-        if (timers_pending && !*timers_pending) *timers_pending = next_timer(d) != 0;
-        // Only requesters add to this list, and they run under the token we hold.
-        unreliable = !d.sent_unreliable.empty();
-        if (out.count == 0 && left) *left = work_left(d, s.ran);
+        // The engine's round waits for a posting thread's pass to end.
+        while (d.pass_running) {
+            lk.unlock();
+            std::this_thread::yield();
+            lk.lock();
+        }
+        if (!d.open || d.failed) return 0;
     }
-    events.deliver(d);
-    if (out.count == 0) return work;
-    // The wire, with no device lock held: requests to their responders, the replies back.
-    s.replies.clear();
-    transmit_all(out.entries.data(), out.count, now, s.replies);
-    // Completers do not reply: the requests' outbox, done with, takes whatever might. When the
-    // replies end at this device, what the pass left is read in that hold of its mutex.
-    out.clear();
-    LeftProbe probe{&s.ran};
-    const AfterRun after{&d, read_left, &probe};
-    transmit_all(s.replies.entries.data(), s.replies.count, now, out, left && !unreliable ? &after : nullptr);
-    if (unreliable || (left && !probe.seen)) {
-        std::lock_guard lk(d.mu);
-        if (unreliable) work += finish_sent(d, events);
+    if (posted && !posted->destroyed) activate(d, *posted);
+    if (pass == Pass::Round) {
+        // Records of QPs destroyed before this round: no packet points into them any more,
+        // and once the doorbell list has let go of them they serve new QPs.
+        take_doorbells(d);
+        for (auto &r : d.retired) d.spare_qps.push_back(std::move(r));
+        d.retired.clear();
+        work += run_timers(d, now, events);
+    }
+    work += run_requesters(d, now, out, events, &s.ran);
+    for (uint32_t i = 0; i < out.count; ++i) out.entries[i].from = &d;
+    if (timers_pending && !*timers_pending) *timers_pending = next_timer(d) != 0;
+    if (out.count > 0) {
+        d.pass_running = true;
+        // The wire: requests to their responders, the replies back to the completers here.
+        HeldDevice held{&d, &lk, &events, nullptr, &s.other_events};
+        s.replies.clear();
+        transmit_all(out.entries.data(), out.count, now, s.replies, &held);
+        // Completers do not reply: the requests' outbox, done with, takes whatever might.
+        out.clear();
+        transmit_all(s.replies.entries.data(), s.replies.count, now, out, &held);
+        if (!lk.owns_lock()) lk.lock();
+        d.pass_running = false;
+        // UD and UC requests whose packets have all gone complete now.
+        if (!d.sent_unreliable.empty()) work += finish_sent(d, events);
         if (left) *left = work_left(d, s.ran);
-    } else if (left) {
-        *left = probe.left;
+        lk.unlock();
+        held.deliver();
+        s.other_events.clear();
+    } else {
+        if (left) *left = work_left(d, s.ran);
+        lk.unlock();
     }
     events.deliver(d);
+    events.clear();
     return work;
 }
 
@@ -113,7 +120,6 @@ size_t run_round(uint64_t now, bool *timers_pending) {
     for (size_t di = 0, dn = device_count(); di < dn; ++di) {
         Device *d = device_at(di);
         if (!d) continue;
-        std::lock_guard token(d->run_mu);
         new_pass();
         work += run_device(*d, nullptr, now, s, Pass::Round, timers_pending ? &timers : nullptr, nullptr);
     }
@@ -129,8 +135,7 @@ size_t run_round(uint64_t now, bool *timers_pending) {
 PostedRun run_posted(Device &dev, Qp *qp, uint64_t now) {
     // Packets held on a delayed link, or links that lose or delay packets, are the engine's: a
     // pass here could overtake them.
-    std::unique_lock token(dev.run_mu, std::defer_lock);
-    if (wire_busy() || !token.try_lock()) {
+    if (wire_busy()) {
         if (qp) ring_doorbell(dev, *qp);
         return PostedRun::Engine;
     }

@@ -29,13 +29,15 @@ Fabric &fab() {
     return f;
 }
 
+// (device index + 1) << 8 | port for every LID; 0 for a LID nobody has. Read by the data path for
+// every packet, without a lock; a plain global, so that reading it checks no static's guard.
+constinit std::array<std::atomic<uint32_t>, 0x10000> route{};
+
 // LID -> (device, port) of active ports. Sweeps and halt write it under its leaf lock; the data
 // path reads `route`, which mirrors `map`, without any lock.
 struct LidTable {
     std::mutex mu;
     std::map<IB_lid_t, std::pair<Device *, IB_port_t>> map;
-    // (device index + 1) << 8 | port for every LID; 0 for a LID nobody has.
-    std::array<std::atomic<uint32_t>, 0x10000> route{};
 
     // Replaces the table; called with `mu` held.
     void assign(std::map<IB_lid_t, std::pair<Device *, IB_port_t>> &&table) {
@@ -250,7 +252,7 @@ bool set_port_disabled(const std::string &device, int port, bool disabled) {
 }
 
 Device *device_by_lid(IB_lid_t lid, IB_port_t *port_out) {
-    const uint32_t where = lids().route[lid].load(std::memory_order_acquire);
+    const uint32_t where = route[lid].load(std::memory_order_acquire);
     if (where == 0) return nullptr;
     if (port_out) *port_out = IB_port_t(where & 0xff);
     return device_at((where >> 8) - 1);

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <deque>
 #include <map>
+#include <memory>
+#include <optional>
 #include <mutex>
 
 #include "device/limits.hpp"
@@ -17,18 +19,39 @@ struct LinkState {
     uint64_t dropped = 0;
 };
 
+// A packet waiting on a delayed link, with its own copy of the payload: the sender's memory may
+// change or go away before it arrives. Records move inside the queue, so the packet's view is
+// pointed at the copy (bind()) only once the record has been taken out to be delivered.
 struct Delayed {
-    uint64_t due;
+    uint64_t due = 0;
     Packet pkt;
+    std::unique_ptr<uint8_t[]> bytes;
+    ByteSpan span;
+    Delayed(uint64_t when, const Packet &p) : due(when), pkt(p) {
+        if (p.payload_len) {
+            bytes = std::make_unique<uint8_t[]>(p.payload_len);
+            p.read_payload(0, bytes.get(), p.payload_len);
+        }
+        span = {bytes.get(), p.payload_len};
+        pkt.payload_offset = 0;
+        pkt.spans = nullptr;
+        pkt.span_count = 0;
+    }
+    void bind() {
+        pkt.spans = pkt.payload_len ? &span : nullptr;
+        pkt.span_count = pkt.payload_len ? 1 : 0;
+    }
 };
 
 struct Wire {
     std::mutex mu;  // a leaf lock: taken with no device lock, or under one for nothing else
     std::map<std::pair<int, int>, LinkState> links;  // (device index, port)
-    std::atomic<bool> any_fault{false};              // fast path: no lock when no link is faulty
     std::deque<Delayed> delayed;                     // in order of arrival (equal delays keep order)
-    std::atomic<size_t> delayed_count{0};
 };
+
+// Read for every packet with no lock: plain globals, so that reading them checks no static's guard.
+constinit std::atomic<bool> any_fault{false};    // fast path: no lock when no link is faulty
+constinit std::atomic<size_t> delayed_count{0};  // packets waiting on a delayed link
 
 Wire &wire() {
     static Wire w;
@@ -39,8 +62,8 @@ enum class Fate { Pass, Drop, Delay };
 
 // What the link of (dev, port) does to the next packet; `delay` is added to its travel time.
 Fate link_fate(int dev_index, int port, uint64_t &delay_ns) {
+    if (!any_fault.load(std::memory_order_acquire)) return Fate::Pass;
     Wire &w = wire();
-    if (!w.any_fault.load(std::memory_order_acquire)) return Fate::Pass;
     std::lock_guard lk(w.mu);
     auto it = w.links.find({dev_index, port});
     if (it == w.links.end()) return Fate::Pass;
@@ -65,11 +88,10 @@ void arrive(const Packet &p, uint64_t now, Outbox &replies, bool delayed_already
 
 void hold(const Packet &p, uint64_t due) {
     Wire &w = wire();
-    Delayed d{due, p};
-    d.pkt.own_payload();
+    Delayed d(due, p);
     std::lock_guard lk(w.mu);
     w.delayed.push_back(std::move(d));
-    w.delayed_count.fetch_add(1);
+    delayed_count.fetch_add(1);
 }
 
 void send_packet(Device *from, IB_port_t port, const Packet &p, uint64_t now, Outbox &replies) {
@@ -144,37 +166,73 @@ namespace {
 // is lost) or a LID nobody has.
 bool direct_route(const Outbox::Entry &e, Device *&dest, IB_port_t &port) {
     if (e.pkt.dlid >= limits::kFirstMulticastLid && e.pkt.dlid != 0xffff) return false;
-    if (wire().any_fault.load(std::memory_order_acquire)) return false;
+    if (any_fault.load(std::memory_order_acquire)) return false;
     IB_port_t lid_port = 0;
     if (!e.from || device_by_lid(e.pkt.slid, &lid_port) != e.from || lid_port != e.port) return false;
     dest = device_by_lid(e.pkt.dlid, &port);
     return dest != nullptr;
 }
 
-// Hands `n` entries bound for the same port to the receiving device under one hold of its lock.
-void deliver_run(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n, uint64_t now,
-                 Outbox &replies, const AfterRun *after) {
+// The events of a delivery to `dest` made under `held`'s hold (its own device's, or `dest`'s mutex
+// taken at once), or null when the hold has to go first.
+PendingEvents *events_under_hold(HeldDevice &held, Device &dest) {
+    if (!held.holds()) return nullptr;
+    if (&dest == held.dev) return held.own;
+    if ((held.other == nullptr || held.other == &dest) && dest.mu.try_lock()) {
+        held.other = &dest;
+        return held.others;
+    }
+    held.release();
+    return nullptr;
+}
+
+// The responders and completers of `dest` for `n` entries arriving on `port`; the caller holds
+// `dest`'s mutex.
+void deliver_entries(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n, uint64_t now,
+                     Outbox &replies, PendingEvents &events) {
+    if (!dest.open || dest.failed) return;
+    for (uint32_t k = 0; k < n; ++k) {
+        const Outbox::Entry &e = entries[k];
+        if (op::is_response(e.pkt.opcode)) {
+            if (e.train == Outbox::Train::None || e.segments == 1)
+                complete(dest, port, e.pkt, now, events);
+            else
+                for (uint32_t i = 0; i < e.segments; ++i)
+                    complete(dest, port, train_segment(e, i), now, events);
+        } else if (e.train == Outbox::Train::None) {
+            respond(dest, port, e.pkt, replies, events);
+        } else {
+            respond_train(dest, port, e, replies, events);
+        }
+    }
+}
+
+// The same with no hold: under `dest`'s mutex taken here, the events raised once it is let go.
+[[gnu::noinline]] void deliver_unheld(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n,
+                                      uint64_t now, Outbox &replies) {
     PendingEvents events;
     {
         std::lock_guard lk(dest.mu);
-        if (!dest.open || dest.failed) return;
-        for (uint32_t k = 0; k < n; ++k) {
-            const Outbox::Entry &e = entries[k];
-            if (op::is_response(e.pkt.opcode)) {
-                if (e.train == Outbox::Train::None)
-                    complete(dest, port, e.pkt, now, events);
-                else
-                    for (uint32_t i = 0; i < e.segments; ++i)
-                        complete(dest, port, train_segment(e, i), now, events);
-            } else if (e.train == Outbox::Train::None) {
-                respond(dest, port, e.pkt, replies, events);
-            } else {
-                respond_train(dest, port, e, replies, events);
-            }
-        }
-        if (after && after->dev == &dest) after->fn(dest, after->ctx);
+        deliver_entries(dest, port, entries, n, now, replies, events);
     }
     events.deliver(dest);
+}
+
+// Hands `n` entries bound for the same port to the receiving device under one hold of its lock.
+void deliver_run(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n, uint64_t now,
+                 Outbox &replies, HeldDevice *held) {
+    PendingEvents *under_hold = held ? events_under_hold(*held, dest) : nullptr;
+    if (!under_hold) {
+        deliver_unheld(dest, port, entries, n, now, replies);
+        return;
+    }
+    if (&dest == held->dev) {
+        deliver_entries(dest, port, entries, n, now, replies, *under_hold);
+        return;
+    }
+    // Another device's mutex, taken at once by events_under_hold().
+    std::lock_guard lk(dest.mu, std::adopt_lock);
+    deliver_entries(dest, port, entries, n, now, replies, *under_hold);
 }
 
 }  // namespace
@@ -183,13 +241,19 @@ void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies) {
     transmit_all(&e, 1, now, replies);
 }
 
-void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox &replies,
-                  const AfterRun *after) {
+void HeldDevice::deliver() {
+    if (own) own->deliver(*dev);
+    if (other && others) others->deliver(*other);
+}
+
+void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox &replies, HeldDevice *held) {
     for (uint32_t i = 0; i < n;) {
         const Outbox::Entry &e = entries[i];
         Device *dest = nullptr;
         IB_port_t port = 0;
         if (!direct_route(e, dest, port)) {
+            // The slow road takes device mutexes without asking first: no hold may be kept on it.
+            if (held) held->release();
             // Packet by packet, each through the links' loss and delay (a sender whose port is
             // down, or a LID nobody has, loses them here).
             for (uint32_t k = 0; k < e.segments; ++k)
@@ -206,41 +270,40 @@ void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox
                 next.pkt.dlid != e.pkt.dlid)
                 break;
         }
-        deliver_run(*dest, port, entries + i, j - i, now, replies, after);
+        deliver_run(*dest, port, entries + i, j - i, now, replies, held);
         i = j;
     }
 }
 
 size_t deliver_delayed(uint64_t now, Outbox &replies) {
+    if (delayed_count.load() == 0) return 0;
     Wire &w = wire();
-    if (w.delayed_count.load() == 0) return 0;
     size_t n = 0;
     for (;;) {
-        Packet p;
+        std::optional<Delayed> d;
         {
             std::lock_guard lk(w.mu);
             auto it = w.delayed.begin();
             while (it != w.delayed.end() && it->due > now) ++it;
             if (it == w.delayed.end()) break;
-            p = std::move(it->pkt);
+            d.emplace(std::move(*it));
             w.delayed.erase(it);
-            w.delayed_count.fetch_sub(1);
+            delayed_count.fetch_sub(1);
         }
-        arrive(p, now, replies, true);
+        d->bind();
+        arrive(d->pkt, now, replies, true);
         ++n;
     }
     return n;
 }
 
 bool wire_busy() {
-    Wire &w = wire();
-    return w.any_fault.load(std::memory_order_acquire) ||
-           w.delayed_count.load(std::memory_order_acquire) != 0;
+    return any_fault.load(std::memory_order_acquire) || delayed_count.load(std::memory_order_acquire) != 0;
 }
 
 uint64_t next_delayed() {
+    if (delayed_count.load() == 0) return 0;
     Wire &w = wire();
-    if (w.delayed_count.load() == 0) return 0;
     std::lock_guard lk(w.mu);
     uint64_t t = 0;
     for (const Delayed &d : w.delayed)
@@ -253,8 +316,8 @@ void wire_reset() {
     std::lock_guard lk(w.mu);
     w.links.clear();
     w.delayed.clear();
-    w.delayed_count = 0;
-    w.any_fault = false;
+    delayed_count = 0;
+    any_fault = false;
 }
 
 bool set_link_faults(const std::string &device, int port, const LinkFaults &faults) {
@@ -265,7 +328,7 @@ bool set_link_faults(const std::string &device, int port, const LinkFaults &faul
     w.links[{d->index, port}].faults = faults;
     bool any = false;
     for (auto &[k, l] : w.links) any = any || l.faults.drop_next || l.faults.drop_all || l.faults.delay_ms;
-    w.any_fault = any;
+    any_fault = any;
     return true;
 }
 

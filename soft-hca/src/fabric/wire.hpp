@@ -3,25 +3,41 @@
 // the receiving device's responder or completer under that device's lock; nothing else is held.
 #pragma once
 
+#include <mutex>
+
 #include "datapath/datapath.hpp"
+#include "device/adaptive_mutex.hpp"
 
 namespace marlix::softhca {
 
 // Sends one Outbox entry (cut into packets when it is a train). Replies the responders produce
 // go to `replies`.
 void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies);
-// Something to do under a receiving device's mutex once a run of entries has been handed to it:
-// `fn(*dev, ctx)` runs after each run delivered to `dev`, so a caller can read what the packets
-// changed there without taking the mutex again.
-struct AfterRun {
+// A pass's hold of its own device's mutex, kept while the wire carries the pass's packets out and
+// the replies back, so that the replies and the end of the pass need no second lock. Delivery to
+// another device takes that device's mutex only when it is free at once (try_lock): no thread
+// waits for a device mutex while it holds another, so passes going opposite ways cannot deadlock.
+// When it is not free, when the events of a second other device would have to wait, or when a
+// packet takes the slow road (a faulty link, multicast), the hold is let go first and the rest
+// goes as without one. Events raised meanwhile wait here until the holder has let go.
+struct HeldDevice {
     Device *dev = nullptr;
-    void (*fn)(Device &, void *) = nullptr;
-    void *ctx = nullptr;
+    std::unique_lock<AdaptiveMutex> *lock = nullptr;
+    PendingEvents *own = nullptr;  // events raised at `dev`
+    Device *other = nullptr;       // the other device whose events wait in `others`
+    PendingEvents *others = nullptr;
+
+    bool holds() const { return lock && lock->owns_lock(); }
+    void release() {
+        if (holds()) lock->unlock();
+    }
+    // Raises what waits (the holder has let go).
+    void deliver();
 };
 // Sends `n` entries in order. While the links are healthy, consecutive entries between the same
 // two ports reach the receiving device under one hold of its lock (a train whole).
 void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox &replies,
-                  const AfterRun *after = nullptr);
+                  HeldDevice *held = nullptr);
 // Delivers the delayed packets that are due. Returns how many.
 size_t deliver_delayed(uint64_t now, Outbox &replies);
 // True when a link loses or delays packets or a delayed packet waits: then only the engine

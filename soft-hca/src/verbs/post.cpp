@@ -122,8 +122,7 @@ void write_recv(Qp &qp, const VAPI_rr_desc_t &d) {
     RecvEntry &w = qp.rq.next_free();
     w.desc = d;
     w.desc.sg_lst_p = nullptr;
-    w.sg_count = d.sg_lst_len;
-    std::copy_n(d.sg_lst_p, d.sg_lst_len, w.sg);
+    w.set_gather(d.sg_lst_p, d.sg_lst_len);
     qp.rq.push();
 }
 

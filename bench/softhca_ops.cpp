@@ -1,0 +1,90 @@
+// A fixed number of device operations, for counting the instructions they cost (the count does
+// not drift with the machine's speed as timings do on a shared virtual machine). Run it under
+// callgrind with scripts/instructions.sh, which divides the instructions counted between the
+// markers below by the number of operations.
+//
+//   softhca_ops write SIZE N   N signalled RDMA writes of SIZE bytes, each waited for
+//   softhca_ops pingpong N     N round trips of 8-byte RC sends driven by one thread
+//   softhca_ops rate N         N signalled 8-byte sends, each received and its receive posted again
+//
+// Both devices run on the threaded engine, as in softhca_bench; each post carries its message
+// through on the posting thread, so the counted instructions are the whole cost of an operation.
+#include "rc_fabric.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#else
+// Without valgrind's header the program runs unmarked (and scripts/instructions.sh says so).
+#define CALLGRIND_ZERO_STATS
+#define CALLGRIND_START_INSTRUMENTATION
+#define CALLGRIND_STOP_INSTRUMENTATION
+#define CALLGRIND_DUMP_STATS_AT(what)
+#endif
+
+namespace {
+
+namespace mb = marlix::bench;
+
+int usage() {
+    std::fprintf(stderr, "usage: softhca_ops write SIZE N | pingpong N | rate N\n");
+    return 2;
+}
+
+// Runs `op` a hundred times to warm up, then `n` times between the instruction count's markers.
+void measure(int n, const std::function<void(uint64_t)> &op) {
+    for (int i = 0; i < 100; ++i) op(uint64_t(i));
+    CALLGRIND_ZERO_STATS;
+    CALLGRIND_START_INSTRUMENTATION;
+    for (int i = 0; i < n; ++i) op(uint64_t(100 + i));
+    CALLGRIND_STOP_INSTRUMENTATION;
+    CALLGRIND_DUMP_STATS_AT("operations");
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    if (argc < 3) return usage();
+    const std::string what = argv[1];
+    if (what == "write" && argc == 4) {
+        const uint32_t size = uint32_t(std::strtoul(argv[2], nullptr, 0));
+        mb::RcFabric f(size, 64);
+        measure(std::atoi(argv[3]), [&](uint64_t id) {
+            f.end[0].send(id, 0, size, true, VAPI_RDMA_WRITE, f.remote(1), f.rkey[1]);
+            f.end[0].wait();
+        });
+        return 0;
+    }
+    if (what == "pingpong" && argc == 3) {
+        mb::RcFabric f(4096, 64);
+        for (uint32_t i = 0; i < 32; ++i) {
+            f.end[0].recv(i, 0, 8);
+            f.end[1].recv(i, 0, 8);
+        }
+        measure(std::atoi(argv[2]), [&](uint64_t id) {
+            f.end[0].send(id, 2048, 8, false);
+            f.end[1].wait();
+            f.end[1].send(id, 2048, 8, false);
+            f.end[0].wait();
+            f.end[1].recv(id, 0, 8);
+            f.end[0].recv(id, 0, 8);
+        });
+        return 0;
+    }
+    if (what == "rate" && argc == 3) {
+        mb::RcFabric f(4096, 64);
+        for (uint32_t i = 0; i < 32; ++i) f.end[1].recv(i, 0, 8);
+        measure(std::atoi(argv[2]), [&](uint64_t id) {
+            f.end[0].send(id, 0, 8, true);
+            f.end[0].wait();
+            f.end[1].wait();
+            f.end[1].recv(id, 0, 8);
+        });
+        return 0;
+    }
+    return usage();
+}
