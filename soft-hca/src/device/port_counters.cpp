@@ -14,7 +14,8 @@ std::atomic<uint64_t> next_incarnation{1};
 std::atomic<uint64_t> next_thread{1};
 
 // The thread's blocks, one entry per counter set, at the set's slot. Sets take slots in turn as
-// they are made, so the ports of the devices booted together (a few of them) never share one;
+// they are made, so the ports of the devices booted together share none while there are no
+// more of them than slots;
 // an entry that another set pushed out is found again under the set's mutex. Plain words,
 // constant-initialised: reading them tests no guard.
 struct CacheEntry {

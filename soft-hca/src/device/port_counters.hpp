@@ -69,7 +69,9 @@ class PortDataCounters {
     // Blocks registered in this incarnation (for tests).
     size_t blocks() const;
 
-    // Entries of a thread's cache of blocks: more than the ports of the devices booted together.
+    // Entries of a thread's cache of blocks: four times the ports of the default system. With
+    // more ports than that alive, sets sharing a slot push each other out (and find their block
+    // again under their mutex).
     static constexpr uint32_t kCacheSlots = 16;
 
   private:
