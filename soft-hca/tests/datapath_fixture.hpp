@@ -349,16 +349,26 @@ class DataPathTest : public SoftHcaTest {
 
     VAPI_qp_state_t state(const Qp &q) { return query(q).qp_state; }
 
-    // PortXmitData, PortRcvData, PortXmitPkts, PortRcvPkts of port 1 (PerfMgt PortCounters).
-    static std::array<uint32_t, 4> port_counters(const Side &s) {
-        uint8_t in[256] = {}, out[256] = {};
+    // A PerfMgt PortCounters MAD of `method` (0x01 Get, 0x02 Set, with the CounterSelect
+    // `select`) processed on port 1; returns the response.
+    static std::array<uint8_t, 256> port_counters_mad(const Side &s, uint8_t method, uint16_t select = 0) {
+        uint8_t in[256] = {};
+        std::array<uint8_t, 256> out{};
         in[0] = 1;       // base version
         in[1] = 0x04;    // PerfMgt
         in[2] = 1;       // class version
-        in[3] = 0x01;    // Get
+        in[3] = method;  // Get or Set
         in[17] = 0x12;   // PortCounters
         in[64 + 1] = 1;  // port 1
-        EXPECT_EQ(EVAPI_process_local_mad(s.hca, 1, 0, EVAPI_MAD_IGNORE_MKEY, in, out), VAPI_OK);
+        in[64 + 2] = uint8_t(select >> 8);
+        in[64 + 3] = uint8_t(select);
+        EXPECT_EQ(EVAPI_process_local_mad(s.hca, 1, 0, EVAPI_MAD_IGNORE_MKEY, in, out.data()), VAPI_OK);
+        return out;
+    }
+
+    // PortXmitData, PortRcvData, PortXmitPkts, PortRcvPkts of port 1 (PerfMgt PortCounters).
+    static std::array<uint32_t, 4> port_counters(const Side &s) {
+        const std::array<uint8_t, 256> out = port_counters_mad(s, 0x01);
         auto be32 = [&](int off) {
             return uint32_t(out[off]) << 24 | uint32_t(out[off + 1]) << 16 | uint32_t(out[off + 2]) << 8 |
                    out[off + 3];

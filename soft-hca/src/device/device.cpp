@@ -74,18 +74,11 @@ void Port::gid(unsigned index, IB_gid_t out) const {
     for (int i = 0; i < 8; ++i) out[8 + i] = uint8_t(guid >> (56 - 8 * i));
 }
 
-static void add_saturating(uint32_t &counter, uint64_t n) {
-    counter = (uint64_t(counter) + n > 0xFFFFFFFFull) ? 0xFFFFFFFFu : uint32_t(counter + n);
-}
-
-void Port::count_xmit(uint64_t bytes, uint32_t packets) {
-    add_saturating(xmit_data, (bytes + 3) / 4 * packets);
-    add_saturating(xmit_pkts, packets);
-}
-
-void Port::count_rcv(uint64_t bytes, uint32_t packets) {
-    add_saturating(rcv_data, (bytes + 3) / 4 * packets);
-    add_saturating(rcv_pkts, packets);
+void Port::reset_counters() {
+    data_counters.reset();
+    link_downed = 0;
+    symbol_errors = rcv_errors = xmit_discards = 0;
+    bad_pkey_counter = qkey_viol_counter = 0;
 }
 
 // ---- Device ----------------------------------------------------------------------------------------
@@ -140,7 +133,7 @@ Device::Device(int idx, int nports)
     cap.max_srq_sentries = 0;
     cap.srq_resize_supported = FALSE;
 
-    ports.resize(size_t(nports));
+    ports = std::vector<Port>(size_t(nports));  // ports are not movable: their counters stay put
     for (int i = 0; i < nports; ++i) {
         Port &p = ports[size_t(i)];
         p.num = IB_port_t(i + 1);

@@ -8,7 +8,8 @@
 //                       (every fixed size and bound), memory (keys and translation), cq.hpp (the
 //                       completion ring and its events), qp.hpp (the QP record), the pure QP state
 //                       machine, event_gate.hpp (quiescing events on destroy), path migration,
-//                       fault injection and call counting
+//                       fault injection and call counting, port_counters.hpp (a port's data
+//                       counters in per-thread blocks)
 //   verbs/              the thin extern "C" VAPI/EVAPI entry points, one file per subject
 //   datapath/           work queues, packets, and the requester, responder and completer
 //   engine/             what runs the data path: a threaded engine and a stepped one
@@ -53,6 +54,17 @@
 // the host memory it covers. Virtual regions address the process's memory directly; physical
 // regions and FMR maps address physical memory, which the emulated kernel maps at __va(phys).
 //
+// Port counters
+// -------------
+// Every packet is counted on the port it leaves and on the port it reaches, by whichever thread
+// carries it, so the data counters (words and packets, each way) are never one set of words that
+// every thread writes: each thread that counts on a port has a block of its own, one cache line
+// apart from the port's state, which only it writes (a relaxed load and store, no lock), and a
+// PortCounters Get adds the blocks up (port_counters.hpp). Anything else the data path counts on
+// every packet must follow the same rule. The rare counters (bad P_Key, Q_Key violations, link
+// downed) are plain fields under the device mutex. Opening the device starts every counter of
+// its ports from zero.
+//
 // Locking
 // -------
 // Locks are taken in this order and never the other way round:
@@ -86,12 +98,14 @@
 //   8. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
 //      the LID table's writers, the fault table and the counts of calls tied to no device, the
 //      registry's device list and event dispatcher, the threaded engine's sleep mutex, the pool
-//      of CQ rings (creating, resizing and destroying a CQ).
+//      of CQ rings (creating, resizing and destroying a CQ), a port's data counters' mutex (a
+//      thread's first count on the port, PortCounters Get and Set, the reset at open).
 // Read without any lock: the device table (devices live from boot() to halt()), Device::open, the
 // LID routing table, the CQ table of the empty-poll answer, the QP table of posters (its records
 // live until the device closes; a poster checks under the queue lock that the record is still
 // the QP it named), the doorbell list, whether faults or call counting are armed (one relaxed
-// load per verb) and whether the wire is busy.
+// load per verb), whether the wire is busy, and a port's data counters' incarnation and the
+// counting thread's own block.
 // Never call a user callback (completion or async handler) with a device mutex held: collect the
 // events in a PendingEvents and deliver them after unlocking.
 // Destroy and close wait for the handlers still running with the object's handle (event_gate.hpp):
@@ -104,6 +118,7 @@
 #include "device/adaptive_mutex.hpp"
 #include "device/event_gate.hpp"
 #include "device/limits.hpp"
+#include "device/port_counters.hpp"
 #include "device/verbs.hpp"
 
 #include <algorithm>
@@ -168,18 +183,27 @@ struct Port {
     uint32_t qkey_viol_counter = 0;
     std::vector<VAPI_pkey_t> pkeys;  // 64 entries, 0xFFFF at index 0
     uint64_t gid_prefix = 0xfe80000000000000ull;
-    // Port counters (PerfMgt PortCounters).
-    uint32_t xmit_data = 0, rcv_data = 0, xmit_pkts = 0, rcv_pkts = 0;  // data counters in 4-byte words
+    // The rare counters of PortCounters, under the device mutex.
     uint8_t link_downed = 0;
     uint16_t symbol_errors = 0, rcv_errors = 0, xmit_discards = 0;
 
     bool active() const { return state == PORT_ACTIVE; }
     // GID table entry i: the subnet prefix and the port GUID at index 0, others zero.
     void gid(unsigned index, IB_gid_t out) const;
-    // Counts `packets` packets of `bytes` each in the port counters (saturating, as the hardware
-    // does).
-    void count_xmit(uint64_t bytes, uint32_t packets = 1);
-    void count_rcv(uint64_t bytes, uint32_t packets = 1);
+    // Counts `packets` packets of `bytes` each in the data counters (PortXmitData and
+    // PortXmitPkts, PortRcvData and PortRcvPkts): in the calling thread's own block, with no lock.
+    void count_xmit(uint64_t bytes, uint32_t packets = 1) {
+        data_counters.add(PortDataCounters::kXmitData, PortDataCounters::kXmitPkts, bytes, packets);
+    }
+    void count_rcv(uint64_t bytes, uint32_t packets = 1) {
+        data_counters.add(PortDataCounters::kRcvData, PortDataCounters::kRcvPkts, bytes, packets);
+    }
+    // Every counter of the port back to zero (the device is opened).
+    void reset_counters();
+
+    // The data counters, counted on every packet by whichever thread carries it: in per-thread
+    // blocks, each a cache line of its own, apart from the port's state (port_counters.hpp).
+    alignas(limits::kCacheLine) PortDataCounters data_counters;
 };
 
 struct Pd : Object {

@@ -149,10 +149,9 @@ uint16_t perf(Port &port, uint8_t method, uint16_t attr, uint8_t *d) {
         if (sel & 0x0004) port.link_downed = 0;
         if (sel & 0x0008) port.rcv_errors = 0;
         if (sel & 0x0040) port.xmit_discards = 0;
-        if (sel & 0x1000) port.xmit_data = 0;
-        if (sel & 0x2000) port.rcv_data = 0;
-        if (sel & 0x4000) port.xmit_pkts = 0;
-        if (sel & 0x8000) port.rcv_pkts = 0;
+        // The data counters' select bits (0x1000 PortXmitData to 0x8000 PortRcvPkts) are in the
+        // order of PortDataCounters::Counter. They are cleared while other threads count.
+        port.data_counters.clear((sel >> 12) & 0xF);
     }
     uint8_t select = d[1];
     std::memset(d, 0, 192);
@@ -161,10 +160,11 @@ uint16_t perf(Port &port, uint8_t method, uint16_t attr, uint8_t *d) {
     d[7] = port.link_downed;
     put16(d + 8, port.rcv_errors);
     put16(d + 14, port.xmit_discards);
-    put32(d + 24, port.xmit_data);
-    put32(d + 28, port.rcv_data);
-    put32(d + 32, port.xmit_pkts);
-    put32(d + 36, port.rcv_pkts);
+    const auto data = port.data_counters.read();
+    put32(d + 24, data[PortDataCounters::kXmitData]);
+    put32(d + 28, data[PortDataCounters::kRcvData]);
+    put32(d + 32, data[PortDataCounters::kXmitPkts]);
+    put32(d + 36, data[PortDataCounters::kRcvPkts]);
     return 0;
 }
 

@@ -1,0 +1,113 @@
+// A port's data counters in per-thread blocks (see port_counters.hpp).
+#include "device/port_counters.hpp"
+
+#include <algorithm>
+
+namespace marlix::softhca {
+
+namespace {
+
+// Incarnations of every counter set of the process, never reused.
+std::atomic<uint64_t> next_incarnation{1};
+// Threads get a number the first time they count; numbers are never reused either, so a new
+// thread never adopts the block of one that exited.
+std::atomic<uint64_t> next_thread{1};
+
+// The thread's blocks, one entry per counter set, at the set's slot. Sets take slots in turn as
+// they are made, so the ports of the devices booted together share none while there are no
+// more of them than slots;
+// an entry that another set pushed out is found again under the set's mutex. Plain words,
+// constant-initialised: reading them tests no guard.
+struct CacheEntry {
+    uintptr_t counters;  // the set's address; compared only, never followed
+    uint64_t incarnation;
+    void *block;
+};
+thread_local CacheEntry t_cache[PortDataCounters::kCacheSlots];
+thread_local uint64_t t_thread = 0;
+std::atomic<uint32_t> next_slot{0};
+
+// The owner's add: nobody else writes the word, so a relaxed load and store are the whole of it.
+void bump(std::atomic<uint64_t> &word, uint64_t n) {
+    word.store(word.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+}
+
+}  // namespace
+
+PortDataCounters::PortDataCounters()
+    : incarnation_(next_incarnation.fetch_add(1, std::memory_order_relaxed)),
+      slot_(next_slot.fetch_add(1, std::memory_order_relaxed) % kCacheSlots) {}
+
+PortDataCounters::~PortDataCounters() = default;
+
+PortDataCounters::Block &PortDataCounters::block() {
+    const uint64_t incarnation = incarnation_.load(std::memory_order_relaxed);
+    const CacheEntry &e = t_cache[slot_];
+    if (e.counters == reinterpret_cast<uintptr_t>(this) && e.incarnation == incarnation) [[likely]]
+        return *static_cast<Block *>(e.block);
+    return attach(incarnation);
+}
+
+// The slow path: once per thread per port and incarnation, or after the cache lost the entry.
+PortDataCounters::Block &PortDataCounters::attach(uint64_t incarnation) {
+    if (t_thread == 0) t_thread = next_thread.fetch_add(1, std::memory_order_relaxed);
+    Block *mine = nullptr;
+    {
+        std::lock_guard lk(mu_);
+        // A reset between the caller's load and here: register in the new incarnation.
+        incarnation = incarnation_.load(std::memory_order_relaxed);
+        for (const std::unique_ptr<Block> &b : blocks_)
+            if (b->owner == t_thread) mine = b.get();
+        if (!mine) {
+            blocks_.push_back(std::make_unique<Block>());
+            mine = blocks_.back().get();
+            mine->owner = t_thread;
+        }
+    }
+    t_cache[slot_] = {reinterpret_cast<uintptr_t>(this), incarnation, mine};
+    return *mine;
+}
+
+void PortDataCounters::add(Counter data, Counter pkts, uint64_t bytes, uint64_t packets) {
+    Block &b = block();
+    bump(b.sum[data], (bytes + 3) / 4 * packets);
+    bump(b.sum[pkts], packets);
+}
+
+uint64_t PortDataCounters::sum(Counter c) const {
+    uint64_t s = 0;
+    for (const std::unique_ptr<Block> &b : blocks_) s += b->sum[c].load(std::memory_order_relaxed);
+    return s;
+}
+
+std::array<uint32_t, PortDataCounters::kCounters> PortDataCounters::read() const {
+    std::array<uint32_t, kCounters> out{};
+    std::lock_guard lk(mu_);
+    for (unsigned c = 0; c < kCounters; ++c) {
+        // The sums only grow within an incarnation, and base_ is an earlier sum of the same blocks.
+        const uint64_t s = sum(Counter(c)), since = s >= base_[c] ? s - base_[c] : 0;
+        out[c] = uint32_t(std::min<uint64_t>(since, 0xFFFFFFFFull));
+    }
+    return out;
+}
+
+void PortDataCounters::clear(unsigned which) {
+    std::lock_guard lk(mu_);
+    for (unsigned c = 0; c < kCounters; ++c)
+        if (which & (1u << c)) base_[c] = sum(Counter(c));
+}
+
+void PortDataCounters::reset() {
+    std::lock_guard lk(mu_);
+    incarnation_.store(next_incarnation.fetch_add(1, std::memory_order_relaxed), std::memory_order_relaxed);
+    for (std::unique_ptr<Block> &b : blocks_) retired_.push_back(std::move(b));
+    blocks_.clear();
+    base_.fill(0);
+}
+
+size_t PortDataCounters::blocks() const {
+    std::lock_guard lk(mu_);
+    return blocks_.size();
+}
+
+}  // namespace marlix::softhca
