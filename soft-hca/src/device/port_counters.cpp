@@ -23,8 +23,10 @@ struct CacheEntry {
     uint64_t incarnation;
     void *block;
 };
-thread_local CacheEntry t_cache[PortDataCounters::kCacheSlots];
-thread_local uint64_t t_thread = 0;
+// Initial-exec: the library is loaded with the program, and a count then reads them without a
+// call into the dynamic linker.
+[[gnu::tls_model("initial-exec")]] thread_local CacheEntry t_cache[PortDataCounters::kCacheSlots];
+[[gnu::tls_model("initial-exec")]] thread_local uint64_t t_thread = 0;
 std::atomic<uint32_t> next_slot{0};
 
 // The owner's add: nobody else writes the word, so a relaxed load and store are the whole of it.
