@@ -211,6 +211,55 @@ TEST_F(PostingThread, CompletesTheRequestBeforeThePostReturns) {
     EXPECT_EQ(0, std::memcmp(dst.bytes.data(), src.bytes.data(), 6000));
 }
 
+// With no kernel to queue it, a completion handler runs at once on the thread whose pass raised
+// the event; a handler that posts there runs a pass of its own inside the first one's delivery.
+// Each event must still be raised exactly once.
+struct PostingHandler {
+    VAPI_hca_hndl_t hca = 0;
+    VAPI_cq_hndl_t cq = 0;
+    VAPI_qp_hndl_t qp = 0;
+    VAPI_sg_lst_entry_t sg{};
+    int calls = 0;
+    static void fire(VAPI_hca_hndl_t, VAPI_cq_hndl_t, void *priv) {
+        auto *h = static_cast<PostingHandler *>(priv);
+        if (++h->calls != 1) return;
+        // The first event arms the CQ again and posts the second send from inside the handler.
+        VAPI_req_comp_notif(h->hca, h->cq, VAPI_NEXT_COMP);
+        VAPI_sr_desc_t d{};
+        d.id = 2;
+        d.opcode = VAPI_SEND;
+        d.comp_type = VAPI_SIGNALED;
+        d.sg_lst_p = &h->sg;
+        d.sg_lst_len = 1;
+        VAPI_post_sr(h->hca, h->qp, &d);
+    }
+};
+
+TEST_F(PostingThread, AHandlerThatPostsFromItsEventGetsEachEventOnce) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    ASSERT_EQ(post_recv(b, 10, {dst.sg(0, 32)}), VAPI_OK);
+    ASSERT_EQ(post_recv(b, 11, {dst.sg(32, 32)}), VAPI_OK);
+    PostingHandler h;
+    h.hca = s0.hca;
+    h.cq = s0.cq;
+    h.qp = a.hndl;
+    h.sg = src.sg(0, 16);
+    EVAPI_compl_handler_hndl_t hh = 0;
+    ASSERT_EQ(EVAPI_set_comp_eventh(s0.hca, s0.cq, PostingHandler::fire, &h, &hh), VAPI_OK);
+    ASSERT_EQ(VAPI_req_comp_notif(s0.hca, s0.cq, VAPI_NEXT_COMP), VAPI_OK);
+    run();
+    ASSERT_EQ(post_send(a, 1, VAPI_SEND, {src.sg(0, 16)}), VAPI_OK);
+    run();
+    EXPECT_EQ(h.calls, 2) << "one event for each completion that followed an arming";
+    const std::vector<VAPI_wc_desc_t> sent = poll(s0);
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0].id, 1u);
+    EXPECT_EQ(sent[1].id, 2u);
+    EXPECT_EQ(poll(s1).size(), 2u);
+    EXPECT_EQ(EVAPI_clear_comp_eventh(s0.hca, hh), VAPI_OK);
+}
+
 TEST_F(PostingThread, LeavesADelayedLinkToTheEngine) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);

@@ -204,16 +204,20 @@ void push_completion(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicit
 }
 
 void PendingEvents::deliver_all(Device &dev) {
-    if (!completions.empty()) {
+    // The list is emptied before anything is raised: a handler that runs at once (no kernel to
+    // queue it) may post, and the pass that post runs may collect into this same list (a
+    // thread's pass keeps its lists from pass to pass).
+    const SmallList<CompletionEvent, 8> batch = completions;
+    const SmallList<AsyncEvent, 4> raised = async;
+    completions.clear();
+    async.clear();
+    if (!batch.empty()) {
         // One interrupt for the batch: the handlers run one after the other in it.
-        SmallList<CompletionEvent, 8> batch = completions;
         dispatch_event([batch] {
             for (size_t i = 0; i < batch.size(); ++i) batch[i].fire();
         });
     }
-    for (size_t i = 0; i < async.size(); ++i) dev.raise_async_event(async[i].record, async[i].gate);
-    completions.clear();
-    async.clear();
+    for (size_t i = 0; i < raised.size(); ++i) dev.raise_async_event(raised[i].record, raised[i].gate);
 }
 
 }  // namespace marlix::softhca
