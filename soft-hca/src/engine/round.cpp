@@ -100,14 +100,12 @@ size_t run_device(Device &d, Qp *posted, uint64_t now, Scratch &s, Pass pass, bo
         if (!d.sent_unreliable.empty()) work += finish_sent(d, events);
         if (left) *left = work_left(d, s.ran);
         lk.unlock();
-        held.deliver();
-        s.other_events.clear();
+        held.deliver_others();
     } else {
         if (left) *left = work_left(d, s.ran);
         lk.unlock();
     }
-    events.deliver(d);
-    events.clear();
+    events.deliver(d);  // (delivering empties the list for the next pass)
     return work;
 }
 

@@ -208,6 +208,7 @@ void deliver_entries(Device &dest, IB_port_t port, const Outbox::Entry *entries,
 }
 
 // The same with no hold: under `dest`'s mutex taken here, the events raised once it is let go.
+// Kept out of line: its event list would otherwise be built on every delivery, held or not.
 [[gnu::noinline]] void deliver_unheld(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n,
                                       uint64_t now, Outbox &replies) {
     PendingEvents events;
@@ -237,12 +238,7 @@ void deliver_run(Device &dest, IB_port_t port, const Outbox::Entry *entries, uin
 
 }  // namespace
 
-void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies) {
-    transmit_all(&e, 1, now, replies);
-}
-
-void HeldDevice::deliver() {
-    if (own) own->deliver(*dev);
+void HeldDevice::deliver_others() {
     if (other && others) others->deliver(*other);
 }
 

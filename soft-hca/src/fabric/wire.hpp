@@ -1,6 +1,7 @@
 // The wire: carries packets from a port to the port (or, for a multicast LID, the ports) its
 // destination LID names, through the switch, applying the links' loss and delay. Delivery runs
-// the receiving device's responder or completer under that device's lock; nothing else is held.
+// the receiving device's responder or completer under that device's lock; the only other lock
+// held meanwhile is a pass's own device's (HeldDevice), and only while the receiver's was free.
 #pragma once
 
 #include <mutex>
@@ -10,9 +11,6 @@
 
 namespace marlix::softhca {
 
-// Sends one Outbox entry (cut into packets when it is a train). Replies the responders produce
-// go to `replies`.
-void transmit(const Outbox::Entry &e, uint64_t now, Outbox &replies);
 // A pass's hold of its own device's mutex, kept while the wire carries the pass's packets out and
 // the replies back, so that the replies and the end of the pass need no second lock. Delivery to
 // another device takes that device's mutex only when it is free at once (try_lock): no thread
@@ -31,8 +29,8 @@ struct HeldDevice {
     void release() {
         if (holds()) lock->unlock();
     }
-    // Raises what waits (the holder has let go).
-    void deliver();
+    // Raises what waits at the other device (the holder has let go; it raises `own` itself).
+    void deliver_others();
 };
 // Sends `n` entries in order. While the links are healthy, consecutive entries between the same
 // two ports reach the receiving device under one hold of its lock (a train whole).
