@@ -5,6 +5,7 @@
 // a thread that counted before.
 #include <atomic>
 #include <chrono>
+#include <stdexcept>
 #include <thread>
 
 #include "datapath_fixture.hpp"
@@ -28,7 +29,11 @@ constexpr uint32_t kSendWords = 8, kAckWords = 7;
 
 class PortCounters : public DataPathTest {
   protected:
-    static sh::Port &port1(const Side &s) { return *sh::device_by_handle(s.hca)->port(1); }
+    static sh::Port &port1(const Side &s) {
+        sh::Port *p = sh::device_by_handle(s.hca)->port(1);
+        if (!p) throw std::logic_error("the device has no port 1");
+        return *p;
+    }
 
     // PortCounters Set on port 1 clearing the counters `select` names; returns the MAD status.
     static uint16_t clear_counters(const Side &s, uint16_t select) {

@@ -7,34 +7,22 @@ namespace marlix::softhca {
 
 namespace {
 
-// Incarnations of every counter set of the process, never reused.
+// Incarnations of every counter set of the process, never reused; from 1, so that a thread's
+// cache entry never filled (0) matches no set.
 std::atomic<uint64_t> next_incarnation{1};
 // Threads get a number the first time they count; numbers are never reused either, so a new
 // thread never adopts the block of one that exited.
 std::atomic<uint64_t> next_thread{1};
 
-// The thread's blocks, one entry per counter set, at the set's slot. Sets take slots in turn as
-// they are made, so the ports of the devices booted together share none while there are no
-// more of them than slots;
-// an entry that another set pushed out is found again under the set's mutex. Plain words,
-// constant-initialised: reading them tests no guard.
-struct CacheEntry {
-    uintptr_t counters;  // the set's address; compared only, never followed
-    uint64_t incarnation;
-    void *block;
-};
-// Initial-exec: the library is loaded with the program, and a count then reads them without a
-// call into the dynamic linker.
-[[gnu::tls_model("initial-exec")]] thread_local CacheEntry t_cache[PortDataCounters::kCacheSlots];
-[[gnu::tls_model("initial-exec")]] thread_local uint64_t t_thread = 0;
+// Threads' cache slots: sets take them in turn as they are made, so the ports of the devices
+// booted together share none while there are no more of them than slots; an entry that another
+// set pushed out is found again under the set's mutex.
 std::atomic<uint32_t> next_slot{0};
-
-// The owner's add: nobody else writes the word, so a relaxed load and store are the whole of it.
-void bump(std::atomic<uint64_t> &word, uint64_t n) {
-    word.store(word.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
-}
+[[gnu::tls_model("initial-exec")]] thread_local uint64_t t_thread = 0;
 
 }  // namespace
+
+constinit thread_local PortDataCounters::CacheEntry PortDataCounters::cache_[PortDataCounters::kCacheSlots]{};
 
 PortDataCounters::PortDataCounters()
     : incarnation_(next_incarnation.fetch_add(1, std::memory_order_relaxed)),
@@ -42,15 +30,6 @@ PortDataCounters::PortDataCounters()
 
 PortDataCounters::~PortDataCounters() = default;
 
-PortDataCounters::Block &PortDataCounters::block() {
-    const uint64_t incarnation = incarnation_.load(std::memory_order_relaxed);
-    const CacheEntry &e = t_cache[slot_];
-    if (e.counters == reinterpret_cast<uintptr_t>(this) && e.incarnation == incarnation) [[likely]]
-        return *static_cast<Block *>(e.block);
-    return attach(incarnation);
-}
-
-// The slow path: once per thread per port and incarnation, or after the cache lost the entry.
 PortDataCounters::Block &PortDataCounters::attach(uint64_t incarnation) {
     if (t_thread == 0) t_thread = next_thread.fetch_add(1, std::memory_order_relaxed);
     Block *mine = nullptr;
@@ -66,14 +45,8 @@ PortDataCounters::Block &PortDataCounters::attach(uint64_t incarnation) {
             mine->owner = t_thread;
         }
     }
-    t_cache[slot_] = {reinterpret_cast<uintptr_t>(this), incarnation, mine};
+    cache_[slot_] = {incarnation, mine};
     return *mine;
-}
-
-void PortDataCounters::add(Counter data, Counter pkts, uint64_t bytes, uint64_t packets) {
-    Block &b = block();
-    bump(b.sum[data], (bytes + 3) / 4 * packets);
-    bump(b.sum[pkts], packets);
 }
 
 uint64_t PortDataCounters::sum(Counter c) const {

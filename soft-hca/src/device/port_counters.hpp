@@ -11,8 +11,10 @@
 //             atomic words: no lock, no read-modify-write instruction, and a reader on another
 //             thread sees a value the owner stored. A thread finds its block in a small
 //             thread-local cache, at the counter set's own slot, checked against the set's
-//             address and incarnation; the first count of a thread on a port (or a count after
-//             the cache lost the entry) takes the set's mutex to find or register the block.
+//             incarnation (which no other set ever has, so it names the set as well); the first
+//             count of a thread on a port (or a count after the cache lost the entry) takes the
+//             set's mutex to find or register the block. The look-up and the adds are inline:
+//             every packet pays them twice, once on each side.
 //   reading   sums the blocks under the set's mutex and reports sum - base, where base is the
 //             sum at the last clear, stopping at 0xFFFFFFFF as the adapter's 32-bit counters do.
 //             The blocks hold 64-bit sums, so a counter that reached 0xFFFFFFFF stays there until
@@ -56,7 +58,11 @@ class PortDataCounters {
 
     // Counts `packets` packets of `bytes` bytes each (their words rounded up per packet), in the
     // calling thread's block.
-    void add(Counter data, Counter pkts, uint64_t bytes, uint64_t packets);
+    void add(Counter data, Counter pkts, uint64_t bytes, uint64_t packets) {
+        Block &b = block();
+        bump(b.sum[data], (bytes + 3) / 4 * packets);
+        bump(b.sum[pkts], packets);
+    }
 
     // Every counter as PortCounters reports it: the count since the last clear (or reset),
     // stopping at 0xFFFFFFFF.
@@ -79,7 +85,28 @@ class PortDataCounters {
         std::array<std::atomic<uint64_t>, kCounters> sum{};
         uint64_t owner = 0;  // the number of the thread that writes it
     };
-    Block &block();
+    // A thread's cache entry for the set at that slot: the incarnation it was made in, and the
+    // thread's block of it. Plain words, constant-initialised: reading them tests no guard.
+    struct CacheEntry {
+        uint64_t incarnation;
+        Block *block;
+    };
+    // Initial-exec: the library is loaded with the program, and a count then reads them without
+    // a call into the dynamic linker.
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local CacheEntry cache_[kCacheSlots];
+
+    // The owner's add: nobody else writes the word, so a relaxed load and store are the whole of it.
+    static void bump(std::atomic<uint64_t> &word, uint64_t n) {
+        word.store(word.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+    }
+    Block &block() {
+        const uint64_t incarnation = incarnation_.load(std::memory_order_relaxed);
+        const CacheEntry &e = cache_[slot_];
+        if (e.incarnation == incarnation) [[likely]]
+            return *e.block;
+        return attach(incarnation);
+    }
+    // The slow path: once per thread per port and incarnation, or after the cache lost the entry.
     Block &attach(uint64_t incarnation);
     uint64_t sum(Counter c) const;  // under mu_
 
