@@ -18,9 +18,11 @@
 
 namespace marlix::softhca {
 
-namespace {
+using registry::kMaxDevices;
 
-constexpr size_t kMaxDevices = 64;
+constinit std::array<std::atomic<Device *>, kMaxDevices> registry::table{};
+
+namespace {
 
 struct System {
     std::mutex boot_mu;  // serialises boot, halt and the first verb's implicit boot
@@ -36,10 +38,9 @@ System &sys() {
     return s;
 }
 
-// Read by every verb without a lock: the device of handle h is device_table[h]. Kept outside
-// System, constant-initialised, so that reading them tests no guard of a function's static.
+// Read by every verb without a lock (with registry::table). Kept outside System,
+// constant-initialised, so that reading them tests no guard of a function's static.
 std::atomic<bool> system_up{false};
-std::array<std::atomic<Device *>, kMaxDevices> device_table{};
 std::atomic<size_t> devices_published{0};
 
 void put_guid(IB_guid_t out, uint64_t guid) {
@@ -305,7 +306,7 @@ void Device::raise_async_event(const VAPI_event_record_t &record, EventGateRef o
 static void publish(System &s) {
     devices_published.store(0, std::memory_order_release);
     for (size_t i = 0; i < kMaxDevices; ++i)
-        device_table[i].store(i < s.devices.size() ? s.devices[i].get() : nullptr, std::memory_order_release);
+        registry::table[i].store(i < s.devices.size() ? s.devices[i].get() : nullptr, std::memory_order_release);
     devices_published.store(std::min(s.devices.size(), kMaxDevices), std::memory_order_release);
 }
 
@@ -362,10 +363,6 @@ size_t device_count() {
     return devices_published.load(std::memory_order_acquire);
 }
 
-Device *device_at(size_t index) {
-    return index < kMaxDevices ? device_table[index].load(std::memory_order_acquire) : nullptr;
-}
-
 std::vector<Device *> devices() {
     std::vector<Device *> out;
     for (size_t i = 0, n = device_count(); i < n; ++i) out.push_back(device_at(i));
@@ -378,11 +375,10 @@ std::vector<std::string> device_names() {
     return out;
 }
 
-Device *device_by_handle(VAPI_hca_hndl_t hca) {
-    // Every verb starts here: a booted system's table answers at once; a handle it does not hold
-    // (or the first call of a process) goes the long way, which boots the default system first.
-    if (hca < kMaxDevices)
-        if (Device *d = device_table[hca].load(std::memory_order_acquire)) return d;
+// Every verb starts with device_by_handle(): a booted system's table answers at once; a handle it
+// does not hold (or the first call of a process) goes the long way, which boots the default
+// system first.
+Device *registry::device_by_handle_slow(VAPI_hca_hndl_t hca) {
     return hca < device_count() ? device_at(size_t(hca)) : nullptr;
 }
 

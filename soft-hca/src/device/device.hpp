@@ -402,12 +402,27 @@ VAPI_ret_t Device::walk(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_
 // The devices of the running system; created by boot(), destroyed by halt(). A verb called before
 // boot() boots the default system first.
 std::vector<Device *> devices();
-// The device with handle `hca` (its index), from a table read without a lock: devices live from
-// boot() to halt() and are not replaced in between.
-Device *device_by_handle(VAPI_hca_hndl_t hca);
+// The devices by index (their handle): written by boot() and halt(), read without a lock, since
+// devices live from boot() to halt() and are not replaced in between. Inline: every verb and
+// every packet looks a device up.
+namespace registry {
+constexpr size_t kMaxDevices = 64;
+extern std::array<std::atomic<Device *>, kMaxDevices> table;
+// A handle the table does not answer: boots the default system first if nothing is booted.
+Device *device_by_handle_slow(VAPI_hca_hndl_t hca);
+}  // namespace registry
+// The device with handle `hca` (its index).
+inline Device *device_by_handle(VAPI_hca_hndl_t hca) {
+    if (hca < registry::kMaxDevices)
+        if (Device *d = registry::table[hca].load(std::memory_order_acquire)) [[likely]]
+            return d;
+    return registry::device_by_handle_slow(hca);
+}
 // Calls fn(Device &) for every device, without copying the list.
 size_t device_count();
-Device *device_at(size_t index);
+inline Device *device_at(size_t index) {
+    return index < registry::kMaxDevices ? registry::table[index].load(std::memory_order_acquire) : nullptr;
+}
 Device *device_by_name(const std::string &name);
 // The device and port a LID is assigned to (active ports only); null if none.
 Device *device_by_lid(IB_lid_t lid, IB_port_t *port_out);
