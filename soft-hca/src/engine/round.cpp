@@ -23,11 +23,26 @@ struct Scratch {
 };
 
 // Thread-locals of this library use the initial-exec model: the library is loaded with the program,
-// and a pass then reads them without a call into the dynamic linker.
+// and a pass then reads them without a call into the dynamic linker. A pass finds its scratch
+// through a plain pointer, constant-initialised, which tests no guard; the owner, whose
+// destructor frees it when the thread exits, is touched only the first time.
+[[gnu::tls_model("initial-exec")]] constinit thread_local Scratch *t_scratch = nullptr;
+
+struct ScratchOwner {
+    std::unique_ptr<Scratch> scratch = std::make_unique<Scratch>();
+    ScratchOwner() { t_scratch = scratch.get(); }
+    ~ScratchOwner() { t_scratch = nullptr; }
+};
+
+[[gnu::noinline]] Scratch &first_scratch() {
+    [[gnu::tls_model("initial-exec")]] thread_local ScratchOwner owner;
+    return *owner.scratch;
+}
+
 Scratch &scratch() {
-    [[gnu::tls_model("initial-exec")]] thread_local std::unique_ptr<Scratch> s;
-    if (!s) s = std::make_unique<Scratch>();
-    return *s;
+    if (Scratch *s = t_scratch) [[likely]]
+        return *s;
+    return first_scratch();
 }
 
 enum class Pass { Round, Posted };
