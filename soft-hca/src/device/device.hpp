@@ -424,8 +424,19 @@ inline Device *device_at(size_t index) {
     return index < registry::kMaxDevices ? registry::table[index].load(std::memory_order_acquire) : nullptr;
 }
 Device *device_by_name(const std::string &name);
-// The device and port a LID is assigned to (active ports only); null if none.
-Device *device_by_lid(IB_lid_t lid, IB_port_t *port_out);
+// The device and port a LID is assigned to (active ports only); null if none. Inline: every
+// packet finds both its ends by LID.
+namespace registry {
+// (device index + 1) << 8 | port for every LID; 0 for a LID nobody has. The subnet manager's
+// sweeps and halt write it (fabric.cpp); the data path reads it without a lock.
+extern std::array<std::atomic<uint32_t>, 0x10000> lid_route;
+}  // namespace registry
+inline Device *device_by_lid(IB_lid_t lid, IB_port_t *port_out) {
+    const uint32_t where = registry::lid_route[lid].load(std::memory_order_acquire);
+    if (where == 0) return nullptr;
+    if (port_out) *port_out = IB_port_t(where & 0xff);
+    return device_at((where >> 8) - 1);
+}
 void ensure_booted();
 
 // Runs a callback the way the hardware's interrupt would: through the installed dispatcher if

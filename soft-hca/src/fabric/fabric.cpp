@@ -15,6 +15,9 @@
 
 namespace marlix::softhca {
 
+// Mirrors the LID table below; a plain global, so that reading it checks no static's guard.
+constinit std::array<std::atomic<uint32_t>, 0x10000> registry::lid_route{};
+
 namespace {
 
 struct Fabric {
@@ -29,12 +32,10 @@ Fabric &fab() {
     return f;
 }
 
-// (device index + 1) << 8 | port for every LID; 0 for a LID nobody has. Read by the data path for
-// every packet, without a lock; a plain global, so that reading it checks no static's guard.
-constinit std::array<std::atomic<uint32_t>, 0x10000> route{};
+using registry::lid_route;
 
 // LID -> (device, port) of active ports. Sweeps and halt write it under its leaf lock; the data
-// path reads `route`, which mirrors `map`, without any lock.
+// path reads `lid_route`, which mirrors `map`, without any lock.
 struct LidTable {
     std::mutex mu;
     std::map<IB_lid_t, std::pair<Device *, IB_port_t>> map;
@@ -42,9 +43,9 @@ struct LidTable {
     // Replaces the table; called with `mu` held.
     void assign(std::map<IB_lid_t, std::pair<Device *, IB_port_t>> &&table) {
         for (auto &[lid, where] : map)
-            if (!table.count(lid)) route[lid].store(0, std::memory_order_release);
+            if (!table.count(lid)) lid_route[lid].store(0, std::memory_order_release);
         for (auto &[lid, where] : table)
-            route[lid].store(uint32_t(where.first->index + 1) << 8 | where.second, std::memory_order_release);
+            lid_route[lid].store(uint32_t(where.first->index + 1) << 8 | where.second, std::memory_order_release);
         map = std::move(table);
     }
 };
@@ -249,13 +250,6 @@ bool plug(const std::string &device, int port) {
 
 bool set_port_disabled(const std::string &device, int port, bool disabled) {
     return change_port(device, port, [disabled](Port &p) { p.disabled = disabled; });
-}
-
-Device *device_by_lid(IB_lid_t lid, IB_port_t *port_out) {
-    const uint32_t where = route[lid].load(std::memory_order_acquire);
-    if (where == 0) return nullptr;
-    if (port_out) *port_out = IB_port_t(where & 0xff);
-    return device_at((where >> 8) - 1);
 }
 
 std::optional<PortStatus> port_status(const std::string &device, int port) {
