@@ -79,8 +79,8 @@ struct RanQps {
 };
 
 // Turns queued send requests into packets, as far as the Outbox, the QPs' windows and the
-// responder's read/atomic limit allow. Returns the number of requests handled. The QPs that ran
-// are added to `ran` when given.
+// responder's read/atomic limit allow, each entry leaving from `dev`. Returns the number of
+// requests handled. The QPs that ran are added to `ran` when given.
 size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events, RanQps *ran = nullptr);
 // Completes the UD/UC requests that run_requesters() sent. Returns how many.
 size_t finish_sent(Device &dev, PendingEvents &events);

@@ -98,7 +98,6 @@ size_t run_device(Device &d, Qp *posted, uint64_t now, Scratch &s, Pass pass, bo
         work += run_timers(d, now, events);
     }
     work += run_requesters(d, now, out, events, &s.ran);
-    for (uint32_t i = 0; i < out.count; ++i) out.entries[i].from = &d;
     if (timers_pending && !*timers_pending) *timers_pending = next_timer(d) != 0;
     if (out.count > 0) {
         d.pass_running = true;
