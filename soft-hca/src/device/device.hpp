@@ -349,8 +349,9 @@ class Device {
     template <class Emit>
     VAPI_ret_t walk(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr, uint64_t len,
                     VAPI_mrw_acl_t need, Emit &&emit) const;
-    const Region *find_lkey(VAPI_lkey_t lkey) const;
-    const Region *find_rkey(VAPI_rkey_t rkey) const;
+    // Inline: every request looks up its local keys, every RDMA request its remote key.
+    const Region *find_lkey(VAPI_lkey_t lkey) const { return find_key(lkeys_, lkey, &Region::lkey); }
+    const Region *find_rkey(VAPI_rkey_t rkey) const { return find_key(rkeys_, rkey, &Region::rkey); }
 
     // Releases every resource (close).
     void release_all();
@@ -369,6 +370,12 @@ class Device {
     std::set<uint32_t> free_key_indexes_;
     // Indexed by the key's table index (key >> 8); the whole key must match.
     std::vector<const Region *> lkeys_, rkeys_;
+    static const Region *find_key(const std::vector<const Region *> &table, uint32_t key,
+                                  uint32_t Region::*field) {
+        const size_t i = key >> 8;
+        const Region *r = i < table.size() ? table[i] : nullptr;
+        return r && r->*field == key ? r : nullptr;
+    }
 };
 
 // Looking up a key and walking a range is on the data path: O(1) look-up, no allocation.
