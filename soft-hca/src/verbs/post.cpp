@@ -101,8 +101,9 @@ void write_send(Qp &qp, const VAPI_sr_desc_t &d, bool is_inline,
             w.inline_len += e.len;
         }
     } else {
+        // Entry by entry: most lists hold one or two, which a call to memmove would cost more.
         w.sg_count = d.sg_lst_len;
-        std::copy_n(d.sg_lst_p, d.sg_lst_len, w.sg);
+        for (uint32_t i = 0; i < d.sg_lst_len; ++i) w.sg[i] = d.sg_lst_p[i];
     }
     qp.sq.push();
 }
@@ -134,7 +135,7 @@ struct SendPost {
 };
 
 // The device a post names, counted and checked for injected faults, or the status to return.
-Device *posting_device(Verb verb, VAPI_hca_hndl_t hca, VAPI_ret_t &status) {
+[[gnu::always_inline]] inline Device *posting_device(Verb verb, VAPI_hca_hndl_t hca, VAPI_ret_t &status) {
     Device *dev = device_by_handle(hca);
     status = check_faults(verb, dev);
     if (status != VAPI_OK) return nullptr;
