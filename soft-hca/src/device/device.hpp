@@ -270,6 +270,9 @@ class Device {
     VAPI_hca_vendor_t vendor{};
     VAPI_hca_cap_t cap{};
     std::vector<Port> ports;  // ports[0] is port 1
+    // ports.size(), fixed at boot: port() is on the data path, and a vector's size of records
+    // this large costs a multiplication to compute.
+    size_t port_count = 0;
 
     // Open state.
     std::atomic<bool> open{false};  // read without the lock by the poll fast path
@@ -328,7 +331,7 @@ class Device {
     // Set when the device fails (injected local catastrophic error): no more work is done.
     bool failed = false;
 
-    Port *port(IB_port_t num) { return num >= 1 && num <= ports.size() ? &ports[num - 1] : nullptr; }
+    Port *port(IB_port_t num) { return num - 1u < port_count ? &ports[num - 1u] : nullptr; }
     Pd *find_pd(VAPI_pd_hndl_t pd);
 
     // Key management: every region and FMR map gets an lkey/rkey pair from the key table.
