@@ -12,10 +12,6 @@ Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp) {
     return it == dev.qps.end() ? nullptr : static_cast<Qp *>(it->second.get());
 }
 
-Qp *posting_qp(Device &dev, VAPI_qp_hndl_t qp) {
-    return qp < Device::kFastQpHandles ? dev.fast_qps[qp].load(std::memory_order_acquire) : nullptr;
-}
-
 namespace {
 Qp **fast_number_slot(Device &dev, const Qp &qp) {
     const VAPI_qp_num_t n = qp.qp_num;

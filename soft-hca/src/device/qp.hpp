@@ -135,7 +135,9 @@ uint32_t raw_value(const E &e) {
 Qp *find_qp(Device &dev, VAPI_qp_hndl_t qp);
 // The QP record of a handle from the table posters read without the device mutex (null: no QP,
 // or a handle beyond the table). Check live_as() under the queue's lock before using it.
-Qp *posting_qp(Device &dev, VAPI_qp_hndl_t qp);
+inline Qp *posting_qp(Device &dev, VAPI_qp_hndl_t qp) {
+    return qp < Device::kFastQpHandles ? dev.fast_qps[qp].load(std::memory_order_acquire) : nullptr;
+}
 // Publishes a new QP in, and withdraws a destroyed one from, the tables that find it by handle
 // (posters) and by number (packets); device mutex held.
 void publish_qp(Device &dev, Qp &qp);
