@@ -33,6 +33,31 @@ TEST_F(Trains, TwentyPacketWriteLandsWholeAndCountsEveryPacket) {
     EXPECT_EQ(after1[2] - before1[2], 1u);  // one ACK, for the last packet
 }
 
+// A message takes one packet up to the path MTU (2048 here) and one more for each MTU or part
+// beyond it; an empty one still takes a packet.
+TEST_F(Trains, AMessageTakesOnePacketPerMtuOrPartOfOne) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 4097), &dst = buffer(s1, 4097, kAllAccess, 0xee);
+    pattern(src, 3);
+    const std::pair<uint32_t, uint32_t> cases[] = {{0, 1},    {1, 1},    {2047, 1}, {2048, 1},
+                                                   {2049, 2}, {4096, 2}, {4097, 3}};
+    for (auto [len, packets] : cases) {
+        SCOPED_TRACE(len);
+        auto before0 = port_counters(s0), before1 = port_counters(s1);
+        std::vector<VAPI_sg_lst_entry_t> sg;
+        if (len) sg.push_back(src.sg(0, len));
+        ASSERT_EQ(post_send(a, len, VAPI_RDMA_WRITE, sg, dst.addr(), dst.rkey), VAPI_OK);
+        run();
+        const VAPI_wc_desc_t w = only(poll(s0));
+        EXPECT_EQ(w.status, VAPI_SUCCESS);
+        EXPECT_EQ(w.byte_len, len);
+        EXPECT_EQ(0, std::memcmp(dst.bytes.data(), src.bytes.data(), len));
+        auto after0 = port_counters(s0), after1 = port_counters(s1);
+        EXPECT_EQ(after0[2] - before0[2], packets);  // sent
+        EXPECT_EQ(after1[3] - before1[3], packets);  // received
+    }
+}
+
 TEST_F(Trains, LongSendScattersAcrossReceivePiecesOnBothTransports) {
     for (VAPI_ts_type_t ts : {VAPI_TS_RC, VAPI_TS_UC}) {
         SCOPED_TRACE(ts == VAPI_TS_RC ? "RC" : "UC");

@@ -57,7 +57,8 @@ Packet train_segment(const Outbox::Entry &e, uint32_t index);
 void count_entry(Port &port, const Outbox::Entry &e, bool xmit);
 // Number of packets a message of `length` bytes takes at `mtu` (at least one).
 inline uint32_t segments_for(uint64_t length, uint32_t mtu) {
-    return length == 0 ? 1u : uint32_t((length + mtu - 1) / mtu);
+    // Most messages fit one packet: no division for them.
+    return length <= mtu ? 1u : uint32_t((length + mtu - 1) / mtu);
 }
 
 // The QPs whose requester ran in a pass (a posting thread's pass checks their timers after it).
