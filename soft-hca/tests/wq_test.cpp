@@ -68,3 +68,33 @@ TEST(RecvRing, AOneEntryGatherListNeedsNoGatherArea) {
     expect_gather(ring.front(), 1, one, 1);
     EXPECT_EQ(sizeof(sh::RecvEntry), 64u);
 }
+
+// A send entry keeps what the poster wrote (the descriptor, the gather list in the ring's gather
+// area, the message's length summed at post time) through a wrap and a resize, which is all the
+// requester reads again when it (re)transmits the request.
+TEST(SendRing, AnEntryKeepsItsGatherListAndLengthThroughAWrapAndAResize) {
+    sh::SendRing ring;
+    ASSERT_TRUE(ring.resize(2, 3, 0));
+    const VAPI_sg_lst_entry_t three[3] = {{0x3000, 30, 1}, {0x3100, 31, 2}, {0x3200, 32, 3}};
+    auto post = [&](VAPI_wr_id_t id) {
+        sh::SendEntry &e = ring.next_free();
+        e.desc.id = id;
+        e.sg_count = 3;
+        for (uint32_t i = 0; i < 3; ++i) e.sg[i] = three[i];
+        e.bytes = 30 + 31 + 32;
+        ring.push();
+    };
+    post(1);
+    ring.pop();
+    post(2);  // wraps
+    ASSERT_TRUE(ring.resize(8, 3, 0));
+    const sh::SendEntry &e = ring.front();
+    EXPECT_EQ(e.desc.id, 2u);
+    EXPECT_EQ(e.bytes, 93u);
+    ASSERT_EQ(e.sg_count, 3u);
+    for (uint32_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(e.sg[i].addr, three[i].addr) << "entry " << i;
+        EXPECT_EQ(e.sg[i].len, three[i].len) << "entry " << i;
+        EXPECT_EQ(e.sg[i].lkey, three[i].lkey) << "entry " << i;
+    }
+}

@@ -114,11 +114,7 @@ size_t run_qp(Device &dev, Qp &qp, uint64_t now, Outbox &out, PendingEvents &eve
             return handled;
         }
         // Length and local memory.
-        uint64_t length = 0;
-        if (w.is_inline)
-            length = w.inline_len;
-        else
-            for (uint32_t i = 0; i < w.sg_count; ++i) length += w.sg[i].len;
+        const uint64_t length = w.bytes;
         w.length = length;
         Outbox::Entry &e = out.entries[out.count];
         std::memcpy(static_cast<void *>(&e), &kBlankEntry, sizeof e);

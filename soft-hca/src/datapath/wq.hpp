@@ -41,6 +41,7 @@ struct alignas(limits::kCacheLine) SendEntry {
     VAPI_sr_desc_t desc{};                        // sg_lst_p is not used: the gather list is `sg`
     uint32_t sg_count = 0;
     uint32_t inline_len = 0;  // inline sends: bytes in the inline area
+    uint64_t bytes = 0;       // the message's bytes as posted (gather list or inline data)
     bool is_inline = false;
     bool has_pkey_ix = false;  // GSI sends on an explicit P_Key index
     VAPI_pkey_ix_t pkey_ix = 0;

@@ -100,10 +100,17 @@ void write_send(Qp &qp, const VAPI_sr_desc_t &d, bool is_inline,
                         e.len);
             w.inline_len += e.len;
         }
+        w.bytes = w.inline_len;
     } else {
         // Entry by entry: most lists hold one or two, which a call to memmove would cost more.
+        // The message's length is summed on the way, once, rather than by every transmission.
         w.sg_count = d.sg_lst_len;
-        for (uint32_t i = 0; i < d.sg_lst_len; ++i) w.sg[i] = d.sg_lst_p[i];
+        uint64_t bytes = 0;
+        for (uint32_t i = 0; i < d.sg_lst_len; ++i) {
+            w.sg[i] = d.sg_lst_p[i];
+            bytes += d.sg_lst_p[i].len;
+        }
+        w.bytes = bytes;
     }
     qp.sq.push();
 }
