@@ -24,31 +24,30 @@ EngineSlot &slot() {
     return s;
 }
 
-// The slot's engine while it runs, read by every post's doorbell: a plain global, so that reading
-// it tests no guard of a function's static. Written under the slot's mutex.
-constinit std::atomic<Engine *> current{nullptr};
-
 }  // namespace
+
+// Written under the slot's mutex.
+constinit std::atomic<Engine *> running_engine{nullptr};
 
 void engine_start(EngineKind kind) {
     EngineSlot &s = slot();
     std::lock_guard lk(s.mu);
-    current = nullptr;
+    running_engine = nullptr;
     s.engine.reset();
     s.kind = kind;
     s.engine = kind == EngineKind::Threaded ? make_threaded_engine() : make_stepped_engine();
-    current = s.engine.get();
+    running_engine = s.engine.get();
 }
 
 void engine_stop() {
     EngineSlot &s = slot();
     std::lock_guard lk(s.mu);
-    current = nullptr;
+    running_engine = nullptr;
     s.engine.reset();
 }
 
 void engine_kick() {
-    if (Engine *e = current.load(std::memory_order_acquire)) e->kick();
+    if (Engine *e = running_engine.load(std::memory_order_acquire)) e->kick();
 }
 
 void Engine::doorbell(Device &dev, Qp *qp) {
@@ -56,11 +55,8 @@ void Engine::doorbell(Device &dev, Qp *qp) {
     kick();
 }
 
-void engine_doorbell(Device &dev, Qp *qp) {
-    if (Engine *e = current.load(std::memory_order_acquire))
-        e->doorbell(dev, qp);
-    else if (qp)
-        ring_doorbell(dev, *qp);  // whoever runs the device next finds it
+void doorbell_without_engine(Device &dev, Qp *qp) {
+    if (qp) ring_doorbell(dev, *qp);  // whoever runs the device next finds it
 }
 
 EngineKind engine_kind() {

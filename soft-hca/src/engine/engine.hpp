@@ -3,6 +3,7 @@
 // the stepped engine only when a test or script steps it.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -51,8 +52,18 @@ void engine_start(EngineKind kind);
 void engine_stop();
 // Kicks the running engine, if any.
 void engine_kick();
+// The running engine, read by every post's doorbell without a lock: a plain global, so that
+// reading it tests no guard. engine_start() and engine_stop() write it.
+extern constinit std::atomic<Engine *> running_engine;
+// Without an engine: leaves the QP on the device's doorbell list for whoever runs it next.
+void doorbell_without_engine(Device &dev, Qp *qp);
 // Rings the running engine's doorbell for work posted on `dev` (on `qp`, or null when the QP is
-// already on the device's active list); no lock held.
-void engine_doorbell(Device &dev, Qp *qp);
+// already on the device's active list); no lock held. Inline: every post rings it.
+inline void engine_doorbell(Device &dev, Qp *qp) {
+    if (Engine *e = running_engine.load(std::memory_order_acquire)) [[likely]]
+        e->doorbell(dev, qp);
+    else
+        doorbell_without_engine(dev, qp);
+}
 
 }  // namespace marlix::softhca
