@@ -175,8 +175,11 @@ bool send_needs_device(const Qp &qp) {
     return qp.kind != QpKind::Regular || qp.transport() == VAPI_TS_UD || send_queue_stopped(qp);
 }
 
-VAPI_ret_t post_sends(Verb verb, VAPI_hca_hndl_t hca, VAPI_qp_hndl_t qp_hndl, const VAPI_sr_desc_t *descs,
-                      uint32_t n, const SendPost &how) {
+// Inline into each verb, so that what the verb fixes (one request, inline or not, GSI) is a
+// constant there and the checks it settles go.
+[[gnu::always_inline]] inline VAPI_ret_t post_sends(Verb verb, VAPI_hca_hndl_t hca, VAPI_qp_hndl_t qp_hndl,
+                                                    const VAPI_sr_desc_t *descs, uint32_t n,
+                                                    const SendPost &how) {
     VAPI_ret_t status = VAPI_OK;
     Device *dev = posting_device(verb, hca, status);
     if (!dev) return status;
@@ -222,9 +225,10 @@ VAPI_ret_t queue_recvs(Qp &qp, const VAPI_rr_desc_t *descs, uint32_t n) {
     return VAPI_OK;
 }
 
-// `one`: a single request, refused before the QP is looked up when it is missing.
-VAPI_ret_t post_recvs(Verb verb, VAPI_hca_hndl_t hca, VAPI_qp_hndl_t qp_hndl, const VAPI_rr_desc_t *descs,
-                      uint32_t n, bool one) {
+// `one`: a single request, refused before the QP is looked up when it is missing. Inline into
+// each verb, as post_sends().
+[[gnu::always_inline]] inline VAPI_ret_t post_recvs(Verb verb, VAPI_hca_hndl_t hca, VAPI_qp_hndl_t qp_hndl,
+                                                    const VAPI_rr_desc_t *descs, uint32_t n, bool one) {
     VAPI_ret_t status = VAPI_OK;
     Device *dev = posting_device(verb, hca, status);
     if (!dev) return status;
