@@ -1,5 +1,6 @@
 // Work-queue rings: fixed-stride entries, and receive entries whose gather lists (the first entry
-// inside the entry, the rest in the ring's gather area) survive a wrap and a resize.
+// inside the entry, the rest in the ring's gather area) and send entries (gather list and length)
+// survive a wrap and a resize.
 #include <gtest/gtest.h>
 
 #include "datapath/wq.hpp"

@@ -295,7 +295,8 @@ void Device::raise_async_event(const VAPI_event_record_t &record, EventGateRef o
 static void publish(System &s) {
     devices_published.store(0, std::memory_order_release);
     for (size_t i = 0; i < kMaxDevices; ++i)
-        registry::table[i].store(i < s.devices.size() ? s.devices[i].get() : nullptr, std::memory_order_release);
+        registry::table[i].store(i < s.devices.size() ? s.devices[i].get() : nullptr,
+                                 std::memory_order_release);
     devices_published.store(std::min(s.devices.size(), kMaxDevices), std::memory_order_release);
 }
 

@@ -45,7 +45,8 @@ struct LidTable {
         for (auto &[lid, where] : map)
             if (!table.count(lid)) lid_route[lid].store(0, std::memory_order_release);
         for (auto &[lid, where] : table)
-            lid_route[lid].store(uint32_t(where.first->index + 1) << 8 | where.second, std::memory_order_release);
+            lid_route[lid].store(uint32_t(where.first->index + 1) << 8 | where.second,
+                                 std::memory_order_release);
         map = std::move(table);
     }
 };
