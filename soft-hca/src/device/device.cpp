@@ -141,7 +141,7 @@ Device::Device(int idx, int nports)
         p.num = IB_port_t(i + 1);
         p.guid = node_guid + uint64_t(i + 1);
         p.capability_mask = limits::kDefaultPortCapMask;
-        p.pkeys.assign(64, 0);
+        p.pkeys.fill(0);
         p.pkeys[0] = VAPI_DEFAULT_PKEY;
     }
 }

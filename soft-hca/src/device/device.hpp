@@ -181,7 +181,8 @@ struct Port {
     IB_port_cap_mask_t capability_mask = 0;
     uint32_t bad_pkey_counter = 0;
     uint32_t qkey_viol_counter = 0;
-    std::vector<VAPI_pkey_t> pkeys;  // 64 entries, 0xFFFF at index 0
+    // 0xFFFF at index 0. Fixed-size and inside the port: every packet sent and received reads it.
+    std::array<VAPI_pkey_t, limits::kPkeyTableLen> pkeys{};
     uint64_t gid_prefix = 0xfe80000000000000ull;
     // The rare counters of PortCounters, under the device mutex.
     uint8_t link_downed = 0;
