@@ -98,6 +98,10 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     // handler is set; the event is then consumed with nobody to tell, as on the adapter). A full
     // ring drops it and marks the CQ overrun; `overran` says whether this push did that first.
     std::optional<CompletionEvent> complete(const VAPI_wc_desc_t &wc, bool solicited, bool *overran);
+    // The same for the common case, which raises nothing: pushes the completion when the CQ is
+    // not armed and its ring has room by the producer's last look at the consumer. False, with
+    // nothing done, otherwise (complete() then does the whole work).
+    bool push_unarmed(const VAPI_wc_desc_t &wc);
 
     // Completion handler registered with EVAPI_set_comp_eventh.
     struct Handler {
@@ -142,6 +146,8 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     static void load(const Slot &slot, VAPI_wc_desc_t *wc);
 
     bool push(const VAPI_wc_desc_t &wc);
+    // Writes the completion at position `tail` (the ring has room) and publishes it.
+    void put(uint64_t tail, const VAPI_wc_desc_t &wc);
     uint32_t next(uint32_t index) const { return index + 1 == size_ ? 0 : index + 1; }
 
     // Read by both sides, written only with the device mutex and the consumer's lock held.
