@@ -11,7 +11,9 @@
 
 #include <vapi_types.h>
 
+#include <array>
 #include <cstdint>
+#include <initializer_list>
 #include <type_traits>
 
 namespace marlix::softhca {
@@ -66,24 +68,34 @@ constexpr bool is_atomic(uint8_t o) {
 constexpr bool is_response(uint8_t o) {
     return is_read_response(o) || operation(o) == kAck || operation(o) == kAtomicAck;
 }
+// The operations (low five bits) of a set, as a mask: `o` is in it when bit operation(o) is set.
+// The data path asks these of every packet, so each is one shift.
+constexpr uint32_t ops_mask(std::initializer_list<uint8_t> ops) {
+    uint32_t m = 0;
+    for (uint8_t x : ops) m |= 1u << x;
+    return m;
+}
+constexpr bool in(uint32_t mask, uint8_t o) {
+    return (mask >> operation(o)) & 1;
+}
+constexpr uint32_t kFirstOps = ops_mask({kSendFirst, kSendOnly, kSendOnlyImm, kWriteFirst, kWriteOnly,
+                                         kWriteOnlyImm, kReadResponseFirst, kReadResponseOnly});
+constexpr uint32_t kLastOps =
+    ops_mask({kSendLast, kSendLastImm, kSendOnly, kSendOnlyImm, kWriteLast, kWriteLastImm, kWriteOnly,
+              kWriteOnlyImm, kReadResponseLast, kReadResponseOnly});
+constexpr uint32_t kImmOps = ops_mask({kSendLastImm, kSendOnlyImm, kWriteLastImm, kWriteOnlyImm});
+constexpr uint32_t kRethOps = ops_mask({kWriteFirst, kWriteOnly, kWriteOnlyImm, kReadRequest});
 constexpr bool is_first(uint8_t o) {
-    uint8_t x = operation(o);
-    return x == kSendFirst || x == kSendOnly || x == kSendOnlyImm || x == kWriteFirst || x == kWriteOnly ||
-           x == kWriteOnlyImm || x == kReadResponseFirst || x == kReadResponseOnly;
+    return in(kFirstOps, o);
 }
 constexpr bool is_last(uint8_t o) {
-    uint8_t x = operation(o);
-    return x == kSendLast || x == kSendLastImm || x == kSendOnly || x == kSendOnlyImm || x == kWriteLast ||
-           x == kWriteLastImm || x == kWriteOnly || x == kWriteOnlyImm || x == kReadResponseLast ||
-           x == kReadResponseOnly;
+    return in(kLastOps, o);
 }
 constexpr bool has_imm(uint8_t o) {
-    uint8_t x = operation(o);
-    return x == kSendLastImm || x == kSendOnlyImm || x == kWriteLastImm || x == kWriteOnlyImm;
+    return in(kImmOps, o);
 }
 constexpr bool has_reth(uint8_t o) {
-    uint8_t x = operation(o);
-    return x == kWriteFirst || x == kWriteOnly || x == kWriteOnlyImm || x == kReadRequest;
+    return in(kRethOps, o);
 }
 }  // namespace op
 
@@ -154,8 +166,35 @@ struct Packet {
     // ImmDt 4, payload padded to 4 bytes, ICRC 4.
     uint32_t wire_bytes() const { return wire_bytes_of(opcode, grh, payload_len); }
     // The same for a packet with that opcode, global route header and payload length.
-    static uint32_t wire_bytes_of(uint8_t opcode, bool grh, uint32_t payload_len);
+    static constexpr uint32_t wire_bytes_of(uint8_t opcode, bool grh, uint32_t payload_len);
 };
 static_assert(std::is_trivially_copyable_v<Packet>);
+
+namespace detail {
+// The headers a packet of that opcode carries, with the ICRC, in bytes (the GRH apart).
+constexpr uint32_t header_bytes(uint8_t opcode) {
+    uint32_t n = 8 + 12 + 4;  // LRH, BTH, ICRC
+    const uint8_t o = op::operation(opcode);
+    if (op::transport(opcode) == op::kUd) n += 8;  // DETH
+    if (op::has_reth(opcode)) n += 16;
+    if (op::is_atomic(opcode)) n += 28;
+    if (o == op::kAck || o == op::kAtomicAck || o == op::kReadResponseFirst || o == op::kReadResponseLast ||
+        o == op::kReadResponseOnly)
+        n += 4;  // AETH
+    if (o == op::kAtomicAck) n += 8;
+    if (op::has_imm(opcode)) n += 4;
+    return n;
+}
+// Every packet is counted, twice (sent and received): the header sizes are looked up.
+inline constexpr auto kHeaderBytes = [] {
+    std::array<uint8_t, 256> t{};
+    for (uint32_t o = 0; o < 256; ++o) t[o] = uint8_t(header_bytes(uint8_t(o)));
+    return t;
+}();
+}  // namespace detail
+
+constexpr uint32_t Packet::wire_bytes_of(uint8_t opcode, bool grh, uint32_t payload_len) {
+    return detail::kHeaderBytes[opcode] + (grh ? 40u : 0u) + ((payload_len + 3) & ~3u);
+}
 
 }  // namespace marlix::softhca
