@@ -80,8 +80,8 @@ VAPI_wc_desc_t message_wc(const Qp &qp, const RecvEntry &r, const Packet &p, uin
     return wc;
 }
 
-// Takes the head receive request and completes it.
-void complete_recv(Qp &qp, VAPI_wc_desc_t wc, bool solicited, PendingEvents &events) {
+// Takes the head receive request and completes it with `wc` (which gets the free count).
+void complete_recv(Qp &qp, VAPI_wc_desc_t &wc, bool solicited, PendingEvents &events) {
     const bool signalled = qp.init.rq_sig_type == VAPI_SIGNAL_ALL_WR || wc.status != VAPI_SUCCESS ||
                            qp.rq.front().desc.comp_type == VAPI_SIGNALED;
     qp.rq.pop();
@@ -211,9 +211,8 @@ void respond_ud(Device &dev, IB_port_t port, Qp &qp, const Packet &p, PendingEve
 }
 
 // Sends (and the receive side of RDMA write with immediate) of a connected QP.
-void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &out,
+void receive_message_data(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packet &p, Outbox &out,
                           PendingEvents &events, bool &stop) {
-    const bool rc = transport_bits(qp) == op::kRc;
     stop = false;
     if (op::is_first(p.opcode)) {
         if (qp.rq.empty()) {
@@ -272,7 +271,8 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
     if (op::is_last(p.opcode)) {
         qp.in_message = false;
         qp.recv_taken = false;
-        complete_recv(qp, message_wc(qp, r, p, qp.message_bytes), p.solicited, events);
+        VAPI_wc_desc_t wc = message_wc(qp, r, p, qp.message_bytes);
+        complete_recv(qp, wc, p.solicited, events);
     }
 }
 
@@ -376,9 +376,9 @@ void respond_atomic(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox
     qp.expected_psn = psn_add(p.psn, 1);
 }
 
-void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &out,
+// `rc`: the QP is a reliable connection (otherwise unreliable).
+void respond_connected(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packet &p, Outbox &out,
                        PendingEvents &events) {
-    const bool rc = transport_bits(qp) == op::kRc;
     const uint8_t o = op::operation(p.opcode);
     const int32_t d = psn_diff(p.psn, qp.expected_psn);
     if (rc) {
@@ -500,7 +500,7 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
         }
     } else {
         bool stop = false;
-        receive_message_data(dev, port, qp, p, out, events, stop);
+        receive_message_data(dev, port, qp, rc, p, out, events, stop);
         if (stop) return;
     }
     qp.expected_psn = psn_add(p.psn, 1);
@@ -521,17 +521,18 @@ void respond(Device &dev, IB_port_t port, const Packet &p, Outbox &out, PendingE
     if (pt) pt->count_rcv(p.wire_bytes());
     Qp *qp = find_qp_by_num(dev, p.dest_qp, port);
     if (!qp || qp->destroyed || !receives(qp->state())) return;
-    if (transport_bits(*qp) != op::transport(p.opcode)) return;
+    const uint8_t ts = transport_bits(*qp);
+    if (ts != op::transport(p.opcode)) return;
     if (qp->state() == QpState::Rtr && !qp->comm_established) {
         // The first packet of the connection while we are not yet sending ourselves.
         qp->comm_established = true;
         qp_event(*qp, VAPI_QP_COMM_ESTABLISHED, events);
     }
-    if (op::transport(p.opcode) == op::kUd) {
+    if (ts == op::kUd) {
         respond_ud(dev, port, *qp, p, events);
         return;
     }
-    respond_connected(dev, port, *qp, p, out, events);
+    respond_connected(dev, port, *qp, ts == op::kRc, p, out, events);
 }
 
 namespace {
@@ -614,7 +615,10 @@ bool respond_whole_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Ou
     qp.nak_sent = false;
     qp.message_failed = false;
     qp.message_bytes = e.length;
-    if (send || imm) complete_recv(qp, message_wc(qp, qp.rq.front(), last, e.length), last.solicited, events);
+    if (send || imm) {
+        VAPI_wc_desc_t wc = message_wc(qp, qp.rq.front(), last, e.length);
+        complete_recv(qp, wc, last.solicited, events);
+    }
     qp.expected_psn = psn_add(last.psn, 1);
     ++qp.msn;
     ack(dev, qp, port, last, out, last.psn);
