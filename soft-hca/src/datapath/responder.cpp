@@ -625,20 +625,23 @@ bool respond_whole_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Ou
     return true;
 }
 
-}  // namespace
-
-void respond_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Outbox &replies,
-                   PendingEvents &events) {
+// A train of several packets.
+[[gnu::noinline]] void respond_packets(Device &dev, IB_port_t port, const Outbox::Entry &e, Outbox &replies,
+                                       PendingEvents &events) {
     const uint32_t n = e.segments;
-    if (n == 1) {
-        respond(dev, port, e.pkt, replies, events);  // a train of one is its packet
-        return;
-    }
     if (respond_whole_train(dev, port, e, replies, events)) return;
     respond(dev, port, train_segment(e, 0), replies, events);
     if (n > 2 && !place_middle_packets(dev, port, e))
         for (uint32_t i = 1; i + 1 < n; ++i) respond(dev, port, train_segment(e, i), replies, events);
     respond(dev, port, train_segment(e, n - 1), replies, events);
+}
+
+}  // namespace
+
+void respond_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Outbox &replies,
+                   PendingEvents &events) {
+    if (e.segments == 1) return respond(dev, port, e.pkt, replies, events);  // a train of one is its packet
+    respond_packets(dev, port, e, replies, events);
 }
 
 void respond_multicast(Device &dev, IB_port_t port, const Packet &p, Outbox &out, PendingEvents &events) {
