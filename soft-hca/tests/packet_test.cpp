@@ -2,6 +2,7 @@
 // counts for in the port counters.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <set>
 
 #include "datapath/packet.hpp"
@@ -62,4 +63,44 @@ TEST(PacketWireBytes, HeadersPaddedPayloadAndIcrc) {
     p.payload_len = 3;
     EXPECT_EQ(p.wire_bytes(), 32u);
     static_assert(sh::Packet::wire_bytes_of(op::kRc | op::kAck, false, 0) == 28);
+}
+
+TEST(PacketPayload, ReadsFromOnePieceOrSeveralAtAnyOffset) {
+    uint8_t mem[64];
+    for (int i = 0; i < 64; ++i) mem[i] = uint8_t(i);
+    // One piece: the payload starts 4 bytes into it.
+    const sh::ByteSpan one[1] = {{mem, 40}};
+    sh::Packet p;
+    p.spans = one;
+    p.span_count = 1;
+    p.payload_offset = 4;
+    p.payload_len = 36;
+    uint8_t out[64] = {};
+    p.read_payload(0, out, 36);
+    for (int i = 0; i < 36; ++i) ASSERT_EQ(out[i], uint8_t(4 + i)) << i;
+    std::memset(out, 0xee, sizeof out);
+    p.read_payload(30, out, 6);  // up to the piece's end
+    for (int i = 0; i < 6; ++i) ASSERT_EQ(out[i], uint8_t(34 + i)) << i;
+    EXPECT_EQ(out[6], 0xee);
+    // Asking past the piece's end copies what there is and nothing more.
+    std::memset(out, 0xee, sizeof out);
+    p.read_payload(30, out, 10);
+    for (int i = 0; i < 6; ++i) ASSERT_EQ(out[i], uint8_t(34 + i)) << i;
+    EXPECT_EQ(out[6], 0xee);
+    // Three pieces out of order in memory: 10 bytes at 50, 5 at 0, 20 at 20.
+    const sh::ByteSpan three[3] = {{mem + 50, 10}, {mem, 5}, {mem + 20, 20}};
+    p.spans = three;
+    p.span_count = 3;
+    p.payload_offset = 8;
+    p.payload_len = 27;
+    const uint8_t expect[27] = {58, 59, 0,  1,  2,  3,  4,  20, 21, 22, 23, 24, 25, 26,
+                                27, 28, 29, 30, 31, 32, 33, 34, 35, 36, 37, 38, 39};
+    std::memset(out, 0xee, sizeof out);
+    p.read_payload(0, out, 27);
+    EXPECT_EQ(0, std::memcmp(out, expect, 27));
+    EXPECT_EQ(out[27], 0xee);
+    std::memset(out, 0xee, sizeof out);
+    p.read_payload(3, out, 10);  // from the second piece into the third
+    EXPECT_EQ(0, std::memcmp(out, expect + 3, 10));
+    EXPECT_EQ(out[10], 0xee);
 }

@@ -5,8 +5,7 @@
 
 namespace marlix::softhca {
 
-void Packet::read_payload(uint64_t from, uint8_t *dst, size_t len) const {
-    uint64_t skip = payload_offset + from;
+void Packet::read_payload_pieces(uint64_t skip, uint8_t *dst, size_t len) const {
     for (uint32_t i = 0; i < span_count && len > 0; ++i) {
         const ByteSpan &s = spans[i];
         if (skip >= s.len) {

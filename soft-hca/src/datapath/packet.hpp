@@ -13,6 +13,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <type_traits>
 
@@ -159,7 +160,18 @@ struct Packet {
     uint32_t payload_len = 0;
 
     // Copies `len` payload bytes starting `from` bytes into the payload, to `dst`.
-    void read_payload(uint64_t from, uint8_t *dst, size_t len) const;
+    void read_payload(uint64_t from, uint8_t *dst, size_t len) const {
+        // Most payloads are one piece of memory: a copy, with no walk through the pieces.
+        const uint64_t skip = payload_offset + from;
+        if (span_count == 1 && skip <= spans[0].len && len <= spans[0].len - skip) [[likely]] {
+            std::memcpy(dst, spans[0].ptr + skip, len);
+            return;
+        }
+        read_payload_pieces(skip, dst, len);
+    }
+
+    // The same through the pieces, `skip` bytes into the first.
+    void read_payload_pieces(uint64_t skip, uint8_t *dst, size_t len) const;
 
     // Bytes of the packet as the port data counters count them (from the LRH to the ICRC, the
     // VCRC excluded): LRH 8, GRH 40, BTH 12, DETH 8, RETH 16, AtomicETH 28, AETH 4, AtomicAckETH 8,
