@@ -154,7 +154,13 @@ class QpQueueLock {
 CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq);
 // The QP a packet arriving on `port` for QP number `qp_num` is meant for: QP0 and QP1 are the
 // special QPs of that port, other numbers name the same QP on every port. Null when none.
-Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port);
+// Every packet asks: the numbers QPs are handed out from are one look-up, inline.
+Qp *find_qp_by_num_hashed(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port);
+inline Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port) {
+    if (qp_num >= limits::kFirstQpNum && qp_num - limits::kFirstQpNum < Device::kFastQpNumbers)
+        return dev.qp_by_fast_number[qp_num - limits::kFirstQpNum];
+    return find_qp_by_num_hashed(dev, qp_num, port);
+}
 // The key of Device::qp_by_number for a QP number arriving on a port.
 uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port);
 
