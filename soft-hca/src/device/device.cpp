@@ -188,18 +188,6 @@ void Device::remove_keys(const Region &region) {
     }
 }
 
-const Region *Device::find_lkey(VAPI_lkey_t lkey) const {
-    size_t i = lkey >> 8;
-    const Region *r = i < lkeys_.size() ? lkeys_[i] : nullptr;
-    return r && r->lkey == lkey ? r : nullptr;
-}
-
-const Region *Device::find_rkey(VAPI_rkey_t rkey) const {
-    size_t i = rkey >> 8;
-    const Region *r = i < rkeys_.size() ? rkeys_[i] : nullptr;
-    return r && r->rkey == rkey ? r : nullptr;
-}
-
 uint8_t *phys_ptr(uint64_t phys) {
     return static_cast<uint8_t *>(host::phys_to_host(phys));
 }

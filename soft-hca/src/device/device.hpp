@@ -349,8 +349,17 @@ class Device {
     template <class Emit>
     VAPI_ret_t walk(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr, uint64_t len,
                     VAPI_mrw_acl_t need, Emit &&emit) const;
-    const Region *find_lkey(VAPI_lkey_t lkey) const;
-    const Region *find_rkey(VAPI_rkey_t rkey) const;
+    // Every walk starts here: inline.
+    const Region *find_lkey(VAPI_lkey_t lkey) const {
+        const size_t i = lkey >> 8;
+        const Region *r = i < lkeys_.size() ? lkeys_[i] : nullptr;
+        return r && r->lkey == lkey ? r : nullptr;
+    }
+    const Region *find_rkey(VAPI_rkey_t rkey) const {
+        const size_t i = rkey >> 8;
+        const Region *r = i < rkeys_.size() ? rkeys_[i] : nullptr;
+        return r && r->rkey == rkey ? r : nullptr;
+    }
 
     // Releases every resource (close).
     void release_all();
