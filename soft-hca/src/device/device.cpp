@@ -134,6 +134,7 @@ Device::Device(int idx, int nports)
     cap.srq_resize_supported = FALSE;
 
     ports = std::vector<Port>(size_t(nports));  // ports are not movable: their counters stay put
+    port_count = ports.size();
     for (int i = 0; i < nports; ++i) {
         Port &p = ports[size_t(i)];
         p.num = IB_port_t(i + 1);

@@ -270,6 +270,7 @@ class Device {
     VAPI_hca_vendor_t vendor{};
     VAPI_hca_cap_t cap{};
     std::vector<Port> ports;  // ports[0] is port 1
+    size_t port_count = 0;    // ports.size(), kept: port() asks on every packet, and size() divides
 
     // Open state.
     std::atomic<bool> open{false};  // read without the lock by the poll fast path
@@ -328,7 +329,7 @@ class Device {
     // Set when the device fails (injected local catastrophic error): no more work is done.
     bool failed = false;
 
-    Port *port(IB_port_t num) { return num >= 1 && num <= ports.size() ? &ports[num - 1] : nullptr; }
+    Port *port(IB_port_t num) { return num >= 1 && num <= port_count ? &ports[num - 1] : nullptr; }
     Pd *find_pd(VAPI_pd_hndl_t pd);
 
     // Key management: every region and FMR map gets an lkey/rkey pair from the key table.
