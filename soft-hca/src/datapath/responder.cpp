@@ -213,8 +213,9 @@ void respond_ud(Device &dev, IB_port_t port, Qp &qp, const Packet &p, PendingEve
 // Sends (and the receive side of RDMA write with immediate) of a connected QP.
 void receive_message_data(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packet &p, Outbox &out,
                           PendingEvents &events, bool &stop) {
+    const uint8_t opcode = p.opcode;  // read once: the stores to the QP below might alias it
     stop = false;
-    if (op::is_first(p.opcode)) {
+    if (op::is_first(opcode)) {
         if (qp.rq.empty()) {
             if (rc) {
                 // Receiver not ready: the requester waits at least our minimum RNR timer.
@@ -231,13 +232,13 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, bool rc, const Pa
         qp.recv_taken = true;
         qp.message_bytes = 0;
         qp.message_failed = false;
-    }
-    if (!qp.in_message || qp.rq.empty()) {
+    } else if (!qp.in_message || qp.rq.empty()) {
+        // (A first packet has just found a receive; only the data path takes them.)
         stop = true;
         return;
     }
     const RecvEntry &r = qp.rq.front();
-    if (qp.forced_recv.armed && op::is_last(p.opcode)) {
+    if (qp.forced_recv.armed && op::is_last(opcode)) {
         VAPI_wc_desc_t wc = recv_wc(qp, r, qp.forced_recv.status);
         wc.vendor_err_syndrome = qp.forced_recv.syndrome;
         wc.byte_len = uint32_t(qp.message_bytes + p.payload_len);
@@ -252,7 +253,7 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, bool rc, const Pa
         return;
     }
     VAPI_wc_status_t st = VAPI_SUCCESS;
-    if (op::is_send(p.opcode)) st = scatter(dev, qp, r, qp.message_bytes, p, 0, p.payload_len);
+    if (op::is_send(opcode)) st = scatter(dev, qp, r, qp.message_bytes, p, 0, p.payload_len);
     if (st != VAPI_SUCCESS) {
         VAPI_wc_desc_t wc = recv_wc(qp, r, st);
         qp.in_message = false;
@@ -267,8 +268,8 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, bool rc, const Pa
         stop = true;
         return;
     }
-    if (op::is_send(p.opcode)) qp.message_bytes += p.payload_len;
-    if (op::is_last(p.opcode)) {
+    if (op::is_send(opcode)) qp.message_bytes += p.payload_len;
+    if (op::is_last(opcode)) {
         qp.in_message = false;
         qp.recv_taken = false;
         VAPI_wc_desc_t wc = message_wc(qp, r, p, qp.message_bytes);
@@ -379,14 +380,15 @@ void respond_atomic(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox
 // `rc`: the QP is a reliable connection (otherwise unreliable).
 void respond_connected(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packet &p, Outbox &out,
                        PendingEvents &events) {
-    const uint8_t o = op::operation(p.opcode);
+    const uint8_t opcode = p.opcode;  // read once: the stores to the QP below might alias it
+    const uint8_t o = op::operation(opcode);
     const int32_t d = psn_diff(p.psn, qp.expected_psn);
     if (rc) {
         if (d < 0) {
             // A duplicate: the requester retransmitted what we already executed.
             if (o == op::kReadRequest)
                 respond_read(dev, port, qp, p, out, events, true);
-            else if (op::is_atomic(p.opcode))
+            else if (op::is_atomic(opcode))
                 respond_atomic(dev, port, qp, p, out, events, true);
             else if (p.ack_req)
                 ack(dev, qp, port, p, out, psn_add(qp.expected_psn, kPsnMask));  // expected - 1
@@ -407,14 +409,14 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packe
     } else if (d != 0) {
         // Unreliable: a gap loses the message in progress; a new message starts afresh.
         qp.in_message = false;
-        if (!op::is_first(p.opcode)) {
+        if (!op::is_first(opcode)) {
             qp.message_failed = true;
             qp.expected_psn = psn_add(p.psn, 1);
             return;
         }
         qp.expected_psn = p.psn;
     }
-    if (!rc && qp.message_failed && !op::is_first(p.opcode)) {
+    if (!rc && qp.message_failed && !op::is_first(opcode)) {
         qp.expected_psn = psn_add(p.psn, 1);
         return;
     }
@@ -422,12 +424,12 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packe
         respond_read(dev, port, qp, p, out, events, false);
         return;
     }
-    if (op::is_atomic(p.opcode)) {
+    if (op::is_atomic(opcode)) {
         respond_atomic(dev, port, qp, p, out, events, false);
         return;
     }
-    if (op::is_write(p.opcode)) {
-        if (op::is_first(p.opcode)) {
+    if (op::is_write(opcode)) {
+        if (op::is_first(opcode)) {
             if (!(qp.attr.remote_atomic_flags & VAPI_EN_REM_WRITE)) {
                 if (rc)
                     refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR,
@@ -437,7 +439,7 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packe
                 return;
             }
             // A reliable write of one packet is checked by the walk that places it, below.
-            const bool checked_below = rc && op::is_last(p.opcode) && p.payload_len == p.dma_len;
+            const bool checked_below = rc && op::is_last(opcode) && p.payload_len == p.dma_len;
             VAPI_ret_t rc_key = checked_below
                                     ? VAPI_OK
                                     : dev.walk(p.rkey, true, qp.init.pd_hndl, p.va, p.dma_len,
@@ -473,7 +475,7 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packe
             return;
         }
         qp.message_bytes = offset + p.payload_len;
-        if (op::has_imm(p.opcode)) {
+        if (op::has_imm(opcode)) {
             // The immediate data needs a receive request: without one, RNR (the data stays written;
             // the retransmission writes it again).
             if (qp.rq.empty()) {
@@ -504,7 +506,7 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packe
         if (stop) return;
     }
     qp.expected_psn = psn_add(p.psn, 1);
-    if (op::is_last(p.opcode)) ++qp.msn;
+    if (op::is_last(opcode)) ++qp.msn;
     if (rc && p.ack_req) ack(dev, qp, port, p, out, p.psn);
 }
 
