@@ -30,6 +30,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <mutex>
 #include <optional>
 
@@ -170,5 +171,29 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     uint32_t head_index_ = 0;                   // the slot the next poll takes
     std::atomic<const Slot *> watch_{nullptr};  // that slot, for ready()
 };
+
+// Inline: every completion the data path produces comes through here.
+inline void CompletionQueue::store(Slot &slot, const VAPI_wc_desc_t &wc) {
+    std::memcpy(&slot.status, &wc.status, sizeof slot.status);
+    std::memcpy(slot.rest, reinterpret_cast<const unsigned char *>(&wc) + offsetof(VAPI_wc_desc_t, id),
+                sizeof slot.rest);
+}
+
+inline void CompletionQueue::put(uint64_t tail, const VAPI_wc_desc_t &wc) {
+    Slot &slot = ring_[tail_index_];
+    store(slot, wc);
+    slot.seq.store(sequence_of(tail), std::memory_order_release);
+    tail_index_ = next(tail_index_);
+    tail_.store(tail + 1, std::memory_order_release);
+}
+
+inline bool CompletionQueue::push_unarmed(const VAPI_wc_desc_t &wc) {
+    if (armed_ != VAPI_NOTIF_NONE || armed_count_ != 0) return false;
+    const uint64_t tail = tail_.load(std::memory_order_relaxed);
+    // Full as far as the producer last saw: complete() looks at the consumer's position again.
+    if (tail - seen_head_ >= size_) return false;
+    put(tail, wc);
+    return true;
+}
 
 }  // namespace marlix::softhca

@@ -54,12 +54,6 @@ void CompletionQueue::give_ring(Slot *ring, uint32_t n) {
     pool.free.emplace(n, std::unique_ptr<Slot[]>(ring));
 }
 
-void CompletionQueue::store(Slot &slot, const VAPI_wc_desc_t &wc) {
-    std::memcpy(&slot.status, &wc.status, sizeof slot.status);
-    std::memcpy(slot.rest, reinterpret_cast<const unsigned char *>(&wc) + offsetof(VAPI_wc_desc_t, id),
-                sizeof slot.rest);
-}
-
 void CompletionQueue::load(const Slot &slot, VAPI_wc_desc_t *wc) {
     std::memcpy(&wc->status, &slot.status, sizeof slot.status);
     std::memcpy(reinterpret_cast<unsigned char *>(wc) + offsetof(VAPI_wc_desc_t, id), slot.rest,
@@ -74,14 +68,6 @@ CompletionQueue::~CompletionQueue() {
     give_ring(ring_, size_);
 }
 
-void CompletionQueue::put(uint64_t tail, const VAPI_wc_desc_t &wc) {
-    Slot &slot = ring_[tail_index_];
-    store(slot, wc);
-    slot.seq.store(sequence_of(tail), std::memory_order_release);
-    tail_index_ = next(tail_index_);
-    tail_.store(tail + 1, std::memory_order_release);
-}
-
 bool CompletionQueue::push(const VAPI_wc_desc_t &wc) {
     const uint64_t tail = tail_.load(std::memory_order_relaxed);
     if (tail - seen_head_ >= size_) {
@@ -91,15 +77,6 @@ bool CompletionQueue::push(const VAPI_wc_desc_t &wc) {
             return false;
         }
     }
-    put(tail, wc);
-    return true;
-}
-
-bool CompletionQueue::push_unarmed(const VAPI_wc_desc_t &wc) {
-    if (armed_ != VAPI_NOTIF_NONE || armed_count_ != 0) return false;
-    const uint64_t tail = tail_.load(std::memory_order_relaxed);
-    // Full as far as the producer last saw: complete() looks at the consumer's position again.
-    if (tail - seen_head_ >= size_) return false;
     put(tail, wc);
     return true;
 }
@@ -203,11 +180,8 @@ CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq) {
     return it == dev.cqs.end() ? nullptr : static_cast<CompletionQueue *>(it->second.get());
 }
 
-namespace {
-
-// A push that may raise an event: the CQ is armed, or its ring looks full.
-[[gnu::noinline]] void push_completion_raising(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicited,
-                                               PendingEvents &events) {
+void push_completion_raising(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicited,
+                             PendingEvents &events) {
     bool overran = false;
     std::optional<CompletionEvent> ev = cq.complete(wc, solicited, &overran);
     if (ev && ev->handler) events.completions.push_back(*ev);
@@ -218,15 +192,6 @@ namespace {
         rec.modifier.cq_hndl = cq.hndl;
         events.async.push_back({rec, cq.event_gate});
     }
-}
-
-}  // namespace
-
-void push_completion(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicited, PendingEvents &events) {
-    // Most completions go to a CQ that nobody armed and that has room: they raise nothing.
-    if (cq.push_unarmed(wc)) [[likely]]
-        return;
-    push_completion_raising(cq, wc, solicited, events);
 }
 
 void PendingEvents::deliver_all(Device &dev) {
