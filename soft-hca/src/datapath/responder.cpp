@@ -513,8 +513,11 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packe
 }  // namespace
 
 void new_pass() {
-    [[gnu::tls_model("initial-exec")]] thread_local const uint64_t thread =
-        pass_threads.fetch_add(1, std::memory_order_relaxed) + 1;
+    // The thread's number, taken at its first pass (0: none yet); constant-initialised, so that
+    // reading it needs no guard.
+    [[gnu::tls_model("initial-exec")]] static thread_local uint64_t thread = 0;
+    if (thread == 0) [[unlikely]]
+        thread = pass_threads.fetch_add(1, std::memory_order_relaxed) + 1;
     pass_key = ((pass_key >> 24) + 1) << 24 | (thread & 0xffffff);
 }
 
