@@ -172,11 +172,30 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     std::atomic<const Slot *> watch_{nullptr};  // that slot, for ready()
 };
 
-// Inline: every completion the data path produces comes through here.
+// Inline: every completion the data path pushes, and every one polled, comes through these.
 inline void CompletionQueue::store(Slot &slot, const VAPI_wc_desc_t &wc) {
     std::memcpy(&slot.status, &wc.status, sizeof slot.status);
     std::memcpy(slot.rest, reinterpret_cast<const unsigned char *>(&wc) + offsetof(VAPI_wc_desc_t, id),
                 sizeof slot.rest);
+}
+
+inline void CompletionQueue::load(const Slot &slot, VAPI_wc_desc_t *wc) {
+    std::memcpy(&wc->status, &slot.status, sizeof slot.status);
+    std::memcpy(reinterpret_cast<unsigned char *>(wc) + offsetof(VAPI_wc_desc_t, id), slot.rest,
+                sizeof slot.rest);
+}
+
+inline VAPI_ret_t CompletionQueue::pop(VAPI_wc_desc_t *wc) {
+    std::lock_guard lk(poll_mu_);
+    if (dead_) return VAPI_EINVAL_CQ_HNDL;
+    const uint64_t head = head_.load(std::memory_order_relaxed);
+    const Slot &slot = ring_[head_index_];
+    if (slot.seq.load(std::memory_order_acquire) != sequence_of(head)) return VAPI_CQ_EMPTY;
+    load(slot, wc);
+    head_index_ = next(head_index_);
+    head_.store(head + 1, std::memory_order_release);
+    watch_.store(&ring_[head_index_], std::memory_order_release);
+    return VAPI_OK;
 }
 
 inline void CompletionQueue::put(uint64_t tail, const VAPI_wc_desc_t &wc) {
