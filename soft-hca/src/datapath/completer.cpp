@@ -63,8 +63,9 @@ void progress(Qp &qp, uint64_t now) {
 // Completes, in order, every sent request before `pos` that needs no response of its own (an
 // ACK or a later response acknowledges them); requests awaiting a read or atomic response stop it.
 // Returns whether it stopped at a sent request (which is then still unanswered); otherwise no
-// sent request is left before the next to send.
-bool ack_before(Qp &qp, uint64_t pos, uint32_t psn_acked, bool inclusive) {
+// sent request is left before the next to send. Built into its callers: every ACK walks here,
+// with `inclusive` and the bound known there.
+[[gnu::always_inline]] inline bool ack_before(Qp &qp, uint64_t pos, uint32_t psn_acked, bool inclusive) {
     for (uint64_t p = qp.sq.head(); p < qp.next_send; ++p) {
         SendEntry &w = qp.sq.at(p);
         if (w.phase != SendPhase::Sent) continue;
