@@ -140,6 +140,16 @@ class PeerLines : public QpLock {
         std::lock_guard lk(dev.mu);
         return sh::find_qp_by_num(dev, q.num, 1)->peer_lines.line[line].load();
     }
+    // One 16-byte send from `a` (on side `sa`) into a receive posted at `b` (on side `sb`).
+    void send_one(const Qp &a, Side &sa, const Qp &b, Side &sb) {
+        Buffer &src = buffer(sa, 64), &dst = buffer(sb, 64);
+        ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 32)}), VAPI_OK);
+        ASSERT_EQ(post_send(a, 3, VAPI_SEND, {src.sg(0, 16)}), VAPI_OK);
+        run();
+    }
+    void expect_none_noted(sh::Device &dev, const Qp &q) {
+        for (size_t i = 0; i < L::kCount; ++i) EXPECT_EQ(noted(dev, q, L::Line(i)), nullptr) << i;
+    }
 };
 
 TEST_F(PeerLines, ASendNotesTheReceiversMutexQueueAndNextCqSlot) {
@@ -148,7 +158,7 @@ TEST_F(PeerLines, ASendNotesTheReceiversMutexQueueAndNextCqSlot) {
     pattern(src, 5);
     ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 32)}), VAPI_OK);
     ASSERT_EQ(post_recv(b, 2, {dst.sg(32, 32)}), VAPI_OK);
-    for (size_t i = 0; i < L::kCount; ++i) EXPECT_EQ(noted(device(s0), a, L::Line(i)), nullptr) << i;
+    expect_none_noted(device(s0), a);
     ASSERT_EQ(post_send(a, 3, VAPI_SEND, {src.sg(0, 16)}), VAPI_OK);
     run();
     ASSERT_EQ(poll(s1).size(), 1u);
@@ -179,28 +189,22 @@ TEST_F(PeerLines, AWriteWithoutImmediateDataNotesNoReceiveQueueOrCqSlot) {
 
 TEST_F(PeerLines, AQpThatReusesARecordStartsWithNone) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
-    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
-    ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 32)}), VAPI_OK);
-    ASSERT_EQ(post_send(a, 3, VAPI_SEND, {src.sg(0, 16)}), VAPI_OK);
-    run();
+    send_one(a, s0, b, s1);
     ASSERT_NE(noted(device(s0), a, L::kMutex), nullptr);
     ASSERT_EQ(VAPI_destroy_qp(s0.hca, a.hndl), VAPI_OK);
     run();
     auto [c, d] = pair(VAPI_TS_RC, s0, s1);
     ASSERT_EQ(c.hndl, a.hndl) << "the new QP did not get the old record";
-    for (size_t i = 0; i < L::kCount; ++i) EXPECT_EQ(noted(device(s0), c, L::Line(i)), nullptr) << i;
+    expect_none_noted(device(s0), c);
     (void)d;
 }
 
 TEST_F(PeerLines, ASendWithinItsOwnDeviceNotesNothing) {
     // Loopback: the pass already holds the receiving device, whose lines are its own.
     auto [a, b] = pair(VAPI_TS_RC, s0, s0);
-    Buffer &src = buffer(s0, 64), &dst = buffer(s0, 64);
-    ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 32)}), VAPI_OK);
-    ASSERT_EQ(post_send(a, 3, VAPI_SEND, {src.sg(0, 16)}), VAPI_OK);
-    run();
+    send_one(a, s0, b, s0);
     ASSERT_EQ(poll(s0).size(), 2u);
-    for (size_t i = 0; i < L::kCount; ++i) EXPECT_EQ(noted(device(s0), a, L::Line(i)), nullptr) << i;
+    expect_none_noted(device(s0), a);
 }
 
 class QpLockThreaded : public QpLock {
