@@ -84,6 +84,8 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
                sequence_of(head_.load(std::memory_order_relaxed));
     }
 
+    // The slot the next push fills (producer side), for a prefetch by whoever pushes next.
+    const void *next_slot() const { return &ring_[tail_index_]; }
     // Takes the oldest completion: VAPI_OK, VAPI_CQ_EMPTY, or VAPI_EINVAL_CQ_HNDL once destroyed.
     VAPI_ret_t pop(VAPI_wc_desc_t *wc);
     // Changes the ring size keeping every queued completion in order; false when they do not fit.

@@ -261,6 +261,9 @@ class Device {
     // Only one pass runs per device, so the packets of one QP leave in order: a posting thread
     // that finds one running leaves its QP to the engine, and the engine's round waits for it.
     bool pass_running = false;
+    // Set when the device fails (injected local catastrophic error): no more work is done. Under
+    // `mu` and in its line, since every delivery to the device reads it.
+    bool failed = false;
 
     // Identity and capabilities (fixed at boot).
     const int index;
@@ -326,8 +329,6 @@ class Device {
     std::array<std::atomic<CompletionQueue *>, kFastCqHandles> fast_cqs{};
     // Calls of each verb addressed to this device (fault injection counts them).
     std::array<std::atomic<uint64_t>, kVerbCount> call_counts{};
-    // Set when the device fails (injected local catastrophic error): no more work is done.
-    bool failed = false;
 
     Port *port(IB_port_t num) { return num >= 1 && num <= port_count ? &ports[num - 1] : nullptr; }
     Pd *find_pd(VAPI_pd_hndl_t pd);

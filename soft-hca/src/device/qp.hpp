@@ -72,6 +72,26 @@ struct QpContext {
     uint64_t rnr_wait_until = 0;       // RNR NAK: nothing is sent before this (ns)
     bool sqd_event_due = false;        // SQD entered with notification asked; raise when drained
     bool alt_path_loaded = false;      // an alternate path was given; a migration uses it up
+    // List membership, changed by this device's passes (kept with the requester's state, away from
+    // what another device's pass reads when it delivers to this QP).
+    bool on_active_list = false;  // queued on the device's list of QPs with requester work
+    bool on_sent_list = false;    // on the device's list of UD/UC QPs with sent requests
+    // Where the last request this QP delivered to another device left that device's hot lines
+    // (its mutex, the receiving QP's queue positions, the next CQ slot): the next post starts
+    // bringing them over before it runs its pass (see warm_peer()). Written by passes of this
+    // device, read by posters without a lock; a stale address costs only a useless prefetch.
+    struct PeerLines {
+        // The lines a pass writes (mutex, responder state, CQ slot), then those it only reads.
+        enum Line : size_t { kMutex, kResponder, kCqSlot, kRqTail, kRqFront, kCount };
+        std::array<std::atomic<const void *>, kCount> line{};
+        PeerLines() = default;
+        // A context assigned anew (a record reused for a new QP) forgets them.
+        PeerLines(const PeerLines &) {}
+        PeerLines &operator=(const PeerLines &) {
+            for (auto &l : line) l.store(nullptr, std::memory_order_relaxed);
+            return *this;
+        }
+    } peer_lines;
     // ---- Responder -----------------------------------------------------------------------
     // RC/UC: the PSN the next request must carry.
     alignas(limits::kCacheLine) uint32_t expected_psn = 0;
@@ -103,9 +123,7 @@ struct QpContext {
     };
     alignas(limits::kCacheLine) Forced forced_send;
     Forced forced_recv;
-    bool on_active_list = false;  // queued on the device's list of QPs with requester work
-    bool on_sent_list = false;    // on the device's list of UD/UC QPs with sent requests
-    bool destroyed = false;       // destroyed; the record waits in Device::retired, then is reused
+    bool destroyed = false;  // destroyed; the record waits in Device::retired, then is reused
     std::set<std::pair<Mgid, IB_lid_t>> mcast_groups;  // groups this QP is attached to
     std::optional<uint32_t> reported_state;            // what VAPI_query_qp says instead (tests)
     // What destroy closes and waits on: the QP's asynchronous events in flight.
