@@ -114,8 +114,17 @@ Outbox::Entry *reply(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Out
     return &e;
 }
 
-// Most requests draw one: reply() is built into it.
-[[gnu::flatten]] void ack(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, uint32_t psn) {
+// A new ACK, which most requests draw: reply() is built into it.
+[[gnu::flatten, gnu::noinline]] void new_ack(Device &dev, Qp &qp, IB_port_t port, const Packet &req,
+                                             Outbox &out, uint32_t psn) {
+    if (Outbox::Entry *e = reply(dev, qp, port, req, out, op::kAck)) {
+        e->pkt.psn = psn;
+        e->pkt.syndrome = aeth::kAck;
+    }
+}
+
+[[gnu::always_inline]] inline void ack(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out,
+                                       uint32_t psn) {
     // Coalescing: when the last reply waiting to go is this QP's own ACK, this one takes its
     // place (an ACK acknowledges every PSN up to its own), so a burst of requests delivered in
     // one go draws one ACK.
@@ -130,10 +139,7 @@ Outbox::Entry *reply(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Out
             return;
         }
     }
-    if (Outbox::Entry *e = reply(dev, qp, port, req, out, op::kAck)) {
-        e->pkt.psn = psn;
-        e->pkt.syndrome = aeth::kAck;
-    }
+    new_ack(dev, qp, port, req, out, psn);
 }
 
 void nak(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, uint8_t syndrome) {
