@@ -104,3 +104,22 @@ TEST(PacketPayload, ReadsFromOnePieceOrSeveralAtAnyOffset) {
     EXPECT_EQ(0, std::memcmp(out, expect + 3, 10));
     EXPECT_EQ(out[10], 0xee);
 }
+
+namespace {
+
+TEST(PacketPayload, CopiesOfEveryShortLengthMoveExactlyTheirBytes) {
+    // The short copies move overlapping words: each length up to past the word sizes must move
+    // its own bytes and leave the byte after them alone.
+    uint8_t src[48];
+    for (size_t i = 0; i < sizeof src; ++i) src[i] = uint8_t(i + 1);
+    for (size_t len = 0; len <= 40; ++len) {
+        uint8_t dst[48];
+        std::memset(dst, 0xee, sizeof dst);
+        sh::copy_bytes(dst + 1, src + 3, len);
+        EXPECT_EQ(dst[0], 0xee) << len;
+        EXPECT_EQ(std::memcmp(dst + 1, src + 3, len), 0) << len;
+        EXPECT_EQ(dst[1 + len], 0xee) << len;
+    }
+}
+
+}  // namespace
