@@ -6,6 +6,9 @@
 //   softhca_ops write SIZE N   N signalled RDMA writes of SIZE bytes, each waited for
 //   softhca_ops pingpong N     N round trips of 8-byte RC sends driven by one thread
 //   softhca_ops rate N         N signalled 8-byte sends, each received and its receive posted again
+//   softhca_ops list N         N lists of 64 8-byte sends in one EVAPI_post_sr_list, the last one
+//                              signalled; each receive polled and posted again, one per call
+//                              (instructions.sh gives the count per message)
 //
 // Both devices run on the threaded engine, as in softhca_bench; each post carries its message
 // through on the posting thread, so the counted instructions are the whole cost of an operation.
@@ -31,7 +34,7 @@ namespace {
 namespace mb = marlix::bench;
 
 int usage() {
-    std::fprintf(stderr, "usage: softhca_ops write SIZE N | pingpong N | rate N\n");
+    std::fprintf(stderr, "usage: softhca_ops write SIZE N | pingpong N | rate N | list N\n");
     return 2;
 }
 
@@ -83,6 +86,31 @@ int main(int argc, char **argv) {
             f.end[0].wait();
             f.end[1].wait();
             f.end[1].recv(id, 0, 8);
+        });
+        return 0;
+    }
+    if (what == "list" && argc == 3) {
+        constexpr uint32_t kList = 64;
+        mb::RcFabric f(4096, 256);
+        for (uint32_t i = 0; i < 2 * kList; ++i) f.end[1].recv(i, 0, 8);
+        const mb::RcEnd &tx = f.end[0];
+        VAPI_sg_lst_entry_t sg{tx.base, 8, tx.lkey};
+        VAPI_sr_desc_t list[kList] = {};
+        for (VAPI_sr_desc_t &d : list) {
+            d.opcode = VAPI_SEND;
+            d.comp_type = VAPI_UNSIGNALED;
+            d.sg_lst_p = &sg;
+            d.sg_lst_len = 1;
+        }
+        list[kList - 1].comp_type = VAPI_SIGNALED;
+        measure(std::atoi(argv[2]), [&](uint64_t id) {
+            for (uint32_t i = 0; i < kList; ++i) list[i].id = id * kList + i;
+            EVAPI_post_sr_list(tx.hca, tx.qp, kList, list);
+            tx.wait();
+            for (uint32_t i = 0; i < kList; ++i) {
+                f.end[1].wait();
+                f.end[1].recv(id * kList + i, 0, 8);
+            }
         });
         return 0;
     }

@@ -19,9 +19,11 @@ count() {
         "$ops" "$@" >/dev/null 2>&1
     total=$(cat "$dir"/out.*.1-01 | awk '/^totals:/ {s += $2} END {print s}')
     rm -f "$dir"/out.*
-    echo "$*: $((total / n)) instructions per operation"
+    echo "$*: $((total / n)) instructions per ${unit:-operation}"
 }
 count 2000 write 64 2000
 count 2000 write 65536 2000
 count 2000 pingpong 2000
 count 2000 rate 2000
+# Lists of 64 sends: the count is per message.
+unit=message count 64000 list 1000

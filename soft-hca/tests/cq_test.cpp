@@ -179,6 +179,33 @@ TEST_F(CqTest, OverrunDropsTheCompletionAndRaisesACqError) {
     EXPECT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_CQ_EMPTY);
 }
 
+TEST_F(CqTest, AnArmedCqThatOverflowsRaisesItsEventAndTheCqErrorOnce) {
+    ASSERT_EQ(VAPI_set_async_event_handler(hca, record_async, nullptr), VAPI_OK);
+    VAPI_cq_hndl_t h = make_cq(1);
+    EVAPI_compl_handler_hndl_t hh = 0;
+    ASSERT_EQ(EVAPI_set_comp_eventh(hca, h, record_event, nullptr, &hh), VAPI_OK);
+    complete(h, completion(1));  // fills the ring, raises nothing
+    EXPECT_TRUE(g_fired.empty());
+    EXPECT_TRUE(g_async.empty());
+    ASSERT_EQ(VAPI_req_comp_notif(hca, h, VAPI_NEXT_COMP), VAPI_OK);
+    complete(h, completion(2));  // dropped; the arming still fires, and the overrun is raised
+    ASSERT_EQ(g_fired.size(), 1u);
+    ASSERT_EQ(g_async.size(), 1u);
+    EXPECT_EQ(g_async[0].syndrome, VAPI_CQ_ERR_OVERRUN);
+    complete(h, completion(3));  // disarmed and already overrun: nothing more
+    EXPECT_EQ(g_fired.size(), 1u);
+    EXPECT_EQ(g_async.size(), 1u);
+    VAPI_wc_desc_t wc{};
+    ASSERT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_OK);
+    EXPECT_EQ(wc.id, 1u);
+    // Room again: an unarmed push goes in and raises nothing.
+    complete(h, completion(4));
+    ASSERT_EQ(VAPI_poll_cq(hca, h, &wc), VAPI_OK);
+    EXPECT_EQ(wc.id, 4u);
+    EXPECT_EQ(g_fired.size(), 1u);
+    EXPECT_EQ(g_async.size(), 1u);
+}
+
 TEST_F(CqTest, DestroyIsRefusedWhileAQpUsesTheCq) {
     VAPI_qp_hndl_t qp = make_qp(VAPI_TS_UD);
     EXPECT_EQ(VAPI_destroy_cq(hca, cq), VAPI_EBUSY);

@@ -206,6 +206,36 @@ TEST_F(DataPathErrors, ALostPacketIsRetransmittedAndTheMessageArrivesOnce) {
     EXPECT_EQ(sh::link_dropped_packets("InfiniHost0", 1), 3u);
 }
 
+TEST_F(DataPathErrors, AnAckPastALostReadResponseLeavesTheReadToTheTimer) {
+    Conn c;
+    c.timeout = 10;  // 4.2 ms
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1, c);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    pattern(src, 5);
+    pattern(dst, 9);
+    // The requests wait on the requester's link; once they are on their way, the link loses the
+    // first reply coming back (the read response) and lets the write's ACK behind it through.
+    delay_packets(s0, 2);
+    ASSERT_EQ(post_send(a, 1, VAPI_RDMA_READ, {src.sg(0, 16)}, dst.addr(), dst.rkey), VAPI_OK);
+    ASSERT_EQ(post_send(a, 2, VAPI_RDMA_WRITE, {src.sg(32, 8)}, dst.addr() + 32, dst.rkey), VAPI_OK);
+    run();
+    drop_packets(s0, 1);
+    sh::advance_clock(2);
+    EXPECT_EQ(sh::link_dropped_packets("InfiniHost0", 1), 1u);
+    EXPECT_EQ(0, std::memcmp(dst.bytes.data() + 32, src.bytes.data() + 32, 8));  // written
+    // The ACK cannot answer the read, and the write completes only after it: both wait for the
+    // timer, which the ACK started again.
+    EXPECT_TRUE(poll(s0).empty());
+    sh::advance_clock(5);
+    auto s = poll(s0);
+    ASSERT_EQ(s.size(), 2u);
+    EXPECT_EQ(s[0].id, 1u);
+    EXPECT_EQ(s[0].status, VAPI_SUCCESS);
+    EXPECT_EQ(s[1].id, 2u);
+    EXPECT_EQ(s[1].status, VAPI_SUCCESS);
+    EXPECT_EQ(0, std::memcmp(src.bytes.data(), dst.bytes.data(), 16));
+}
+
 TEST_F(DataPathErrors, APacketLostInTheMiddleIsAskedForAgain) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Buffer &src = buffer(s0, 8192), &dst = buffer(s1, 8192);

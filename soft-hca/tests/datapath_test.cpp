@@ -292,6 +292,36 @@ TEST_F(DataPath, UnsignalledRequestsLeaveNoCompletionUnlessTheQpSignalsAll) {
     EXPECT_EQ(only(poll(s0)).id, 3u);
 }
 
+TEST_F(DataPath, CompletionsCountTheRequestsFreedUpToAndIncludingTheirOwn) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);  // queues of 16
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(post_recv(b, 100 + i, {dst.sg(8 * i, 8)}), VAPI_OK);
+    ASSERT_EQ(post_send(a, 200, VAPI_SEND, {src.sg(0, 8)}), VAPI_OK);
+    ASSERT_EQ(post_send(a, 201, VAPI_SEND, {src.sg(8, 8)}, 0, 0, false), VAPI_OK);
+    ASSERT_EQ(post_send(a, 202, VAPI_SEND, {src.sg(16, 8)}), VAPI_OK);
+    ASSERT_EQ(post_send(a, 203, VAPI_RDMA_WRITE, {src.sg(24, 8)}, dst.addr() + 32, dst.rkey, false), VAPI_OK);
+    run();
+    // The unsignalled requests leave no completion, but their slots are free all the same.
+    auto s = poll(s0);
+    ASSERT_EQ(s.size(), 2u);
+    EXPECT_EQ(s[0].id, 200u);
+    EXPECT_EQ(s[0].free_res_count, 13u);
+    EXPECT_EQ(s[1].id, 202u);
+    EXPECT_EQ(s[1].free_res_count, 15u);
+    auto r = poll(s1);
+    ASSERT_EQ(r.size(), 3u);
+    for (uint32_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(r[i].id, VAPI_wr_id_t(100 + i));
+        EXPECT_EQ(r[i].free_res_count, 14u + i);
+    }
+    // Every slot is free again: a full queue's worth goes in.
+    for (int i = 0; i < 16; ++i)
+        ASSERT_EQ(post_send(a, 300 + i, VAPI_RDMA_WRITE, {src.sg(0, 8)}, dst.addr(), dst.rkey, false),
+                  VAPI_OK);
+    EXPECT_NE(post_send(a, 316, VAPI_RDMA_WRITE, {src.sg(0, 8)}, dst.addr(), dst.rkey, false), VAPI_OK);
+    run();
+}
+
 TEST_F(DataPath, ListPostsRunInOrder) {
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);
     Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);

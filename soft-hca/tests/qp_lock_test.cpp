@@ -11,6 +11,7 @@
 
 #include "datapath_fixture.hpp"
 #include "device/device.hpp"
+#include "device/qp.hpp"
 
 namespace {
 
@@ -127,6 +128,83 @@ TEST_F(QpLock, AQpThatReusesADestroyedQpsRecordStartsEmpty) {
     EXPECT_EQ(sent[0].id, 5u);
     EXPECT_EQ(sent[0].status, VAPI_SUCCESS);
     (void)b;
+}
+
+// Between two threads that each post on one device and poll the other's answers, the lines a
+// request needs at the receiving device were last written by the other thread. A pass notes in
+// the sending QP where they are, so that the next post starts bringing them over at once.
+class PeerLines : public QpLock {
+  protected:
+    using L = sh::Qp::PeerLines;
+    static const void *noted(sh::Device &dev, const Qp &q, L::Line line) {
+        std::lock_guard lk(dev.mu);
+        return sh::find_qp_by_num(dev, q.num, 1)->peer_lines.line[line].load();
+    }
+    // One 16-byte send from `a` (on side `sa`) into a receive posted at `b` (on side `sb`).
+    void send_one(const Qp &a, Side &sa, const Qp &b, Side &sb) {
+        Buffer &src = buffer(sa, 64), &dst = buffer(sb, 64);
+        ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 32)}), VAPI_OK);
+        ASSERT_EQ(post_send(a, 3, VAPI_SEND, {src.sg(0, 16)}), VAPI_OK);
+        run();
+    }
+    void expect_none_noted(sh::Device &dev, const Qp &q) {
+        for (size_t i = 0; i < L::kCount; ++i) EXPECT_EQ(noted(dev, q, L::Line(i)), nullptr) << i;
+    }
+};
+
+TEST_F(PeerLines, ASendNotesTheReceiversMutexQueueAndNextCqSlot) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    pattern(src, 5);
+    ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 32)}), VAPI_OK);
+    ASSERT_EQ(post_recv(b, 2, {dst.sg(32, 32)}), VAPI_OK);
+    expect_none_noted(device(s0), a);
+    ASSERT_EQ(post_send(a, 3, VAPI_SEND, {src.sg(0, 16)}), VAPI_OK);
+    run();
+    ASSERT_EQ(poll(s1).size(), 1u);
+    sh::Device &receiver = device(s1);
+    std::lock_guard lk(receiver.mu);
+    sh::Qp &rq = *sh::find_qp_by_num(receiver, b.num, 1);
+    ASSERT_EQ(rq.rq.head(), 1u);
+    EXPECT_EQ(noted(device(s0), a, L::kMutex), &receiver.mu);
+    EXPECT_EQ(noted(device(s0), a, L::kResponder), &rq.expected_psn);
+    EXPECT_EQ(noted(device(s0), a, L::kCqSlot), rq.recv_cq->next_slot());
+    EXPECT_EQ(noted(device(s0), a, L::kRqTail), rq.rq.tail_line());
+    EXPECT_EQ(noted(device(s0), a, L::kRqFront), &rq.rq.at(1)) << "not the entry of the next receive";
+}
+
+TEST_F(PeerLines, AWriteWithoutImmediateDataNotesNoReceiveQueueOrCqSlot) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 32)}), VAPI_OK);
+    ASSERT_EQ(post_send(a, 3, VAPI_RDMA_WRITE, {src.sg(0, 16)}, dst.addr(), dst.rkey), VAPI_OK);
+    run();
+    ASSERT_EQ(poll(s0).size(), 1u);
+    EXPECT_EQ(noted(device(s0), a, L::kMutex), &device(s1).mu);
+    EXPECT_NE(noted(device(s0), a, L::kResponder), nullptr);
+    EXPECT_EQ(noted(device(s0), a, L::kCqSlot), nullptr);
+    EXPECT_EQ(noted(device(s0), a, L::kRqTail), nullptr);
+    EXPECT_EQ(noted(device(s0), a, L::kRqFront), nullptr);
+}
+
+TEST_F(PeerLines, AQpThatReusesARecordStartsWithNone) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    send_one(a, s0, b, s1);
+    ASSERT_NE(noted(device(s0), a, L::kMutex), nullptr);
+    ASSERT_EQ(VAPI_destroy_qp(s0.hca, a.hndl), VAPI_OK);
+    run();
+    auto [c, d] = pair(VAPI_TS_RC, s0, s1);
+    ASSERT_EQ(c.hndl, a.hndl) << "the new QP did not get the old record";
+    expect_none_noted(device(s0), c);
+    (void)d;
+}
+
+TEST_F(PeerLines, ASendWithinItsOwnDeviceNotesNothing) {
+    // Loopback: the pass already holds the receiving device, whose lines are its own.
+    auto [a, b] = pair(VAPI_TS_RC, s0, s0);
+    send_one(a, s0, b, s0);
+    ASSERT_EQ(poll(s0).size(), 2u);
+    expect_none_noted(device(s0), a);
 }
 
 class QpLockThreaded : public QpLock {

@@ -46,28 +46,36 @@ void rewind_to(Device &dev, Qp &qp, uint64_t pos) {
     activate(dev, qp);
 }
 
-// Progress: the retry budgets start again and the timer restarts for what is still unanswered.
-void progress(Qp &qp, uint64_t now) {
+// Progress: the retry budgets start again and the timer restarts if a request is `unanswered`.
+void progress(Qp &qp, uint64_t now, bool unanswered) {
     qp.retries_left = qp.attr.retry_count;
     qp.rnr_retries_left = qp.attr.rnr_retry;
+    qp.retransmit_at = unanswered && qp.attr.timeout ? now + timeout_ns(qp.attr.timeout) : 0;
+}
+// The same, finding out whether a sent request is still unanswered.
+void progress(Qp &qp, uint64_t now) {
     bool unanswered = false;
     for (uint64_t p = qp.sq.head(); p < qp.next_send && !unanswered; ++p)
         unanswered = qp.sq.at(p).phase == SendPhase::Sent;
-    qp.retransmit_at = unanswered && qp.attr.timeout ? now + timeout_ns(qp.attr.timeout) : 0;
+    progress(qp, now, unanswered);
 }
 
 // Completes, in order, every sent request before `pos` that needs no response of its own (an
 // ACK or a later response acknowledges them); requests awaiting a read or atomic response stop it.
-void ack_before(Qp &qp, uint64_t pos, uint32_t psn_acked, bool inclusive) {
+// Returns whether it stopped at a sent request (which is then still unanswered); otherwise no
+// sent request is left before the next to send. Built into its callers: every ACK walks here,
+// with `inclusive` and the bound known there.
+[[gnu::always_inline]] inline bool ack_before(Qp &qp, uint64_t pos, uint32_t psn_acked, bool inclusive) {
     for (uint64_t p = qp.sq.head(); p < qp.next_send; ++p) {
         SendEntry &w = qp.sq.at(p);
         if (w.phase != SendPhase::Sent) continue;
-        if (p > pos || (p == pos && !inclusive)) break;
-        if (psn_diff(w.last_psn, psn_acked) > 0) break;
-        if (is_read_or_atomic(w.desc.opcode)) break;
+        if (p > pos || (p == pos && !inclusive)) return true;
+        if (psn_diff(w.last_psn, psn_acked) > 0) return true;
+        if (is_read_or_atomic(w.desc.opcode)) return true;
         w.phase = SendPhase::Done;
         w.status = VAPI_SUCCESS;
     }
+    return false;
 }
 
 void fail(Device &dev, Qp &qp, SendEntry &w, VAPI_wc_status_t status, uint32_t syndrome,
@@ -130,8 +138,8 @@ void complete(Device &dev, IB_port_t port, const Packet &p, uint64_t now, Pendin
         if (kind == aeth::kAck) {
             // Everything up to this PSN arrived.
             uint64_t last = qp.next_send;
-            ack_before(qp, last, p.psn, true);
-            progress(qp, now);
+            // What it leaves unanswered is what the timer now waits for.
+            progress(qp, now, ack_before(qp, last, p.psn, true));
         } else if (kind == aeth::kRnrNak) {
             SendEntry *w = find_sent(qp, p.psn, &pos);
             if (!w) return;

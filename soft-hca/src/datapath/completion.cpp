@@ -14,22 +14,22 @@ bool signalled(const Qp &qp, const SendEntry &w) {
     return w.desc.comp_type == VAPI_SIGNALED || qp.init.sq_sig_type == VAPI_SIGNAL_ALL_WR;
 }
 
-void push_send_cqe(Qp &qp, const SendEntry &w, PendingEvents &events) {
-    // Successful unsignalled requests leave no completion; errors and flushes always do.
-    if (w.status == VAPI_SUCCESS && !signalled(qp, w)) return;
-    CompletionQueue *cq = qp.send_cq;
-    if (!cq) return;
-    VAPI_wc_desc_t wc{};
+// Hands the request at `head`, the front of the send queue, back to the posters.
+void retire_front(Qp &qp, uint64_t head) {
+    qp.sq.pop();
+    if (qp.next_send <= head) qp.next_send = head + 1;
+}
+
+// The completion of a send request, all but its free count (which follows its retirement).
+void fill_send_wc(const Qp &qp, const SendEntry &w, VAPI_wc_desc_t &wc) {
     wc.status = w.status;
     wc.id = w.desc.id;
     wc.local_qp_num = qp.qp_num;
     wc.opcode = send_cqe_opcode(w.desc.opcode);
     wc.byte_len = w.status == VAPI_SUCCESS ? uint32_t(w.length) : 0;
     wc.vendor_err_syndrome = w.syndrome;
-    wc.free_res_count = qp.sq.free_slots();
     wc.pkey_ix = w.has_pkey_ix ? w.pkey_ix : qp.attr.pkey_ix;
     wc.remote_node_addr.type = VAPI_RNA_UD;
-    push_completion(*cq, wc, false, events);
 }
 
 }  // namespace
@@ -92,14 +92,28 @@ void complete_send(Device &dev, Qp &qp, SendEntry &w, VAPI_wc_status_t status, u
 }
 
 void retire_sends(Device &, Qp &qp, PendingEvents &events) {
-    while (!qp.sq.empty() && qp.sq.front().phase == SendPhase::Done) {
-        SendEntry w = qp.sq.front();
-        qp.sq.pop();
-        if (qp.next_send < qp.sq.head()) qp.next_send = qp.sq.head();
-        push_send_cqe(qp, w, events);
+    // Only the data path marks requests done, and it runs here: what posters add meanwhile is
+    // not done, so the tail as it is now bounds the run.
+    const uint64_t tail = qp.sq.tail();
+    uint64_t head = qp.sq.head();
+    for (; head != tail && qp.sq.at(head).phase == SendPhase::Done; ++head) {
+        const SendEntry &w = qp.sq.at(head);
+        // Successful unsignalled requests leave no completion; errors and flushes always do.
+        CompletionQueue *cq = qp.send_cq;
+        if (!cq || (w.status == VAPI_SUCCESS && !signalled(qp, w))) {
+            retire_front(qp, head);
+            continue;
+        }
+        // Read the request before it is retired: its slot is then the posters'. Its completion
+        // goes out after, so that a poller who sees it finds the slot free.
+        VAPI_wc_desc_t wc{};
+        fill_send_wc(qp, w, wc);
+        retire_front(qp, head);
+        wc.free_res_count = qp.sq.free_slots();
+        push_completion(*cq, wc, false, events);
     }
     // Nothing unanswered any more: no retransmission is due.
-    if (qp.sq.head() == qp.next_send) qp.retransmit_at = 0;
+    if (head == qp.next_send) qp.retransmit_at = 0;
 }
 
 void flush_send_queue(Device &dev, Qp &qp, PendingEvents &events) {

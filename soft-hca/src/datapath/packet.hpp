@@ -11,7 +11,10 @@
 
 #include <vapi_types.h>
 
+#include <array>
 #include <cstdint>
+#include <cstring>
+#include <initializer_list>
 #include <type_traits>
 
 namespace marlix::softhca {
@@ -66,24 +69,34 @@ constexpr bool is_atomic(uint8_t o) {
 constexpr bool is_response(uint8_t o) {
     return is_read_response(o) || operation(o) == kAck || operation(o) == kAtomicAck;
 }
+// The operations (low five bits) of a set, as a mask: `o` is in it when bit operation(o) is set.
+// The data path asks these of every packet, so each is one shift.
+constexpr uint32_t ops_mask(std::initializer_list<uint8_t> ops) {
+    uint32_t m = 0;
+    for (uint8_t x : ops) m |= 1u << x;
+    return m;
+}
+constexpr bool in(uint32_t mask, uint8_t o) {
+    return (mask >> operation(o)) & 1;
+}
+constexpr uint32_t kFirstOps = ops_mask({kSendFirst, kSendOnly, kSendOnlyImm, kWriteFirst, kWriteOnly,
+                                         kWriteOnlyImm, kReadResponseFirst, kReadResponseOnly});
+constexpr uint32_t kLastOps =
+    ops_mask({kSendLast, kSendLastImm, kSendOnly, kSendOnlyImm, kWriteLast, kWriteLastImm, kWriteOnly,
+              kWriteOnlyImm, kReadResponseLast, kReadResponseOnly});
+constexpr uint32_t kImmOps = ops_mask({kSendLastImm, kSendOnlyImm, kWriteLastImm, kWriteOnlyImm});
+constexpr uint32_t kRethOps = ops_mask({kWriteFirst, kWriteOnly, kWriteOnlyImm, kReadRequest});
 constexpr bool is_first(uint8_t o) {
-    uint8_t x = operation(o);
-    return x == kSendFirst || x == kSendOnly || x == kSendOnlyImm || x == kWriteFirst || x == kWriteOnly ||
-           x == kWriteOnlyImm || x == kReadResponseFirst || x == kReadResponseOnly;
+    return in(kFirstOps, o);
 }
 constexpr bool is_last(uint8_t o) {
-    uint8_t x = operation(o);
-    return x == kSendLast || x == kSendLastImm || x == kSendOnly || x == kSendOnlyImm || x == kWriteLast ||
-           x == kWriteLastImm || x == kWriteOnly || x == kWriteOnlyImm || x == kReadResponseLast ||
-           x == kReadResponseOnly;
+    return in(kLastOps, o);
 }
 constexpr bool has_imm(uint8_t o) {
-    uint8_t x = operation(o);
-    return x == kSendLastImm || x == kSendOnlyImm || x == kWriteLastImm || x == kWriteOnlyImm;
+    return in(kImmOps, o);
 }
 constexpr bool has_reth(uint8_t o) {
-    uint8_t x = operation(o);
-    return x == kWriteFirst || x == kWriteOnly || x == kWriteOnlyImm || x == kReadRequest;
+    return in(kRethOps, o);
 }
 }  // namespace op
 
@@ -106,6 +119,28 @@ struct ByteSpan {
     uint8_t *ptr = nullptr;
     size_t len = 0;
 };
+
+// Copies `len` bytes. Payloads of a few bytes (the messages of a message rate) are moved
+// inline, as two overlapping loads and stores, rather than through a call to memcpy.
+inline void copy_bytes(uint8_t *dst, const uint8_t *src, size_t len) {
+    if (len > 16) {
+        std::memcpy(dst, src, len);
+    } else if (len >= 8) {
+        uint64_t head, tail;
+        std::memcpy(&head, src, 8);
+        std::memcpy(&tail, src + len - 8, 8);
+        std::memcpy(dst, &head, 8);
+        std::memcpy(dst + len - 8, &tail, 8);
+    } else if (len >= 4) {
+        uint32_t head, tail;
+        std::memcpy(&head, src, 4);
+        std::memcpy(&tail, src + len - 4, 4);
+        std::memcpy(dst, &head, 4);
+        std::memcpy(dst + len - 4, &tail, 4);
+    } else {
+        for (size_t i = 0; i < len; ++i) dst[i] = src[i];
+    }
+}
 
 struct Packet {
     // Local route header.
@@ -147,15 +182,53 @@ struct Packet {
     uint32_t payload_len = 0;
 
     // Copies `len` payload bytes starting `from` bytes into the payload, to `dst`.
-    void read_payload(uint64_t from, uint8_t *dst, size_t len) const;
+    void read_payload(uint64_t from, uint8_t *dst, size_t len) const {
+        // Most payloads are one piece of memory: a copy, with no walk through the pieces.
+        const uint64_t skip = payload_offset + from;
+        if (span_count == 1 && skip <= spans[0].len && len <= spans[0].len - skip) [[likely]] {
+            copy_bytes(dst, spans[0].ptr + skip, len);
+            return;
+        }
+        read_payload_pieces(skip, dst, len);
+    }
+
+    // The same through the pieces, `skip` bytes into the first.
+    void read_payload_pieces(uint64_t skip, uint8_t *dst, size_t len) const;
 
     // Bytes of the packet as the port data counters count them (from the LRH to the ICRC, the
     // VCRC excluded): LRH 8, GRH 40, BTH 12, DETH 8, RETH 16, AtomicETH 28, AETH 4, AtomicAckETH 8,
     // ImmDt 4, payload padded to 4 bytes, ICRC 4.
     uint32_t wire_bytes() const { return wire_bytes_of(opcode, grh, payload_len); }
     // The same for a packet with that opcode, global route header and payload length.
-    static uint32_t wire_bytes_of(uint8_t opcode, bool grh, uint32_t payload_len);
+    static constexpr uint32_t wire_bytes_of(uint8_t opcode, bool grh, uint32_t payload_len);
 };
 static_assert(std::is_trivially_copyable_v<Packet>);
+
+namespace detail {
+// The headers a packet of that opcode carries, with the ICRC, in bytes (the GRH apart).
+constexpr uint32_t header_bytes(uint8_t opcode) {
+    uint32_t n = 8 + 12 + 4;  // LRH, BTH, ICRC
+    const uint8_t o = op::operation(opcode);
+    if (op::transport(opcode) == op::kUd) n += 8;  // DETH
+    if (op::has_reth(opcode)) n += 16;
+    if (op::is_atomic(opcode)) n += 28;
+    if (o == op::kAck || o == op::kAtomicAck || o == op::kReadResponseFirst || o == op::kReadResponseLast ||
+        o == op::kReadResponseOnly)
+        n += 4;  // AETH
+    if (o == op::kAtomicAck) n += 8;
+    if (op::has_imm(opcode)) n += 4;
+    return n;
+}
+// Every packet is counted, twice (sent and received): the header sizes are looked up.
+inline constexpr auto kHeaderBytes = [] {
+    std::array<uint8_t, 256> t{};
+    for (uint32_t o = 0; o < 256; ++o) t[o] = uint8_t(header_bytes(uint8_t(o)));
+    return t;
+}();
+}  // namespace detail
+
+constexpr uint32_t Packet::wire_bytes_of(uint8_t opcode, bool grh, uint32_t payload_len) {
+    return detail::kHeaderBytes[opcode] + (grh ? 40u : 0u) + ((payload_len + 3) & ~3u);
+}
 
 }  // namespace marlix::softhca

@@ -80,8 +80,8 @@ VAPI_wc_desc_t message_wc(const Qp &qp, const RecvEntry &r, const Packet &p, uin
     return wc;
 }
 
-// Takes the head receive request and completes it.
-void complete_recv(Qp &qp, VAPI_wc_desc_t wc, bool solicited, PendingEvents &events) {
+// Takes the head receive request and completes it with `wc` (which gets the free count).
+void complete_recv(Qp &qp, VAPI_wc_desc_t &wc, bool solicited, PendingEvents &events) {
     const bool signalled = qp.init.rq_sig_type == VAPI_SIGNAL_ALL_WR || wc.status != VAPI_SUCCESS ||
                            qp.rq.front().desc.comp_type == VAPI_SIGNALED;
     qp.rq.pop();
@@ -114,7 +114,17 @@ Outbox::Entry *reply(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Out
     return &e;
 }
 
-void ack(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, uint32_t psn) {
+// A new ACK, which most requests draw: reply() is built into it.
+[[gnu::flatten, gnu::noinline]] void new_ack(Device &dev, Qp &qp, IB_port_t port, const Packet &req,
+                                             Outbox &out, uint32_t psn) {
+    if (Outbox::Entry *e = reply(dev, qp, port, req, out, op::kAck)) {
+        e->pkt.psn = psn;
+        e->pkt.syndrome = aeth::kAck;
+    }
+}
+
+[[gnu::always_inline]] inline void ack(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out,
+                                       uint32_t psn) {
     // Coalescing: when the last reply waiting to go is this QP's own ACK, this one takes its
     // place (an ACK acknowledges every PSN up to its own), so a burst of requests delivered in
     // one go draws one ACK.
@@ -129,10 +139,7 @@ void ack(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, ui
             return;
         }
     }
-    if (Outbox::Entry *e = reply(dev, qp, port, req, out, op::kAck)) {
-        e->pkt.psn = psn;
-        e->pkt.syndrome = aeth::kAck;
-    }
+    new_ack(dev, qp, port, req, out, psn);
 }
 
 void nak(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Outbox &out, uint8_t syndrome) {
@@ -211,11 +218,11 @@ void respond_ud(Device &dev, IB_port_t port, Qp &qp, const Packet &p, PendingEve
 }
 
 // Sends (and the receive side of RDMA write with immediate) of a connected QP.
-void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &out,
+void receive_message_data(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packet &p, Outbox &out,
                           PendingEvents &events, bool &stop) {
-    const bool rc = transport_bits(qp) == op::kRc;
+    const uint8_t opcode = p.opcode;  // read once: the stores to the QP below might alias it
     stop = false;
-    if (op::is_first(p.opcode)) {
+    if (op::is_first(opcode)) {
         if (qp.rq.empty()) {
             if (rc) {
                 // Receiver not ready: the requester waits at least our minimum RNR timer.
@@ -232,13 +239,13 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
         qp.recv_taken = true;
         qp.message_bytes = 0;
         qp.message_failed = false;
-    }
-    if (!qp.in_message || qp.rq.empty()) {
+    } else if (!qp.in_message || qp.rq.empty()) {
+        // (A first packet has just found a receive; only the data path takes them.)
         stop = true;
         return;
     }
     const RecvEntry &r = qp.rq.front();
-    if (qp.forced_recv.armed && op::is_last(p.opcode)) {
+    if (qp.forced_recv.armed && op::is_last(opcode)) {
         VAPI_wc_desc_t wc = recv_wc(qp, r, qp.forced_recv.status);
         wc.vendor_err_syndrome = qp.forced_recv.syndrome;
         wc.byte_len = uint32_t(qp.message_bytes + p.payload_len);
@@ -253,7 +260,7 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
         return;
     }
     VAPI_wc_status_t st = VAPI_SUCCESS;
-    if (op::is_send(p.opcode)) st = scatter(dev, qp, r, qp.message_bytes, p, 0, p.payload_len);
+    if (op::is_send(opcode)) st = scatter(dev, qp, r, qp.message_bytes, p, 0, p.payload_len);
     if (st != VAPI_SUCCESS) {
         VAPI_wc_desc_t wc = recv_wc(qp, r, st);
         qp.in_message = false;
@@ -268,11 +275,12 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, const Packet &p, 
         stop = true;
         return;
     }
-    if (op::is_send(p.opcode)) qp.message_bytes += p.payload_len;
-    if (op::is_last(p.opcode)) {
+    if (op::is_send(opcode)) qp.message_bytes += p.payload_len;
+    if (op::is_last(opcode)) {
         qp.in_message = false;
         qp.recv_taken = false;
-        complete_recv(qp, message_wc(qp, r, p, qp.message_bytes), p.solicited, events);
+        VAPI_wc_desc_t wc = message_wc(qp, r, p, qp.message_bytes);
+        complete_recv(qp, wc, p.solicited, events);
     }
 }
 
@@ -376,17 +384,18 @@ void respond_atomic(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox
     qp.expected_psn = psn_add(p.psn, 1);
 }
 
-void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Outbox &out,
+// `rc`: the QP is a reliable connection (otherwise unreliable).
+void respond_connected(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packet &p, Outbox &out,
                        PendingEvents &events) {
-    const bool rc = transport_bits(qp) == op::kRc;
-    const uint8_t o = op::operation(p.opcode);
+    const uint8_t opcode = p.opcode;  // read once: the stores to the QP below might alias it
+    const uint8_t o = op::operation(opcode);
     const int32_t d = psn_diff(p.psn, qp.expected_psn);
     if (rc) {
         if (d < 0) {
             // A duplicate: the requester retransmitted what we already executed.
             if (o == op::kReadRequest)
                 respond_read(dev, port, qp, p, out, events, true);
-            else if (op::is_atomic(p.opcode))
+            else if (op::is_atomic(opcode))
                 respond_atomic(dev, port, qp, p, out, events, true);
             else if (p.ack_req)
                 ack(dev, qp, port, p, out, psn_add(qp.expected_psn, kPsnMask));  // expected - 1
@@ -407,14 +416,14 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
     } else if (d != 0) {
         // Unreliable: a gap loses the message in progress; a new message starts afresh.
         qp.in_message = false;
-        if (!op::is_first(p.opcode)) {
+        if (!op::is_first(opcode)) {
             qp.message_failed = true;
             qp.expected_psn = psn_add(p.psn, 1);
             return;
         }
         qp.expected_psn = p.psn;
     }
-    if (!rc && qp.message_failed && !op::is_first(p.opcode)) {
+    if (!rc && qp.message_failed && !op::is_first(opcode)) {
         qp.expected_psn = psn_add(p.psn, 1);
         return;
     }
@@ -422,12 +431,12 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
         respond_read(dev, port, qp, p, out, events, false);
         return;
     }
-    if (op::is_atomic(p.opcode)) {
+    if (op::is_atomic(opcode)) {
         respond_atomic(dev, port, qp, p, out, events, false);
         return;
     }
-    if (op::is_write(p.opcode)) {
-        if (op::is_first(p.opcode)) {
+    if (op::is_write(opcode)) {
+        if (op::is_first(opcode)) {
             if (!(qp.attr.remote_atomic_flags & VAPI_EN_REM_WRITE)) {
                 if (rc)
                     refuse(dev, qp, port, p, out, aeth::kNakRemoteAccess, VAPI_LOCAL_WQ_ACCESS_VIOL_ERROR,
@@ -437,7 +446,7 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
                 return;
             }
             // A reliable write of one packet is checked by the walk that places it, below.
-            const bool checked_below = rc && op::is_last(p.opcode) && p.payload_len == p.dma_len;
+            const bool checked_below = rc && op::is_last(opcode) && p.payload_len == p.dma_len;
             VAPI_ret_t rc_key = checked_below
                                     ? VAPI_OK
                                     : dev.walk(p.rkey, true, qp.init.pd_hndl, p.va, p.dma_len,
@@ -473,7 +482,7 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
             return;
         }
         qp.message_bytes = offset + p.payload_len;
-        if (op::has_imm(p.opcode)) {
+        if (op::has_imm(opcode)) {
             // The immediate data needs a receive request: without one, RNR (the data stays written;
             // the retransmission writes it again).
             if (qp.rq.empty()) {
@@ -500,19 +509,22 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, const Packet &p, Out
         }
     } else {
         bool stop = false;
-        receive_message_data(dev, port, qp, p, out, events, stop);
+        receive_message_data(dev, port, qp, rc, p, out, events, stop);
         if (stop) return;
     }
     qp.expected_psn = psn_add(p.psn, 1);
-    if (op::is_last(p.opcode)) ++qp.msn;
+    if (op::is_last(opcode)) ++qp.msn;
     if (rc && p.ack_req) ack(dev, qp, port, p, out, p.psn);
 }
 
 }  // namespace
 
 void new_pass() {
-    [[gnu::tls_model("initial-exec")]] thread_local const uint64_t thread =
-        pass_threads.fetch_add(1, std::memory_order_relaxed) + 1;
+    // The thread's number, taken at its first pass (0: none yet); constant-initialised, so that
+    // reading it needs no guard.
+    [[gnu::tls_model("initial-exec")]] static thread_local uint64_t thread = 0;
+    if (thread == 0) [[unlikely]]
+        thread = pass_threads.fetch_add(1, std::memory_order_relaxed) + 1;
     pass_key = ((pass_key >> 24) + 1) << 24 | (thread & 0xffffff);
 }
 
@@ -521,17 +533,18 @@ void respond(Device &dev, IB_port_t port, const Packet &p, Outbox &out, PendingE
     if (pt) pt->count_rcv(p.wire_bytes());
     Qp *qp = find_qp_by_num(dev, p.dest_qp, port);
     if (!qp || qp->destroyed || !receives(qp->state())) return;
-    if (transport_bits(*qp) != op::transport(p.opcode)) return;
+    const uint8_t ts = transport_bits(*qp);
+    if (ts != op::transport(p.opcode)) return;
     if (qp->state() == QpState::Rtr && !qp->comm_established) {
         // The first packet of the connection while we are not yet sending ourselves.
         qp->comm_established = true;
         qp_event(*qp, VAPI_QP_COMM_ESTABLISHED, events);
     }
-    if (op::transport(p.opcode) == op::kUd) {
+    if (ts == op::kUd) {
         respond_ud(dev, port, *qp, p, events);
         return;
     }
-    respond_connected(dev, port, *qp, p, out, events);
+    respond_connected(dev, port, *qp, ts == op::kRc, p, out, events);
 }
 
 namespace {
@@ -614,27 +627,33 @@ bool respond_whole_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Ou
     qp.nak_sent = false;
     qp.message_failed = false;
     qp.message_bytes = e.length;
-    if (send || imm) complete_recv(qp, message_wc(qp, qp.rq.front(), last, e.length), last.solicited, events);
+    if (send || imm) {
+        VAPI_wc_desc_t wc = message_wc(qp, qp.rq.front(), last, e.length);
+        complete_recv(qp, wc, last.solicited, events);
+    }
     qp.expected_psn = psn_add(last.psn, 1);
     ++qp.msn;
     ack(dev, qp, port, last, out, last.psn);
     return true;
 }
 
-}  // namespace
-
-void respond_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Outbox &replies,
-                   PendingEvents &events) {
+// A train of several packets.
+[[gnu::noinline]] void respond_packets(Device &dev, IB_port_t port, const Outbox::Entry &e, Outbox &replies,
+                                       PendingEvents &events) {
     const uint32_t n = e.segments;
-    if (n == 1) {
-        respond(dev, port, e.pkt, replies, events);  // a train of one is its packet
-        return;
-    }
     if (respond_whole_train(dev, port, e, replies, events)) return;
     respond(dev, port, train_segment(e, 0), replies, events);
     if (n > 2 && !place_middle_packets(dev, port, e))
         for (uint32_t i = 1; i + 1 < n; ++i) respond(dev, port, train_segment(e, i), replies, events);
     respond(dev, port, train_segment(e, n - 1), replies, events);
+}
+
+}  // namespace
+
+void respond_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Outbox &replies,
+                   PendingEvents &events) {
+    if (e.segments == 1) return respond(dev, port, e.pkt, replies, events);  // a train of one is its packet
+    respond_packets(dev, port, e, replies, events);
 }
 
 void respond_multicast(Device &dev, IB_port_t port, const Packet &p, Outbox &out, PendingEvents &events) {

@@ -30,6 +30,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <mutex>
 #include <optional>
 
@@ -83,6 +84,8 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
                sequence_of(head_.load(std::memory_order_relaxed));
     }
 
+    // The slot the next push fills (producer side), for a prefetch by whoever pushes next.
+    const void *next_slot() const { return &ring_[tail_index_]; }
     // Takes the oldest completion: VAPI_OK, VAPI_CQ_EMPTY, or VAPI_EINVAL_CQ_HNDL once destroyed.
     VAPI_ret_t pop(VAPI_wc_desc_t *wc);
     // Changes the ring size keeping every queued completion in order; false when they do not fit.
@@ -98,6 +101,10 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     // handler is set; the event is then consumed with nobody to tell, as on the adapter). A full
     // ring drops it and marks the CQ overrun; `overran` says whether this push did that first.
     std::optional<CompletionEvent> complete(const VAPI_wc_desc_t &wc, bool solicited, bool *overran);
+    // The same for the common case, which raises nothing: pushes the completion when the CQ is
+    // not armed and its ring has room by the producer's last look at the consumer. False, with
+    // nothing done, otherwise (complete() then does the whole work).
+    bool push_unarmed(const VAPI_wc_desc_t &wc);
 
     // Completion handler registered with EVAPI_set_comp_eventh.
     struct Handler {
@@ -142,6 +149,8 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     static void load(const Slot &slot, VAPI_wc_desc_t *wc);
 
     bool push(const VAPI_wc_desc_t &wc);
+    // Writes the completion at position `tail` (the ring has room) and publishes it.
+    void put(uint64_t tail, const VAPI_wc_desc_t &wc);
     uint32_t next(uint32_t index) const { return index + 1 == size_ ? 0 : index + 1; }
 
     // Read by both sides, written only with the device mutex and the consumer's lock held.
@@ -164,5 +173,48 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     uint32_t head_index_ = 0;                   // the slot the next poll takes
     std::atomic<const Slot *> watch_{nullptr};  // that slot, for ready()
 };
+
+// Inline: every completion the data path pushes, and every one polled, comes through these.
+inline void CompletionQueue::store(Slot &slot, const VAPI_wc_desc_t &wc) {
+    std::memcpy(&slot.status, &wc.status, sizeof slot.status);
+    std::memcpy(slot.rest, reinterpret_cast<const unsigned char *>(&wc) + offsetof(VAPI_wc_desc_t, id),
+                sizeof slot.rest);
+}
+
+inline void CompletionQueue::load(const Slot &slot, VAPI_wc_desc_t *wc) {
+    std::memcpy(&wc->status, &slot.status, sizeof slot.status);
+    std::memcpy(reinterpret_cast<unsigned char *>(wc) + offsetof(VAPI_wc_desc_t, id), slot.rest,
+                sizeof slot.rest);
+}
+
+inline VAPI_ret_t CompletionQueue::pop(VAPI_wc_desc_t *wc) {
+    std::lock_guard lk(poll_mu_);
+    if (dead_) return VAPI_EINVAL_CQ_HNDL;
+    const uint64_t head = head_.load(std::memory_order_relaxed);
+    const Slot &slot = ring_[head_index_];
+    if (slot.seq.load(std::memory_order_acquire) != sequence_of(head)) return VAPI_CQ_EMPTY;
+    load(slot, wc);
+    head_index_ = next(head_index_);
+    head_.store(head + 1, std::memory_order_release);
+    watch_.store(&ring_[head_index_], std::memory_order_release);
+    return VAPI_OK;
+}
+
+inline void CompletionQueue::put(uint64_t tail, const VAPI_wc_desc_t &wc) {
+    Slot &slot = ring_[tail_index_];
+    store(slot, wc);
+    slot.seq.store(sequence_of(tail), std::memory_order_release);
+    tail_index_ = next(tail_index_);
+    tail_.store(tail + 1, std::memory_order_release);
+}
+
+inline bool CompletionQueue::push_unarmed(const VAPI_wc_desc_t &wc) {
+    if (armed_ != VAPI_NOTIF_NONE || armed_count_ != 0) return false;
+    const uint64_t tail = tail_.load(std::memory_order_relaxed);
+    // Full as far as the producer last saw: complete() looks at the consumer's position again.
+    if (tail - seen_head_ >= size_) return false;
+    put(tail, wc);
+    return true;
+}
 
 }  // namespace marlix::softhca

@@ -54,18 +54,6 @@ void CompletionQueue::give_ring(Slot *ring, uint32_t n) {
     pool.free.emplace(n, std::unique_ptr<Slot[]>(ring));
 }
 
-void CompletionQueue::store(Slot &slot, const VAPI_wc_desc_t &wc) {
-    std::memcpy(&slot.status, &wc.status, sizeof slot.status);
-    std::memcpy(slot.rest, reinterpret_cast<const unsigned char *>(&wc) + offsetof(VAPI_wc_desc_t, id),
-                sizeof slot.rest);
-}
-
-void CompletionQueue::load(const Slot &slot, VAPI_wc_desc_t *wc) {
-    std::memcpy(&wc->status, &slot.status, sizeof slot.status);
-    std::memcpy(reinterpret_cast<unsigned char *>(wc) + offsetof(VAPI_wc_desc_t, id), slot.rest,
-                sizeof slot.rest);
-}
-
 CompletionQueue::CompletionQueue(uint32_t size) : ring_(take_ring(size, 0)), size_(size) {
     watch_.store(ring_, std::memory_order_release);
 }
@@ -83,25 +71,8 @@ bool CompletionQueue::push(const VAPI_wc_desc_t &wc) {
             return false;
         }
     }
-    Slot &slot = ring_[tail_index_];
-    store(slot, wc);
-    slot.seq.store(sequence_of(tail), std::memory_order_release);
-    tail_index_ = next(tail_index_);
-    tail_.store(tail + 1, std::memory_order_release);
+    put(tail, wc);
     return true;
-}
-
-VAPI_ret_t CompletionQueue::pop(VAPI_wc_desc_t *wc) {
-    std::lock_guard lk(poll_mu_);
-    if (dead_) return VAPI_EINVAL_CQ_HNDL;
-    const uint64_t head = head_.load(std::memory_order_relaxed);
-    const Slot &slot = ring_[head_index_];
-    if (slot.seq.load(std::memory_order_acquire) != sequence_of(head)) return VAPI_CQ_EMPTY;
-    load(slot, wc);
-    head_index_ = next(head_index_);
-    head_.store(head + 1, std::memory_order_release);
-    watch_.store(&ring_[head_index_], std::memory_order_release);
-    return VAPI_OK;
 }
 
 bool CompletionQueue::resize(uint32_t new_size) {
@@ -190,7 +161,8 @@ CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq) {
     return it == dev.cqs.end() ? nullptr : static_cast<CompletionQueue *>(it->second.get());
 }
 
-void push_completion(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicited, PendingEvents &events) {
+void push_completion_raising(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicited,
+                             PendingEvents &events) {
     bool overran = false;
     std::optional<CompletionEvent> ev = cq.complete(wc, solicited, &overran);
     if (ev && ev->handler) events.completions.push_back(*ev);

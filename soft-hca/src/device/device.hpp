@@ -262,6 +262,9 @@ class Device {
     // Only one pass runs per device, so the packets of one QP leave in order: a posting thread
     // that finds one running leaves its QP to the engine, and the engine's round waits for it.
     bool pass_running = false;
+    // Set when the device fails (injected local catastrophic error): no more work is done. Under
+    // `mu` and in its line, since every delivery to the device reads it.
+    bool failed = false;
 
     // Identity and capabilities (fixed at boot).
     const int index;
@@ -271,9 +274,7 @@ class Device {
     VAPI_hca_vendor_t vendor{};
     VAPI_hca_cap_t cap{};
     std::vector<Port> ports;  // ports[0] is port 1
-    // ports.size(), fixed at boot: port() is on the data path, and a vector's size of records
-    // this large costs a multiplication to compute.
-    size_t port_count = 0;
+    size_t port_count = 0;    // ports.size(), kept: port() asks on every packet, and size() divides
 
     // Open state.
     std::atomic<bool> open{false};  // read without the lock by the poll fast path
@@ -329,8 +330,6 @@ class Device {
     std::array<std::atomic<CompletionQueue *>, kFastCqHandles> fast_cqs{};
     // Calls of each verb addressed to this device (fault injection counts them).
     std::array<std::atomic<uint64_t>, kVerbCount> call_counts{};
-    // Set when the device fails (injected local catastrophic error): no more work is done.
-    bool failed = false;
 
     Port *port(IB_port_t num) { return num - 1u < port_count ? &ports[num - 1u] : nullptr; }
     Pd *find_pd(VAPI_pd_hndl_t pd);
@@ -353,9 +352,17 @@ class Device {
     template <class Emit>
     VAPI_ret_t walk(uint32_t key, bool remote, VAPI_pd_hndl_t pd, VAPI_virt_addr_t addr, uint64_t len,
                     VAPI_mrw_acl_t need, Emit &&emit) const;
-    // Inline: every request looks up its local keys, every RDMA request its remote key.
-    const Region *find_lkey(VAPI_lkey_t lkey) const { return find_key(lkeys_, lkey, &Region::lkey); }
-    const Region *find_rkey(VAPI_rkey_t rkey) const { return find_key(rkeys_, rkey, &Region::rkey); }
+    // Every walk starts here: inline.
+    const Region *find_lkey(VAPI_lkey_t lkey) const {
+        const size_t i = lkey >> 8;
+        const Region *r = i < lkeys_.size() ? lkeys_[i] : nullptr;
+        return r && r->lkey == lkey ? r : nullptr;
+    }
+    const Region *find_rkey(VAPI_rkey_t rkey) const {
+        const size_t i = rkey >> 8;
+        const Region *r = i < rkeys_.size() ? rkeys_[i] : nullptr;
+        return r && r->rkey == rkey ? r : nullptr;
+    }
 
     // Releases every resource (close).
     void release_all();
@@ -374,12 +381,6 @@ class Device {
     std::set<uint32_t> free_key_indexes_;
     // Indexed by the key's table index (key >> 8); the whole key must match.
     std::vector<const Region *> lkeys_, rkeys_;
-    static const Region *find_key(const std::vector<const Region *> &table, uint32_t key,
-                                  uint32_t Region::*field) {
-        const size_t i = key >> 8;
-        const Region *r = i < table.size() ? table[i] : nullptr;
-        return r && r->*field == key ? r : nullptr;
-    }
 };
 
 // Looking up a key and walking a range is on the data path: O(1) look-up, no allocation.

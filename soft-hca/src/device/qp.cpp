@@ -37,9 +37,7 @@ uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port) {
     return qp_num <= 1 ? (qp_num | uint32_t(port) << 24) : qp_num;
 }
 
-Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port) {
-    if (qp_num >= limits::kFirstQpNum && qp_num - limits::kFirstQpNum < Device::kFastQpNumbers)
-        return dev.qp_by_fast_number[qp_num - limits::kFirstQpNum];
+Qp *find_qp_by_num_hashed(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port) {
     auto it = dev.qp_by_number.find(qp_number_key(qp_num, port));
     return it == dev.qp_by_number.end() ? nullptr : it->second;
 }

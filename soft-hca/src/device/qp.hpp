@@ -72,6 +72,26 @@ struct QpContext {
     uint64_t rnr_wait_until = 0;       // RNR NAK: nothing is sent before this (ns)
     bool sqd_event_due = false;        // SQD entered with notification asked; raise when drained
     bool alt_path_loaded = false;      // an alternate path was given; a migration uses it up
+    // List membership, changed by this device's passes (kept with the requester's state, away from
+    // what another device's pass reads when it delivers to this QP).
+    bool on_active_list = false;  // queued on the device's list of QPs with requester work
+    bool on_sent_list = false;    // on the device's list of UD/UC QPs with sent requests
+    // Where the last request this QP delivered to another device left that device's hot lines
+    // (its mutex, the receiving QP's queue positions, the next CQ slot): the next post starts
+    // bringing them over before it runs its pass (see warm_peer()). Written by passes of this
+    // device, read by posters without a lock; a stale address costs only a useless prefetch.
+    struct PeerLines {
+        // The lines a pass writes (mutex, responder state, CQ slot), then those it only reads.
+        enum Line : size_t { kMutex, kResponder, kCqSlot, kRqTail, kRqFront, kCount };
+        std::array<std::atomic<const void *>, kCount> line{};
+        PeerLines() = default;
+        // A context assigned anew (a record reused for a new QP) forgets them.
+        PeerLines(const PeerLines &) {}
+        PeerLines &operator=(const PeerLines &) {
+            for (auto &l : line) l.store(nullptr, std::memory_order_relaxed);
+            return *this;
+        }
+    } peer_lines;
     // ---- Responder -----------------------------------------------------------------------
     // RC/UC: the PSN the next request must carry.
     alignas(limits::kCacheLine) uint32_t expected_psn = 0;
@@ -103,9 +123,7 @@ struct QpContext {
     };
     alignas(limits::kCacheLine) Forced forced_send;
     Forced forced_recv;
-    bool on_active_list = false;  // queued on the device's list of QPs with requester work
-    bool on_sent_list = false;    // on the device's list of UD/UC QPs with sent requests
-    bool destroyed = false;       // destroyed; the record waits in Device::retired, then is reused
+    bool destroyed = false;  // destroyed; the record waits in Device::retired, then is reused
     std::set<std::pair<Mgid, IB_lid_t>> mcast_groups;  // groups this QP is attached to
     std::optional<uint32_t> reported_state;            // what VAPI_query_qp says instead (tests)
     // What destroy closes and waits on: the QP's asynchronous events in flight.
@@ -156,7 +174,13 @@ class QpQueueLock {
 CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq);
 // The QP a packet arriving on `port` for QP number `qp_num` is meant for: QP0 and QP1 are the
 // special QPs of that port, other numbers name the same QP on every port. Null when none.
-Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port);
+// Every packet asks: the numbers QPs are handed out from are one look-up, inline.
+Qp *find_qp_by_num_hashed(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port);
+inline Qp *find_qp_by_num(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port) {
+    if (qp_num >= limits::kFirstQpNum && qp_num - limits::kFirstQpNum < Device::kFastQpNumbers)
+        return dev.qp_by_fast_number[qp_num - limits::kFirstQpNum];
+    return find_qp_by_num_hashed(dev, qp_num, port);
+}
 // The key of Device::qp_by_number for a QP number arriving on a port.
 uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port);
 
@@ -231,7 +255,16 @@ struct PendingEvents {
 };
 
 // Pushes a completion into a CQ, collecting the event it raises and a CQ error on overrun.
-void push_completion(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicited, PendingEvents &events);
+// Most completions go to a CQ that nobody armed and that has room: they raise nothing, and
+// take the short way, inline.
+void push_completion_raising(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicited,
+                             PendingEvents &events);
+inline void push_completion(CompletionQueue &cq, const VAPI_wc_desc_t &wc, bool solicited,
+                            PendingEvents &events) {
+    if (cq.push_unarmed(wc)) [[likely]]
+        return;
+    push_completion_raising(cq, wc, solicited, events);
+}
 
 // Completes every queued work request of the QP with a flush error (entering ERR, or posting in
 // it), receive queue and send queue alike.

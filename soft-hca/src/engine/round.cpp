@@ -151,6 +151,7 @@ PostedRun run_posted(Device &dev, Qp *qp, uint64_t now) {
         if (qp) ring_doorbell(dev, *qp);
         return PostedRun::Engine;
     }
+    if (qp) warm_peer(*qp);
     Scratch &s = scratch();
     new_pass();
     bool left = false;

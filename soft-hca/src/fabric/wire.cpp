@@ -219,6 +219,30 @@ void deliver_entries(Device &dest, IB_port_t port, const Outbox::Entry *entries,
     events.deliver(dest);
 }
 
+// After a run of requests from `from` to another device, `dest` (both mutexes held): notes in the
+// sending QP the lines its next request will need at `dest`. Between two threads that each post
+// on one device and poll the other's answers, those lines were last written by the other thread,
+// and a pass that found them one after another would wait for each in turn.
+void note_peer_lines(Device &from, Device &dest, IB_port_t port, const Outbox::Entry &e) {
+    const Packet &p = e.pkt;
+    if (op::is_response(p.opcode) || op::transport(p.opcode) == op::kUd) return;
+    Qp *sender = find_qp_by_num(from, p.src_qp, e.port);
+    Qp *receiver = find_qp_by_num(dest, p.dest_qp, port);
+    if (!sender || !receiver) return;
+    // Sends and writes with immediate data take a receive request and complete into the CQ.
+    const bool takes_receive = op::is_send(p.opcode) || op::has_imm(p.opcode);
+    const bool rq = takes_receive && receiver->rq.depth() > 0;
+    using L = Qp::PeerLines;
+    auto &line = sender->peer_lines.line;
+    constexpr auto relaxed = std::memory_order_relaxed;
+    line[L::kMutex].store(&dest.mu, relaxed);
+    line[L::kResponder].store(&receiver->expected_psn, relaxed);
+    line[L::kCqSlot].store(takes_receive && receiver->recv_cq ? receiver->recv_cq->next_slot() : nullptr,
+                           relaxed);
+    line[L::kRqTail].store(rq ? receiver->rq.tail_line() : nullptr, relaxed);
+    line[L::kRqFront].store(rq ? &receiver->rq.at(receiver->rq.head()) : nullptr, relaxed);
+}
+
 // Hands `n` entries bound for the same port to the receiving device under one hold of its lock.
 void deliver_run(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n, uint64_t now,
                  Outbox &replies, HeldDevice *held) {
@@ -234,12 +258,28 @@ void deliver_run(Device &dest, IB_port_t port, const Outbox::Entry *entries, uin
     // Another device's mutex, taken at once by events_under_hold().
     std::lock_guard lk(dest.mu, std::adopt_lock);
     deliver_entries(dest, port, entries, n, now, replies, *under_hold);
+    note_peer_lines(*held->dev, dest, port, entries[n - 1]);
 }
 
 }  // namespace
 
 void HeldDevice::deliver_others() {
     if (other && others) others->deliver(*other);
+}
+
+void warm_peer(const Qp &qp) {
+    using L = Qp::PeerLines;
+    const auto &line = qp.peer_lines.line;
+    constexpr auto relaxed = std::memory_order_relaxed;
+    const void *mu = line[L::kMutex].load(relaxed);
+    if (!mu) return;  // no request delivered to another device yet
+    __builtin_prefetch(mu, 1, 3);
+    __builtin_prefetch(line[L::kResponder].load(relaxed), 1, 3);
+    if (const void *slot = line[L::kCqSlot].load(relaxed)) __builtin_prefetch(slot, 1, 3);
+    if (const void *tail = line[L::kRqTail].load(relaxed)) {
+        __builtin_prefetch(tail, 0, 3);
+        __builtin_prefetch(line[L::kRqFront].load(relaxed), 0, 3);
+    }
 }
 
 void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox &replies, HeldDevice *held) {

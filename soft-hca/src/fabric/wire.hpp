@@ -36,6 +36,10 @@ struct HeldDevice {
 // two ports reach the receiving device under one hold of its lock (a train whole).
 void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox &replies,
                   HeldDevice *held = nullptr);
+// Starts bringing over the lines at the peer device that the QP's next request will need there
+// (noted by its last delivery): called before a posting thread's pass takes its own device's
+// mutex, so that they travel while it does, not one after another during the pass. Lock-free.
+void warm_peer(const Qp &qp);
 // Delivers the delayed packets that are due. Returns how many.
 size_t deliver_delayed(uint64_t now, Outbox &replies);
 // True when a link loses or delays packets or a delayed packet waits: then only the engine
