@@ -14,7 +14,8 @@ using qpsm::QpState;
 namespace {
 
 // What every packet starts from. Copied rather than assigned: a copy of a constant becomes a
-// dozen vector stores, where `e = Outbox::Entry{}` became a string store of 23 words.
+// dozen straight vector stores, where `e = Outbox::Entry{}` clears the entry word by word in a
+// loop (or with a string store) and then stores its non-zero fields.
 constexpr Outbox::Entry kBlankEntry{};
 
 // Resolves the gather list (or the inline data) into pieces of memory in the Outbox.
