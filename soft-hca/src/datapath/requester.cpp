@@ -316,29 +316,23 @@ Packet train_segment(const Outbox::Entry &e, uint32_t i) {
 }
 
 void count_entry(Port &port, const Outbox::Entry &e, bool xmit) {
-    // The headers of a train's packets follow from the first's; only opcode and length change.
-    auto count = [&](uint32_t i, uint32_t n) {
-        const uint32_t bytes =
-            e.train == Outbox::Train::None
-                ? e.pkt.wire_bytes()
-                : Packet::wire_bytes_of(segment_opcode(e, i), e.pkt.grh, segment_length(e, i));
-        if (xmit)
-            port.count_xmit(bytes, n);
-        else
-            port.count_rcv(bytes, n);
-    };
     if (e.segments == 1) {
         // A packet alone: the entry's headers are its own.
-        const uint32_t bytes = e.pkt.wire_bytes();
         if (xmit)
-            port.count_xmit(bytes, 1);
+            port.count_xmit(e.pkt.wire_bytes(), 1);
         else
-            port.count_rcv(bytes, 1);
+            port.count_rcv(e.pkt.wire_bytes(), 1);
         return;
     }
-    count(0, 1);
-    if (e.segments > 2) count(1, e.segments - 2);
-    count(e.segments - 1, 1);
+    // The headers of a train's packets follow from the first's; only opcode and length change,
+    // and the middle packets are all alike. One count for the whole train.
+    auto words = [&](uint32_t i) {
+        return uint64_t(Packet::wire_bytes_of(segment_opcode(e, i), e.pkt.grh, segment_length(e, i)) + 3) / 4;
+    };
+    const uint32_t n = e.segments;
+    uint64_t total = words(0) + words(n - 1);
+    if (n > 2) total += words(1) * (n - 2);
+    port.count_words(xmit, total, n);
 }
 
 size_t run_requesters(Device &dev, uint64_t now, Outbox &out, PendingEvents &events, RanQps *ran) {

@@ -623,17 +623,20 @@ bool respond_whole_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Ou
         qp.write_first_psn = p.psn;
     }
     if (Port *pt = dev.port(port)) count_entry(*pt, e, false);
-    const Packet last = train_segment(e, e.segments - 1);
+    const uint32_t last_psn = psn_add(p.psn, e.segments - 1);
     qp.nak_sent = false;
     qp.message_failed = false;
     qp.message_bytes = e.length;
     if (send || imm) {
+        // The completion takes the last packet's immediate data and solicited bit.
+        const Packet last = train_segment(e, e.segments - 1);
         VAPI_wc_desc_t wc = message_wc(qp, qp.rq.front(), last, e.length);
         complete_recv(qp, wc, last.solicited, events);
     }
-    qp.expected_psn = psn_add(last.psn, 1);
+    qp.expected_psn = psn_add(last_psn, 1);
     ++qp.msn;
-    ack(dev, qp, port, last, out, last.psn);
+    // The ACK answers the last packet; its addressing is the first's (every packet's).
+    ack(dev, qp, port, p, out, last_psn);
     return true;
 }
 

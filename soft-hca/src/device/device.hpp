@@ -199,6 +199,13 @@ struct Port {
     void count_rcv(uint64_t bytes, uint32_t packets = 1) {
         data_counters.add(PortDataCounters::kRcvData, PortDataCounters::kRcvPkts, bytes, packets);
     }
+    // The same for packets of different sizes, `words` 4-byte words in all.
+    void count_words(bool xmit, uint64_t words, uint32_t packets) {
+        if (xmit)
+            data_counters.add_words(PortDataCounters::kXmitData, PortDataCounters::kXmitPkts, words, packets);
+        else
+            data_counters.add_words(PortDataCounters::kRcvData, PortDataCounters::kRcvPkts, words, packets);
+    }
     // Every counter of the port back to zero (the device is opened).
     void reset_counters();
 

@@ -59,8 +59,12 @@ class PortDataCounters {
     // Counts `packets` packets of `bytes` bytes each (their words rounded up per packet), in the
     // calling thread's block.
     void add(Counter data, Counter pkts, uint64_t bytes, uint64_t packets) {
+        add_words(data, pkts, (bytes + 3) / 4 * packets, packets);
+    }
+    // Counts `packets` packets of `words` 4-byte words in all.
+    void add_words(Counter data, Counter pkts, uint64_t words, uint64_t packets) {
         Block &b = block();
-        bump(b.sum[data], (bytes + 3) / 4 * packets);
+        bump(b.sum[data], words);
         bump(b.sum[pkts], packets);
     }
 
