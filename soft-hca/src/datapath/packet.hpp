@@ -120,26 +120,27 @@ struct ByteSpan {
     size_t len = 0;
 };
 
+// Copies `len` bytes, sizeof(Word) <= len <= 2 * sizeof(Word), as two words that may overlap.
+template <class Word>
+inline void copy_two_words(uint8_t *dst, const uint8_t *src, size_t len) {
+    Word head, tail;
+    std::memcpy(&head, src, sizeof(Word));
+    std::memcpy(&tail, src + len - sizeof(Word), sizeof(Word));
+    std::memcpy(dst, &head, sizeof(Word));
+    std::memcpy(dst + len - sizeof(Word), &tail, sizeof(Word));
+}
+
 // Copies `len` bytes. Payloads of a few bytes (the messages of a message rate) are moved
-// inline, as two overlapping loads and stores, rather than through a call to memcpy.
+// inline rather than through a call to memcpy.
 inline void copy_bytes(uint8_t *dst, const uint8_t *src, size_t len) {
-    if (len > 16) {
+    if (len > 16)
         std::memcpy(dst, src, len);
-    } else if (len >= 8) {
-        uint64_t head, tail;
-        std::memcpy(&head, src, 8);
-        std::memcpy(&tail, src + len - 8, 8);
-        std::memcpy(dst, &head, 8);
-        std::memcpy(dst + len - 8, &tail, 8);
-    } else if (len >= 4) {
-        uint32_t head, tail;
-        std::memcpy(&head, src, 4);
-        std::memcpy(&tail, src + len - 4, 4);
-        std::memcpy(dst, &head, 4);
-        std::memcpy(dst + len - 4, &tail, 4);
-    } else {
+    else if (len >= 8)
+        copy_two_words<uint64_t>(dst, src, len);
+    else if (len >= 4)
+        copy_two_words<uint32_t>(dst, src, len);
+    else
         for (size_t i = 0; i < len; ++i) dst[i] = src[i];
-    }
 }
 
 struct Packet {
