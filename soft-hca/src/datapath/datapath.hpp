@@ -52,9 +52,18 @@ struct Outbox {
 
 // The packet `index` of a train, built from the entry.
 Packet train_segment(const Outbox::Entry &e, uint32_t index);
-// Counts the packets of an entry in a port's transmit (or receive) counters. The middle packets
-// of a train are all alike, so a train costs three packets' work whatever its length.
-void count_entry(Port &port, const Outbox::Entry &e, bool xmit);
+// Counts the packets of a train (more than one packet) in a port's transmit (or receive)
+// counters: the middle packets are all alike, so one count covers the train whatever its length.
+void count_train(Port &port, const Outbox::Entry &e, bool xmit);
+// The same for any entry. Inline: most entries are a packet alone, whose headers are the entry's.
+inline void count_entry(Port &port, const Outbox::Entry &e, bool xmit) {
+    if (e.segments != 1)
+        count_train(port, e, xmit);
+    else if (xmit)
+        port.count_xmit(e.pkt.wire_bytes(), 1);
+    else
+        port.count_rcv(e.pkt.wire_bytes(), 1);
+}
 // Number of packets a message of `length` bytes takes at `mtu` (at least one).
 inline uint32_t segments_for(uint64_t length, uint32_t mtu) {
     // Most messages fit one packet: no division for them.

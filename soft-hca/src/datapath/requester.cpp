@@ -236,13 +236,7 @@ size_t run_qp(Device &dev, Qp &qp, uint64_t now, Outbox &out, PendingEvents &eve
         if (ts != op::kUd) qp.next_psn = psn_add(qp.next_psn, psns);
         w.phase = SendPhase::Sent;
         ++out.count;
-        if (src) {
-            // A packet alone, as most are: its own headers give its size.
-            if (e.segments == 1)
-                src->count_xmit(p.wire_bytes());
-            else
-                count_entry(*src, e, true);
-        }
+        if (src) count_entry(*src, e, true);
         ++qp.next_send;
         qp.sent_high = std::max(qp.sent_high, qp.next_send);
         ++handled;
@@ -315,15 +309,7 @@ Packet train_segment(const Outbox::Entry &e, uint32_t i) {
     return p;
 }
 
-void count_entry(Port &port, const Outbox::Entry &e, bool xmit) {
-    if (e.segments == 1) {
-        // A packet alone: the entry's headers are its own.
-        if (xmit)
-            port.count_xmit(e.pkt.wire_bytes(), 1);
-        else
-            port.count_rcv(e.pkt.wire_bytes(), 1);
-        return;
-    }
+void count_train(Port &port, const Outbox::Entry &e, bool xmit) {
     // The headers of a train's packets follow from the first's; only opcode and length change,
     // and the middle packets are all alike. One count for the whole train.
     auto words = [&](uint32_t i) {

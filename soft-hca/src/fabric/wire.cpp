@@ -188,8 +188,9 @@ PendingEvents *events_under_hold(HeldDevice &held, Device &dest) {
 
 // The responders and completers of `dest` for `n` entries arriving on `port`; the caller holds
 // `dest`'s mutex.
-[[gnu::always_inline]] inline void deliver_entries(Device &dest, IB_port_t port, const Outbox::Entry *entries, uint32_t n, uint64_t now,
-                     Outbox &replies, PendingEvents &events) {
+[[gnu::always_inline]] inline void deliver_entries(Device &dest, IB_port_t port, const Outbox::Entry *entries,
+                                                   uint32_t n, uint64_t now, Outbox &replies,
+                                                   PendingEvents &events) {
     if (!dest.open || dest.failed) return;
     for (uint32_t k = 0; k < n; ++k) {
         const Outbox::Entry &e = entries[k];
