@@ -6,6 +6,8 @@
 //   softhca_ops write SIZE N   N signalled RDMA writes of SIZE bytes, each waited for
 //   softhca_ops pingpong N     N round trips of 8-byte RC sends driven by one thread
 //   softhca_ops rate N         N signalled 8-byte sends, each received and its receive posted again
+//   softhca_ops window N       N windows of 64 signalled 8-byte sends, one per post, then their
+//                              completions and receives polled, each receive posted again
 //   softhca_ops list N         N lists of 64 8-byte sends in one EVAPI_post_sr_list, the last one
 //                              signalled; each receive polled and posted again, one per call
 //                              (instructions.sh gives the count per message)
@@ -34,7 +36,7 @@ namespace {
 namespace mb = marlix::bench;
 
 int usage() {
-    std::fprintf(stderr, "usage: softhca_ops write SIZE N | pingpong N | rate N | list N\n");
+    std::fprintf(stderr, "usage: softhca_ops write SIZE N | pingpong N | rate N | window N | list N\n");
     return 2;
 }
 
@@ -86,6 +88,22 @@ int main(int argc, char **argv) {
             f.end[0].wait();
             f.end[1].wait();
             f.end[1].recv(id, 0, 8);
+        });
+        return 0;
+    }
+    if (what == "window" && argc == 3) {
+        // The message rate's own loop: 64 signalled sends, one per post, then every completion
+        // and every receive polled, each receive posted again.
+        constexpr uint32_t kWindow = 64;
+        mb::RcFabric f(4096, 256);
+        for (uint32_t i = 0; i < 2 * kWindow; ++i) f.end[1].recv(i, 0, 8);
+        measure(std::atoi(argv[2]), [&](uint64_t id) {
+            for (uint32_t i = 0; i < kWindow; ++i) f.end[0].send(id * kWindow + i, 0, 8, true);
+            for (uint32_t i = 0; i < kWindow; ++i) f.end[0].wait();
+            for (uint32_t i = 0; i < kWindow; ++i) {
+                f.end[1].wait();
+                f.end[1].recv(id * kWindow + i, 0, 8);
+            }
         });
         return 0;
     }

@@ -25,5 +25,6 @@ count 2000 write 64 2000
 count 2000 write 65536 2000
 count 2000 pingpong 2000
 count 2000 rate 2000
-# Lists of 64 sends: the count is per message.
+# Windows of 64 single posts and lists of 64 sends: the count is per message.
+unit=message count 64000 window 1000
 unit=message count 64000 list 1000

@@ -48,22 +48,31 @@ void activate(Device &dev, Qp &qp) {
     dev.active_qps.push_back(&qp);
 }
 
-void ring_doorbell(Device &dev, Qp &qp) {
-    if (qp.doorbell_rung.exchange(true, std::memory_order_acq_rel)) return;
+bool ring_doorbell(Device &dev, Qp &qp) {
+    if (qp.doorbell_rung.exchange(true, std::memory_order_acq_rel)) return false;
     Qp *head = dev.doorbells.load(std::memory_order_relaxed);
     do {
         qp.doorbell_next = head;
-    } while (!dev.doorbells.compare_exchange_weak(head, &qp, std::memory_order_release,
+    } while (!dev.doorbells.compare_exchange_weak(head, &qp, std::memory_order_seq_cst,
                                                   std::memory_order_relaxed));
+    return true;
 }
 
 void take_doorbells(Device &dev) {
-    if (!dev.doorbells.load(std::memory_order_relaxed)) return;
+    // Sequentially consistent: the threaded engine clears its "posts were left" flag and then
+    // looks here, while a poster pushes here and then looks at that flag; one of them sees the
+    // other's write.
+    if (!dev.doorbells.load(std::memory_order_seq_cst)) return;
     Qp *qp = dev.doorbells.exchange(nullptr, std::memory_order_acquire);
     while (qp) {
         // Read the link before the flag goes down: a post may put the QP back on the list at once.
         Qp *next = qp->doorbell_next;
-        qp->doorbell_rung.store(false, std::memory_order_release);
+        {
+            // Under the send queue lock: a poster that still sees the flag up has queued before
+            // this, and the requester that runs next finds its request.
+            std::lock_guard queue(qp->sq_mu);
+            qp->doorbell_rung.store(false, std::memory_order_release);
+        }
         // A record destroyed (or reused) since its post rang: activating it is harmless.
         if (!qp->destroyed) activate(dev, *qp);
         qp = next;

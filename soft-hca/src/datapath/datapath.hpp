@@ -122,10 +122,13 @@ void new_pass();
 void activate(Device &dev, Qp &qp);
 // Takes the QP off that list (destroy).
 void deactivate(Device &dev, Qp &qp);
-// A post's doorbell when it cannot run the data path itself: puts the QP on the device's
-// lock-free doorbell list (no lock needed). take_doorbells() (device mutex held) moves the list
-// onto the active list; run_requesters() starts with it.
-void ring_doorbell(Device &dev, Qp &qp);
+// A post's doorbell when it does not run the data path itself: puts the QP on the device's
+// lock-free doorbell list (no lock needed) unless it is there already; true when this call put
+// it there. take_doorbells() (device mutex held) moves the list onto the active list;
+// run_requesters() starts with it. A QP stays flagged `doorbell_rung` until it is taken, and
+// the flag goes down under the QP's send queue lock: a poster that finds it up under that lock
+// knows that whoever takes the QP will see what it has just queued, and rings nothing.
+bool ring_doorbell(Device &dev, Qp &qp);
 void take_doorbells(Device &dev);
 
 // Moves the QP to the error state after a completion error and flushes what is queued behind.

@@ -34,7 +34,7 @@
 #include <mutex>
 #include <optional>
 
-#include "device/adaptive_mutex.hpp"
+#include "device/short_lock.hpp"
 #include "device/device.hpp"
 #include "device/event_gate.hpp"
 #include "device/limits.hpp"
@@ -83,6 +83,13 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
         return slot->seq.load(std::memory_order_acquire) ==
                sequence_of(head_.load(std::memory_order_relaxed));
     }
+
+    // Whether completions wait here and no event is asked for: whoever consumes them will poll,
+    // and a post that feeds this CQ may leave its work to that poll (see the threaded engine).
+    // Read without any lock; a stale answer costs at most a wait for the engine's next look.
+    // It reads the lines a poller reads, never the producer's, which another core may be
+    // writing.
+    bool awaits_poll() const { return !event_asked_.load(std::memory_order_relaxed) && ready(); }
 
     // The slot the next push fills (producer side), for a prefetch by whoever pushes next.
     const void *next_slot() const { return &ring_[tail_index_]; }
@@ -157,6 +164,9 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     Slot *ring_ = nullptr;
     uint32_t size_ = 0;
     bool dead_ = false;
+    // armed_ or armed_count_ set (written with them), for awaits_poll(): here, on the line both
+    // sides read, not beside the producer's position, which changes with every push.
+    std::atomic<bool> event_asked_{false};
 
     // Producer side, serialised by the device mutex.
     alignas(limits::kCacheLine) std::atomic<uint64_t> tail_{0};  // completions pushed so far
@@ -168,7 +178,7 @@ class alignas(limits::kCacheLine) CompletionQueue : public Object {
     std::optional<Handler> handler_;
 
     // Consumer side.
-    alignas(limits::kCacheLine) mutable AdaptiveMutex poll_mu_;
+    alignas(limits::kCacheLine) mutable ShortLock poll_mu_;
     std::atomic<uint64_t> head_{0};             // completions polled so far
     uint32_t head_index_ = 0;                   // the slot the next poll takes
     std::atomic<const Slot *> watch_{nullptr};  // that slot, for ready()

@@ -100,10 +100,12 @@ bool CompletionQueue::resize(uint32_t new_size) {
 
 void CompletionQueue::arm(VAPI_cq_notif_type_t type) {
     if (type == VAPI_NEXT_COMP || armed_ == VAPI_NOTIF_NONE) armed_ = type;
+    event_asked_.store(true, std::memory_order_relaxed);
 }
 
 void CompletionQueue::arm_count(uint32_t n) {
     armed_count_ = n;
+    event_asked_.store(true, std::memory_order_relaxed);
 }
 
 bool CompletionQueue::set_handler(const Handler &h) {
@@ -145,6 +147,7 @@ std::optional<CompletionEvent> CompletionQueue::complete(const VAPI_wc_desc_t &w
     if (!due) return std::nullopt;
     armed_ = VAPI_NOTIF_NONE;
     armed_count_ = 0;
+    event_asked_.store(false, std::memory_order_relaxed);
     CompletionEvent ev;
     ev.hca = hca;
     ev.cq = hndl;

@@ -316,7 +316,7 @@ static void boot_locked(const Options &options) {
     }
     wire_reset();
     fabric_boot(options);
-    engine_start(options.engine);
+    engine_start(options.engine, options.engine_look_us);
 }
 
 void boot(const Options &options) {

@@ -86,9 +86,11 @@
 //   6. a QP's queue locks, Qp::sq_mu then Qp::rq_mu (qp.hpp): a post on a connected QP takes the
 //      one of its queue alone, writes the ring and publishes it; whoever changes the QP's state,
 //      capabilities or rings takes both under the device mutex (QpQueueLock), and so does a post
-//      that needs the device (datagram QPs, stopped queues). Only leaf locks are taken
-//      under them (a flush pushes completions, which takes no CQ lock);
-//   7. a CQ's consumer lock (cq.hpp), of one CQ at a time, which polls take alone (a poll of a
+//      that needs the device (datagram QPs, stopped queues); whoever takes a QP off the device's
+//      doorbell list takes its sq_mu under the device mutex to let its flag down. Only leaf locks
+//      are taken under them (a flush pushes completions, which takes no CQ lock). They are short
+//      locks (short_lock.hpp): a waiter spins and yields, never sleeps;
+//   7. a CQ's consumer lock (cq.hpp, a short lock), of one CQ at a time, which polls take alone (a poll of a
 //      CQ in the lock-free table takes no other lock), so pollers wait neither for the passes
 //      that deliver into the device nor for the completer. A CQ's producer side (its ring's
 //      tail, arming and handler) has no lock of its own: it is serialised by the device mutex,

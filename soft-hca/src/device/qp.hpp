@@ -19,6 +19,7 @@
 #include "device/device.hpp"
 #include "device/event_gate.hpp"
 #include "device/limits.hpp"
+#include "device/short_lock.hpp"
 #include "datapath/wq.hpp"
 #include "device/qp_state_machine.hpp"
 
@@ -37,13 +38,14 @@ struct QpQueues {
     // mutex and both (sq_mu first).
     // Each queue's lock and ring apart from the other's: its posters and its consumer may run
     // on different threads.
-    alignas(limits::kCacheLine) AdaptiveMutex sq_mu;
-    SendRing sq;  // [head, next_send) sent, [next_send, tail) queued
-    alignas(limits::kCacheLine) AdaptiveMutex rq_mu;
-    RecvRing rq;
-    // On the device's doorbell list (posts that found the data path busy).
+    alignas(limits::kCacheLine) ShortLock sq_mu;
+    // On the device's doorbell list (posts left for the engine or a poll). In the line of the
+    // lock every send post takes, where a post reads it (see ring_doorbell()).
     std::atomic<bool> doorbell_rung{false};
     Qp *doorbell_next = nullptr;
+    SendRing sq;  // [head, next_send) sent, [next_send, tail) queued
+    alignas(limits::kCacheLine) ShortLock rq_mu;
+    RecvRing rq;
 };
 
 // Everything else about a QP: a new QP starts from a fresh one.
@@ -169,7 +171,7 @@ class QpQueueLock {
     explicit QpQueueLock(Qp &qp) : sq_(qp.sq_mu), rq_(qp.rq_mu) {}
 
   private:
-    std::lock_guard<AdaptiveMutex> sq_, rq_;
+    std::lock_guard<ShortLock> sq_, rq_;
 };
 CompletionQueue *find_cq(Device &dev, VAPI_cq_hndl_t cq);
 // The QP a packet arriving on `port` for QP number `qp_num` is meant for: QP0 and QP1 are the

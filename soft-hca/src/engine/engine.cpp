@@ -29,13 +29,13 @@ EngineSlot &slot() {
 // Written under the slot's mutex.
 constinit std::atomic<Engine *> running_engine{nullptr};
 
-void engine_start(EngineKind kind) {
+void engine_start(EngineKind kind, uint32_t look_us) {
     EngineSlot &s = slot();
     std::lock_guard lk(s.mu);
     running_engine = nullptr;
     s.engine.reset();
     s.kind = kind;
-    s.engine = kind == EngineKind::Threaded ? make_threaded_engine() : make_stepped_engine();
+    s.engine = kind == EngineKind::Threaded ? make_threaded_engine(look_us) : make_stepped_engine();
     running_engine = s.engine.get();
 }
 

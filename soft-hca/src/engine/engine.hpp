@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "device/device.hpp"
 #include "marlix/softhca.hpp"
 
 namespace marlix::softhca {
@@ -26,6 +27,10 @@ class Engine {
     // poster put it there): kicks the engine, or (threaded engine) runs it on the caller's
     // thread when the device's data path is free.
     virtual void doorbell(Device &dev, Qp *qp);
+    // A poll (or a peek, or an arming) found nothing for it while posts wait on `dev`'s doorbell
+    // list: the threaded engine carries them through on the caller's thread; the stepped engine
+    // leaves them for its next step.
+    virtual void carry(Device &) {}
     virtual size_t step() = 0;
     virtual size_t run_until_idle(size_t max_rounds) = 0;
 };
@@ -44,11 +49,12 @@ size_t run_round(uint64_t now, bool *timers_pending = nullptr);
 enum class PostedRun { Done, Engine };
 PostedRun run_posted(Device &dev, Qp *qp, uint64_t now);
 
-std::unique_ptr<Engine> make_threaded_engine();
+// `look_us`: how long a post left for a poller may wait before the engine runs it.
+std::unique_ptr<Engine> make_threaded_engine(uint32_t look_us);
 std::unique_ptr<Engine> make_stepped_engine();
 
 // The running system's engine (started by boot(), stopped by halt()).
-void engine_start(EngineKind kind);
+void engine_start(EngineKind kind, uint32_t look_us);
 void engine_stop();
 // Kicks the running engine, if any.
 void engine_kick();
@@ -64,6 +70,14 @@ inline void engine_doorbell(Device &dev, Qp *qp) {
         e->doorbell(dev, qp);
     else
         doorbell_without_engine(dev, qp);
+}
+
+// Called by a poll that found its CQ empty: runs what posts left on `dev`'s doorbell list, if
+// any. Inline: an empty poll pays one load when nothing waits there.
+inline void engine_carry(Device &dev) {
+    if (dev.doorbells.load(std::memory_order_relaxed) == nullptr) [[likely]]
+        return;
+    if (Engine *e = running_engine.load(std::memory_order_acquire)) e->carry(dev);
 }
 
 }  // namespace marlix::softhca

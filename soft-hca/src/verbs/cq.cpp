@@ -4,6 +4,7 @@
 #include <string>
 
 #include "device/cq.hpp"
+#include "engine/engine.hpp"
 #include "device/qp.hpp"
 
 namespace marlix::softhca {
@@ -106,24 +107,16 @@ namespace {
     return cq->pop(comp_desc_p);
 }
 
-}  // namespace
-
-extern "C" {
-
-VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_wc_desc_t *comp_desc_p) {
-    Device *dev = device_by_handle(hca_hndl);
-    if (VAPI_ret_t rc = check_faults(Verb::VAPI_poll_cq, dev); rc != VAPI_OK) return rc;
-    // Polling takes only the CQ's own lock (and none when the CQ is empty, the common case of a
-    // busy poller), never the device mutex that the passes delivering into the device hold.
-    if (dev && dev->open.load(std::memory_order_acquire) && comp_desc_p && cq_hndl < Device::kFastCqHandles) {
-        if (CompletionQueue *fast = dev->fast_cqs[cq_hndl].load(std::memory_order_acquire))
-            return fast->ready() ? fast->pop(comp_desc_p) : VAPI_CQ_EMPTY;
-    }
-    return poll_locked(dev, cq_hndl, comp_desc_p);
+// Arming asks for an event: posts left for a poll (see the threaded engine) go through once the
+// CQ is armed, so that what they complete raises it.
+VAPI_ret_t carry_after_arming(VAPI_hca_hndl_t hca_hndl, VAPI_ret_t rc) {
+    if (rc != VAPI_OK) return rc;
+    if (Device *dev = device_by_handle(hca_hndl); dev && dev->open.load(std::memory_order_acquire))
+        engine_carry(*dev);
+    return rc;
 }
 
-VAPI_ret_t VAPI_req_comp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
-                               VAPI_cq_notif_type_t notif_type) {
+VAPI_ret_t arm_next(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cq_notif_type_t notif_type) {
     Call call(Verb::VAPI_req_comp_notif, hca_hndl);
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
@@ -134,7 +127,46 @@ VAPI_ret_t VAPI_req_comp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
     return VAPI_OK;
 }
 
+VAPI_ret_t arm_count(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num) {
+    Call call(Verb::EVAPI_req_ncomp_notif, hca_hndl);
+    if (call.failed()) return call.status();
+    CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
+    if (!cq) return VAPI_EINVAL_CQ_HNDL;
+    if (cqe_num == 0 || cqe_num > cq->size()) return VAPI_E2BIG_CQ_NUM;
+    cq->arm_count(cqe_num);
+    return VAPI_OK;
+}
+
+}  // namespace
+
+extern "C" {
+
+VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_wc_desc_t *comp_desc_p) {
+    Device *dev = device_by_handle(hca_hndl);
+    if (VAPI_ret_t rc = check_faults(Verb::VAPI_poll_cq, dev); rc != VAPI_OK) return rc;
+    // Polling takes only the CQ's own lock (and none when the CQ is empty, the common case of a
+    // busy poller), never the device mutex that the passes delivering into the device hold.
+    if (dev && dev->open.load(std::memory_order_acquire) && comp_desc_p && cq_hndl < Device::kFastCqHandles) {
+        if (CompletionQueue *fast = dev->fast_cqs[cq_hndl].load(std::memory_order_acquire)) {
+            if (fast->ready()) return fast->pop(comp_desc_p);
+            // Nothing here: posts left for a poll (see the threaded engine) go through now.
+            engine_carry(*dev);
+            return fast->ready() ? fast->pop(comp_desc_p) : VAPI_CQ_EMPTY;
+        }
+    }
+    if (dev && dev->open.load(std::memory_order_acquire)) engine_carry(*dev);
+    return poll_locked(dev, cq_hndl, comp_desc_p);
+}
+
+VAPI_ret_t VAPI_req_comp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
+                               VAPI_cq_notif_type_t notif_type) {
+    return carry_after_arming(hca_hndl, arm_next(hca_hndl, cq_hndl, notif_type));
+}
+
 VAPI_ret_t EVAPI_peek_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num) {
+    // Posts left for a poll count as done for a peek: they go through first.
+    if (Device *dev = device_by_handle(hca_hndl); dev && dev->open.load(std::memory_order_acquire))
+        engine_carry(*dev);
     Call call(Verb::EVAPI_peek_cq, hca_hndl);
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
@@ -144,13 +176,7 @@ VAPI_ret_t EVAPI_peek_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_
 }
 
 VAPI_ret_t EVAPI_req_ncomp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num) {
-    Call call(Verb::EVAPI_req_ncomp_notif, hca_hndl);
-    if (call.failed()) return call.status();
-    CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
-    if (!cq) return VAPI_EINVAL_CQ_HNDL;
-    if (cqe_num == 0 || cqe_num > cq->size()) return VAPI_E2BIG_CQ_NUM;
-    cq->arm_count(cqe_num);
-    return VAPI_OK;
+    return carry_after_arming(hca_hndl, arm_count(hca_hndl, cq_hndl, cqe_num));
 }
 
 VAPI_ret_t EVAPI_set_comp_eventh(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,

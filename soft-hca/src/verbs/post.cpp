@@ -190,9 +190,12 @@ bool send_needs_device(const Qp &qp) {
         std::unique_lock queue(qp->sq_mu);
         if (qp->live_as(qp_hndl) && !send_needs_device(*qp)) {
             VAPI_ret_t rc = queue_sends(*dev, *qp, descs, n, how);
+            // A QP still on the doorbell list is run by whoever takes it from there, and that
+            // one sees what was just queued (see ring_doorbell()): nothing more to ring.
+            const bool rung = qp->doorbell_rung.load(std::memory_order_relaxed);
             queue.unlock();
             // The doorbell: the requester takes it from here, on the engine (or on this thread).
-            if (rc == VAPI_OK) engine_doorbell(*dev, qp);
+            if (rc == VAPI_OK && !rung) engine_doorbell(*dev, qp);
             return rc;
         }
     }
