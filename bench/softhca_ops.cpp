@@ -13,7 +13,8 @@
 //                              (instructions.sh gives the count per message)
 //
 // Both devices run on the threaded engine, as in softhca_bench; each post carries its message
-// through on the posting thread, so the counted instructions are the whole cost of an operation.
+// through on the posting thread (or, in `window`, the poll carries the posts it finds left), so
+// the counted instructions are the whole cost of an operation.
 #include "rc_fabric.hpp"
 
 #include <cstdio>

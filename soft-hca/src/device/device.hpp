@@ -90,9 +90,11 @@
 //      doorbell list takes its sq_mu under the device mutex to let its flag down. Only leaf locks
 //      are taken under them (a flush pushes completions, which takes no CQ lock). They are short
 //      locks (short_lock.hpp): a waiter spins and yields, never sleeps;
-//   7. a CQ's consumer lock (cq.hpp, a short lock), of one CQ at a time, which polls take alone (a poll of a
-//      CQ in the lock-free table takes no other lock), so pollers wait neither for the passes
-//      that deliver into the device nor for the completer. A CQ's producer side (its ring's
+//   7. a CQ's consumer lock (cq.hpp, a short lock), of one CQ at a time, which polls take alone (a
+//      poll of a CQ in the lock-free table takes no other lock; one that finds it empty while
+//      posts are left on the device carries them first, as a pass, holding nothing), so pollers
+//      wait neither for the passes that deliver into the device nor for the completer. A CQ's
+//      producer side (its ring's
 //      tail, arming and handler) has no lock of its own: it is serialised by the device mutex,
 //      under which the completer, the responder and flushes push and the verbs arm, resize and
 //      destroy. Resizing and destroying take the consumer lock as well. A destroyed CQ is marked
