@@ -53,6 +53,15 @@ class LeftPosts : public DataPathTest {
         return std::equal(l.src->bytes.begin() + 8 * i, l.src->bytes.begin() + 8 * i + 8,
                           l.dst->bytes.begin() + 8 * i);
     }
+    // Two sends on a fresh link: the first runs at once, the second is left behind its
+    // completion.
+    Link one_left() {
+        Link l = link(2);
+        EXPECT_EQ(send(l, 0), VAPI_OK);
+        EXPECT_EQ(send(l, 1), VAPI_OK);
+        EXPECT_FALSE(arrived(l, 1));
+        return l;
+    }
     // One completion polled from the side's CQ, or a record of 0xff bytes when it has none.
     static VAPI_wc_desc_t poll_one(const Side &s) {
         VAPI_wc_desc_t wc = unwritten_completion();
@@ -121,16 +130,13 @@ TEST_F(LeftPosts, AnArmedCqHasItsPostsRunAtOnce) {
 }
 
 TEST_F(LeftPosts, ArmingCarriesWhatWasLeftAndRaisesTheEvent) {
-    Link l = link(2);
+    Link l = one_left();
     std::atomic<int> events{0};
     EVAPI_compl_handler_hndl_t h = 0;
     auto on_event = [](VAPI_hca_hndl_t, VAPI_cq_hndl_t, void *p) {
         static_cast<std::atomic<int> *>(p)->fetch_add(1);
     };
     ASSERT_EQ(EVAPI_set_comp_eventh(s0.hca, s0.cq, on_event, &events, &h), VAPI_OK);
-    ASSERT_EQ(send(l, 0), VAPI_OK);
-    ASSERT_EQ(send(l, 1), VAPI_OK);
-    ASSERT_FALSE(arrived(l, 1));
     ASSERT_EQ(VAPI_req_comp_notif(s0.hca, s0.cq, VAPI_NEXT_COMP), VAPI_OK);
     EXPECT_TRUE(arrived(l, 1));
     marlix::kernel::irq_sync();
@@ -141,27 +147,27 @@ TEST_F(LeftPosts, ArmingCarriesWhatWasLeftAndRaisesTheEvent) {
 }
 
 TEST_F(LeftPosts, ArmingForACountCarriesWhatWasLeft) {
-    Link l = link(2);
-    ASSERT_EQ(send(l, 0), VAPI_OK);
-    ASSERT_EQ(send(l, 1), VAPI_OK);
-    ASSERT_FALSE(arrived(l, 1));
+    Link l = one_left();
     ASSERT_EQ(EVAPI_req_ncomp_notif(s0.hca, s0.cq, 2), VAPI_OK);
     EXPECT_TRUE(arrived(l, 1));
 }
 
 TEST_F(LeftPosts, APeekCountsWhatWasLeft) {
-    Link l = link(2);
-    ASSERT_EQ(send(l, 0), VAPI_OK);
-    ASSERT_EQ(send(l, 1), VAPI_OK);
-    ASSERT_FALSE(arrived(l, 1));
+    Link l = one_left();
     EXPECT_EQ(EVAPI_peek_cq(s0.hca, s0.cq, 2), VAPI_OK);
     EXPECT_TRUE(arrived(l, 1));
 }
 
-class LeftPostsSoonLooked : public LeftPosts {
+// The same with another engine or look.
+template <sh::EngineKind kEngine, uint32_t kLookUs>
+class LeftPostsWith : public LeftPosts {
   protected:
-    LeftPostsSoonLooked() { look_us_ = 1000; }
+    LeftPostsWith() {
+        engine_ = kEngine;
+        look_us_ = kLookUs;
+    }
 };
+using LeftPostsSoonLooked = LeftPostsWith<sh::EngineKind::Threaded, 1000>;
 
 TEST_F(LeftPostsSoonLooked, TheEngineCarriesWhatNobodyPolls) {
     Link l = link(2);
@@ -179,10 +185,7 @@ TEST_F(LeftPostsSoonLooked, TheEngineCarriesWhatNobodyPolls) {
     EXPECT_TRUE(arrived(l, 1));
 }
 
-class LeftPostsStepped : public LeftPosts {
-  protected:
-    LeftPostsStepped() { engine_ = sh::EngineKind::Stepped; }
-};
+using LeftPostsStepped = LeftPostsWith<sh::EngineKind::Stepped, kFarLookUs>;
 
 TEST_F(LeftPostsStepped, APollCarriesNothingOnTheSteppedEngine) {
     Link l = link(1);

@@ -11,18 +11,12 @@
 #include <atomic>
 #include <cstdint>
 
+#include "device/lock_word.hpp"
+
 namespace marlix::softhca {
 
-class AdaptiveMutex {
+class AdaptiveMutex : public LockWord {
   public:
-    AdaptiveMutex() = default;
-    AdaptiveMutex(const AdaptiveMutex &) = delete;
-    AdaptiveMutex &operator=(const AdaptiveMutex &) = delete;
-
-    bool try_lock() {
-        uint32_t free = 0;
-        return word_.compare_exchange_strong(free, 1, std::memory_order_acquire, std::memory_order_relaxed);
-    }
     void lock() {
         if (!try_lock()) lock_contended();
     }
@@ -32,11 +26,8 @@ class AdaptiveMutex {
 
   private:
     void lock_contended() {
-        // About one to five microseconds of spinning: the cost of the sleep it may spare.
-        for (int i = 0; i < kSpins; ++i) {
-            if (word_.load(std::memory_order_relaxed) == 0 && try_lock()) return;
-            relax();
-        }
+        // Spinning costs less than the sleep it may spare.
+        if (spin_to_take()) return;
         // Mark the mutex as slept on, and sleep until it is released; whoever takes it from
         // here takes it marked, so that its unlock wakes the next sleeper.
         uint32_t seen = word_.exchange(2, std::memory_order_acquire);
@@ -45,15 +36,6 @@ class AdaptiveMutex {
             seen = word_.exchange(2, std::memory_order_acquire);
         }
     }
-    static void relax() {
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#elif defined(__aarch64__)
-        asm volatile("yield");
-#endif
-    }
-    static constexpr int kSpins = 100;
-    std::atomic<uint32_t> word_{0};
 };
 
 }  // namespace marlix::softhca

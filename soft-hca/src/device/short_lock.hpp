@@ -8,21 +8,14 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 #include <thread>
+
+#include "device/lock_word.hpp"
 
 namespace marlix::softhca {
 
-class ShortLock {
+class ShortLock : public LockWord {
   public:
-    ShortLock() = default;
-    ShortLock(const ShortLock &) = delete;
-    ShortLock &operator=(const ShortLock &) = delete;
-
-    bool try_lock() {
-        uint32_t free = 0;
-        return word_.compare_exchange_strong(free, 1, std::memory_order_acquire, std::memory_order_relaxed);
-    }
     void lock() {
         if (!try_lock()) lock_contended();
     }
@@ -30,23 +23,8 @@ class ShortLock {
 
   private:
     [[gnu::noinline]] void lock_contended() {
-        for (;;) {
-            for (int i = 0; i < kSpins; ++i) {
-                if (word_.load(std::memory_order_relaxed) == 0 && try_lock()) return;
-                relax();
-            }
-            std::this_thread::yield();
-        }
+        while (!spin_to_take()) std::this_thread::yield();
     }
-    static void relax() {
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#elif defined(__aarch64__)
-        asm volatile("yield");
-#endif
-    }
-    static constexpr int kSpins = 100;
-    std::atomic<uint32_t> word_{0};
 };
 
 }  // namespace marlix::softhca

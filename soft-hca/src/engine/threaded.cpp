@@ -20,6 +20,7 @@
 
 #include "datapath/datapath.hpp"
 #include "device/cq.hpp"
+#include "device/lock_word.hpp"
 #include "device/qp.hpp"
 #include "engine/engine.hpp"
 #include "host_interface.hpp"
@@ -155,13 +156,6 @@ class ThreadedEngine : public Engine {
             cpu_relax();
         }
         return false;
-    }
-    static void cpu_relax() {
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#elif defined(__aarch64__)
-        asm volatile("yield");
-#endif
     }
     // About 10 to 50 us of spinning, depending on the processor's pause.
     static constexpr int kSpins = 1000;

@@ -116,25 +116,14 @@ VAPI_ret_t carry_after_arming(VAPI_hca_hndl_t hca_hndl, VAPI_ret_t rc) {
     return rc;
 }
 
-VAPI_ret_t arm_next(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cq_notif_type_t notif_type) {
-    Call call(Verb::VAPI_req_comp_notif, hca_hndl);
+// Arms the CQ with `arm` (which checks its own arguments) under the verb's call.
+template <class Arm>
+VAPI_ret_t arm_cq(Verb verb, VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, Arm &&arm) {
+    Call call(verb, hca_hndl);
     if (call.failed()) return call.status();
     CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
     if (!cq) return VAPI_EINVAL_CQ_HNDL;
-    const uint32_t type = raw_value(notif_type);
-    if (type != VAPI_SOLIC_COMP && type != VAPI_NEXT_COMP) return VAPI_EINVAL_NOTIF_TYPE;
-    cq->arm(notif_type);
-    return VAPI_OK;
-}
-
-VAPI_ret_t arm_count(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num) {
-    Call call(Verb::EVAPI_req_ncomp_notif, hca_hndl);
-    if (call.failed()) return call.status();
-    CompletionQueue *cq = find_cq(call.dev(), cq_hndl);
-    if (!cq) return VAPI_EINVAL_CQ_HNDL;
-    if (cqe_num == 0 || cqe_num > cq->size()) return VAPI_E2BIG_CQ_NUM;
-    cq->arm_count(cqe_num);
-    return VAPI_OK;
+    return arm(*cq);
 }
 
 }  // namespace
@@ -160,7 +149,14 @@ VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_w
 
 VAPI_ret_t VAPI_req_comp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
                                VAPI_cq_notif_type_t notif_type) {
-    return carry_after_arming(hca_hndl, arm_next(hca_hndl, cq_hndl, notif_type));
+    return carry_after_arming(hca_hndl,
+                              arm_cq(Verb::VAPI_req_comp_notif, hca_hndl, cq_hndl, [&](CompletionQueue &cq) {
+                                  const uint32_t type = raw_value(notif_type);
+                                  if (type != VAPI_SOLIC_COMP && type != VAPI_NEXT_COMP)
+                                      return VAPI_EINVAL_NOTIF_TYPE;
+                                  cq.arm(notif_type);
+                                  return VAPI_OK;
+                              }));
 }
 
 VAPI_ret_t EVAPI_peek_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num) {
@@ -176,7 +172,12 @@ VAPI_ret_t EVAPI_peek_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_
 }
 
 VAPI_ret_t EVAPI_req_ncomp_notif(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_cqe_num_t cqe_num) {
-    return carry_after_arming(hca_hndl, arm_count(hca_hndl, cq_hndl, cqe_num));
+    return carry_after_arming(
+        hca_hndl, arm_cq(Verb::EVAPI_req_ncomp_notif, hca_hndl, cq_hndl, [&](CompletionQueue &cq) {
+            if (cqe_num == 0 || cqe_num > cq.size()) return VAPI_E2BIG_CQ_NUM;
+            cq.arm_count(cqe_num);
+            return VAPI_OK;
+        }));
 }
 
 VAPI_ret_t EVAPI_set_comp_eventh(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl,
