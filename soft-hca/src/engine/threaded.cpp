@@ -139,7 +139,8 @@ class ThreadedEngine : public Engine {
     // sure the engine looks within look_. The engine clears left_ before each round and then
     // reads the doorbell lists; this reads left_ after the push, so either the round sees the
     // post or this sees the flag down and raises it. A wake-up is paid only when the engine sleeps
-    // with no deadline, that is after a whole look_ with no post left.
+    // with no deadline, that is after a whole look_ with no post left. (An engine already asleep
+    // for a timer's millisecond looks when that ends.)
     void look_soon() {
         if (left_.load(std::memory_order_seq_cst)) return;
         left_.store(true, std::memory_order_seq_cst);
