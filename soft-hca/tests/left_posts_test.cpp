@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "datapath_fixture.hpp"
-#include "device/short_lock.hpp"
 #include "marlix/kernel.hpp"
 
 using namespace dp;
@@ -195,25 +194,6 @@ TEST_F(LeftPostsStepped, APollCarriesNothingOnTheSteppedEngine) {
     run();
     EXPECT_TRUE(arrived(l, 0));
     EXPECT_EQ(poll_one(s0).id, 0u);
-}
-
-TEST(ShortLock, CountsEveryIncrementOfThreadsThatContendForIt) {
-    sh::ShortLock lock;
-    uint64_t count = 0;
-    constexpr int kThreads = 4, kEach = 20000;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < kEach; ++i) {
-                std::lock_guard lk(lock);
-                ++count;
-            }
-        });
-    for (std::thread &t : threads) t.join();
-    EXPECT_EQ(count, uint64_t(kThreads) * kEach);
-    EXPECT_TRUE(lock.try_lock());
-    EXPECT_FALSE(lock.try_lock());
-    lock.unlock();
 }
 
 }  // namespace

@@ -47,9 +47,11 @@ struct alignas(limits::kCacheLine) SendEntry {
     VAPI_pkey_ix_t pkey_ix = 0;
     // Requester state.
     SendPhase phase = SendPhase::Queued;
-    uint32_t first_psn = 0;                  // RC/UC: PSN of the first packet
-    uint32_t last_psn = 0;                   // RC/UC: PSN of the last packet (reads: of the last response)
-    uint64_t length = 0;                     // message length
+    uint32_t first_psn = 0;  // RC/UC: PSN of the first packet
+    uint32_t last_psn = 0;   // RC/UC: PSN of the last packet (reads: of the last response)
+    // The byte count its completion reports, set when the requester takes it: `bytes`, but 8
+    // for an atomic and 0 for an outcome a test forced.
+    uint64_t length = 0;
     uint32_t read_received = 0;              // RDMA read: bytes of response data placed so far
     VAPI_wc_status_t status = VAPI_SUCCESS;  // outcome once Done
     uint32_t syndrome = 0;
