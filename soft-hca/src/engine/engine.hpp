@@ -72,6 +72,14 @@ inline void engine_doorbell(Device &dev, Qp *qp) {
         doorbell_without_engine(dev, qp);
 }
 
+// A send post on `dev` is about to take its queue's lock: the pass that follows (threaded engine)
+// takes the device mutex, which the last delivery into the device took, often on another core.
+// Fetching it starts now, so that it overlaps the wait of the queue lock's atomic exchange for the
+// caller's earlier stores (a receive just posted writes lines the peer's responder reads).
+inline void engine_expect_pass(Device &dev) {
+    __builtin_prefetch(&dev.mu, 1, 3);
+}
+
 // Called by a poll that found its CQ empty: runs what posts left on `dev`'s doorbell list, if
 // any. Inline: an empty poll pays one load when nothing waits there.
 inline void engine_carry(Device &dev) {

@@ -202,6 +202,7 @@ bool send_needs_device(const Qp &qp) {
     // The common case takes the QP's send queue lock only, so posters on other QPs and the data
     // path (which holds the device mutex) do not wait for each other.
     if (Qp *qp = posting_qp(*dev, qp_hndl)) {
+        engine_expect_pass(*dev);
         std::unique_lock queue(qp->sq_mu);
         if (qp->live_as(qp_hndl) && !send_needs_device(*qp)) {
             VAPI_ret_t rc = queue_posted(*dev, *qp, descs, n, how);
