@@ -72,7 +72,7 @@ struct alignas(limits::kCacheLine) RecvEntry {
         sg_count = n;
         if (n == 0) return;
         first = sg[0];
-        std::copy_n(sg + 1, n - 1, more);
+        if (n > 1) std::copy_n(sg + 1, n - 1, more);
     }
 };
 static_assert(sizeof(RecvEntry) == limits::kCacheLine,
@@ -102,8 +102,8 @@ class WorkRing {
     const Entry &at(uint64_t pos) const { return slots_[pos & mask_]; }
     Entry &front() { return at(head()); }
     // The entry a post fills next (producer side); publish it with push().
-    Entry &next_free() { return at(tail_.load(std::memory_order_relaxed)); }
-    void push() { tail_.store(tail_.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
+    Entry &next_free() { return at(own_tail_); }
+    void push() { tail_.store(++own_tail_, std::memory_order_release); }
     // Consumer side: the front entry is done with.
     void pop() { head_.store(head_.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
     // Consumer side: starts bringing the front entry's line in, if there is one, so that it is
@@ -118,7 +118,7 @@ class WorkRing {
     // outstanding. It reads the consumer's position only when the last one it saw says no, so a
     // poster does not pull the consumer's cache line on every post.
     bool room_for(uint32_t pending, uint32_t limit) {
-        const uint64_t t = tail_.load(std::memory_order_relaxed);
+        const uint64_t t = own_tail_;
         if (t - seen_head_ + pending < limit) return true;
         seen_head_ = head_.load(std::memory_order_acquire);
         return t - seen_head_ + pending < limit;
@@ -127,6 +127,7 @@ class WorkRing {
     void clear() {
         head_.store(0, std::memory_order_relaxed);
         tail_.store(0, std::memory_order_release);
+        own_tail_ = 0;
         seen_head_ = 0;
     }
     uint32_t sg_stride() const { return sg_stride_; }
@@ -142,6 +143,9 @@ class WorkRing {
     // The consumer's and the producer's positions, each in a cache line of its own.
     alignas(limits::kCacheLine) std::atomic<uint64_t> head_{0};
     alignas(limits::kCacheLine) std::atomic<uint64_t> tail_{0};
+    // The producer's own view, on a line the consumer never reads: the consumer reads tail_,
+    // and a poster that read it back after the consumer (on another core) had would wait for it.
+    alignas(limits::kCacheLine) uint64_t own_tail_ = 0;  // == tail_, producer side
     uint64_t seen_head_ = 0;  // the producer's last look at head_ (never ahead of it)
 };
 
