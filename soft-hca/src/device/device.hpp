@@ -289,7 +289,10 @@ class Device {
 
     // Open state.
     std::atomic<bool> open{false};  // read without the lock by the poll fast path
-    int borrowed = 0;               // EVAPI_get_hca_hndl handles not yet released
+    // A send was posted since the device was opened (set by the first; beside `open`, which
+    // every poll reads anyway): polls here then expect a post to follow (engine_expect_post()).
+    std::atomic<bool> sends_posted{false};
+    int borrowed = 0;  // EVAPI_get_hca_hndl handles not yet released
 
     // Asynchronous event handler (VAPI_set_async_event_handler).
     VAPI_async_event_handler_t async_handler = nullptr;

@@ -78,6 +78,17 @@ inline void engine_doorbell(Device &dev, Qp *qp) {
 // caller's earlier stores (a receive just posted writes lines the peer's responder reads).
 inline void engine_expect_pass(Device &dev) {
     __builtin_prefetch(&dev.mu, 1, 3);
+    if (!dev.sends_posted.load(std::memory_order_relaxed)) [[unlikely]]
+        dev.sends_posted.store(true, std::memory_order_relaxed);
+}
+
+// A poll is about to return a completion of `dev`. On a device where sends are posted, a send
+// usually follows (the answer to what arrived, or the next request), and its pass takes the
+// device mutex, which the delivery of that completion took, often on another core: fetching it
+// starts now, while the caller looks at the completion and posts. A device that only receives
+// (a stream's far end, whose mutex the sending thread's passes take) is left alone.
+inline void engine_expect_post(Device &dev) {
+    if (dev.sends_posted.load(std::memory_order_relaxed)) __builtin_prefetch(&dev.mu, 1, 3);
 }
 
 // Called by a poll that found its CQ empty: runs what posts left on `dev`'s doorbell list, if

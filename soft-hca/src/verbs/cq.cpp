@@ -137,7 +137,10 @@ VAPI_ret_t VAPI_poll_cq(VAPI_hca_hndl_t hca_hndl, VAPI_cq_hndl_t cq_hndl, VAPI_w
     // busy poller), never the device mutex that the passes delivering into the device hold.
     if (dev && dev->open.load(std::memory_order_acquire) && comp_desc_p && cq_hndl < Device::kFastCqHandles) {
         if (CompletionQueue *fast = dev->fast_cqs[cq_hndl].load(std::memory_order_acquire)) {
-            if (fast->ready()) return fast->pop(comp_desc_p);
+            if (fast->ready()) {
+                engine_expect_post(*dev);
+                return fast->pop(comp_desc_p);
+            }
             // Nothing here: posts left for a poll (see the threaded engine) go through now.
             engine_carry(*dev);
             return fast->ready() ? fast->pop(comp_desc_p) : VAPI_CQ_EMPTY;

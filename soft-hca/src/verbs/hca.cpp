@@ -46,6 +46,7 @@ VAPI_ret_t VAPI_open_hca(const VAPI_hca_id_t hca_id, VAPI_hca_hndl_t *hca_hndl_p
     dev->event_gate = std::make_shared<EventGate>();
     // Opening initialises the adapter: its ports count from zero again.
     for (Port &p : dev->ports) p.reset_counters();
+    dev->sends_posted = false;
     dev->open = true;
     dev->borrowed = 0;
     *hca_hndl_p = dev->hndl;
