@@ -99,3 +99,36 @@ TEST(SendRing, AnEntryKeepsItsGatherListAndLengthThroughAWrapAndAResize) {
         EXPECT_EQ(e.sg[i].lkey, three[i].lkey) << "entry " << i;
     }
 }
+
+// The producer reads its own copy of the tail; the consumer reads the published one. Both must
+// agree after pushes, pops, a resize and a clear: a clear that left the producer's copy behind
+// would have the next post write a slot the consumer does not read next.
+TEST(RecvRing, ThePostersTailAndThePublishedOneAgreeThroughPopsAResizeAndAClear) {
+    sh::RecvRing ring;
+    ASSERT_TRUE(ring.resize(4, 1, 0));
+    const VAPI_sg_lst_entry_t one[1] = {{0x1000, 8, 1}};
+    for (VAPI_wr_id_t id = 1; id <= 4; ++id) {
+        ASSERT_TRUE(ring.room_for(0, 4)) << "post " << id;
+        post(ring, id, one, 1);
+    }
+    EXPECT_EQ(ring.tail(), 4u);
+    EXPECT_FALSE(ring.room_for(0, 4));  // four outstanding: the limit
+    ring.pop();
+    EXPECT_TRUE(ring.room_for(0, 4));  // looks at the consumer's position again
+    post(ring, 5, one, 1);             // wraps into the slot just freed
+    EXPECT_EQ(ring.tail(), 5u);
+    EXPECT_EQ(&ring.at(4), &ring.at(0));
+    EXPECT_EQ(ring.at(4).desc.id, 5u);
+    ASSERT_TRUE(ring.resize(8, 1, 0));
+    post(ring, 6, one, 1);
+    EXPECT_EQ(ring.tail(), 6u);
+    EXPECT_EQ(ring.at(5).desc.id, 6u);
+    EXPECT_EQ(ring.front().desc.id, 2u);
+    ring.clear();
+    EXPECT_TRUE(ring.empty());
+    EXPECT_EQ(ring.tail(), 0u);
+    post(ring, 7, one, 1);
+    EXPECT_EQ(ring.tail(), 1u);
+    EXPECT_EQ(ring.front().desc.id, 7u);
+    EXPECT_EQ(&ring.next_free(), &ring.at(1));
+}
