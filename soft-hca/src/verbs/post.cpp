@@ -236,12 +236,23 @@ bool send_needs_device(const Qp &qp) {
     return VAPI_OK;
 }
 
-VAPI_ret_t queue_recvs(Qp &qp, const VAPI_rr_desc_t *descs, uint32_t n) {
+// Checks every request, then queues them all (the QP's receive queue lock held). Inline into
+// VAPI_post_rr, which posts one; lists call it out of line (queue_recv_list), as sends do.
+[[gnu::always_inline]] inline VAPI_ret_t queue_recvs(Qp &qp, const VAPI_rr_desc_t *descs, uint32_t n) {
     if (n > 0 && !descs) return VAPI_EINVAL_PARAM;
     for (uint32_t i = 0; i < n; ++i)
         if (VAPI_ret_t rc = check_recv(qp, &descs[i], i); rc != VAPI_OK) return rc;
     for (uint32_t i = 0; i < n; ++i) write_recv(qp, descs[i]);
     return VAPI_OK;
+}
+
+[[gnu::noinline]] VAPI_ret_t queue_recv_list(Qp &qp, const VAPI_rr_desc_t *descs, uint32_t n) {
+    return queue_recvs(qp, descs, n);
+}
+
+[[gnu::always_inline]] inline VAPI_ret_t queue_recvs_posted(Qp &qp, const VAPI_rr_desc_t *descs, uint32_t n,
+                                                            bool one) {
+    return one ? queue_recvs(qp, descs, 1) : queue_recv_list(qp, descs, n);
 }
 
 // `one`: a single request, refused before the QP is looked up when it is missing. Inline into
@@ -255,14 +266,15 @@ VAPI_ret_t queue_recvs(Qp &qp, const VAPI_rr_desc_t *descs, uint32_t n) {
     // The responder takes receives from the ring as they are published: nothing to ring.
     if (Qp *qp = posting_qp(*dev, qp_hndl)) {
         std::unique_lock queue(qp->rq_mu);
-        if (qp->live_as(qp_hndl) && qp->state() != QpState::Err) return queue_recvs(*qp, descs, n);
+        if (qp->live_as(qp_hndl) && qp->state() != QpState::Err)
+            return queue_recvs_posted(*qp, descs, n, one);
     }
     Call call(dev, Call::Checked{});
     if (call.failed()) return call.status();
     Qp *qp = find_qp(*dev, qp_hndl);
     if (!qp) return VAPI_EINVAL_QP_HNDL;
     std::unique_lock queue(qp->rq_mu);
-    if (VAPI_ret_t rc = queue_recvs(*qp, descs, n); rc != VAPI_OK) return rc;
+    if (VAPI_ret_t rc = queue_recv_list(*qp, descs, n); rc != VAPI_OK) return rc;
     if (qp->state() == QpState::Err) {
         PendingEvents events;
         flush_recv_queue(*dev, *qp, events);
