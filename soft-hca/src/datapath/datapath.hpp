@@ -14,6 +14,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 
 #include "datapath/packet.hpp"
 #include "device/qp.hpp"
@@ -49,6 +50,14 @@ struct Outbox {
         span_count = 0;
     }
 };
+
+// Clears an entry to what every packet starts from. Copied from a constant rather than assigned:
+// the copy becomes a dozen straight vector stores, where `e = Outbox::Entry{}` clears the entry
+// word by word in a loop (or with a string store) and then stores its non-zero fields.
+inline constexpr Outbox::Entry kBlankEntry{};
+inline void clear_entry(Outbox::Entry &e) {
+    std::memcpy(static_cast<void *>(&e), &kBlankEntry, sizeof e);
+}
 
 // The packet `index` of a train, built from the entry.
 Packet train_segment(const Outbox::Entry &e, uint32_t index);

@@ -13,11 +13,6 @@ using qpsm::QpState;
 
 namespace {
 
-// What every packet starts from. Copied rather than assigned: a copy of a constant becomes a
-// dozen straight vector stores, where `e = Outbox::Entry{}` clears the entry word by word in a
-// loop (or with a string store) and then stores its non-zero fields.
-constexpr Outbox::Entry kBlankEntry{};
-
 // Resolves the gather list (or the inline data) into pieces of memory in the Outbox.
 // Returns the first span index, or fails with a completion status.
 bool gather(Device &dev, Qp &qp, SendEntry &w, Outbox &out, uint32_t &first, VAPI_wc_status_t &status) {
@@ -118,7 +113,7 @@ size_t run_qp(Device &dev, Qp &qp, uint64_t now, Outbox &out, PendingEvents &eve
         const uint64_t length = w.bytes;
         w.length = length;
         Outbox::Entry &e = out.entries[out.count];
-        std::memcpy(static_cast<void *>(&e), &kBlankEntry, sizeof e);
+        clear_entry(e);
         e.from = &dev;
         Packet &p = e.pkt;
         uint32_t first_span = out.span_count;

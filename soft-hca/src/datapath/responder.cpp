@@ -115,7 +115,7 @@ Outbox::Entry *reply(Device &dev, Qp &qp, IB_port_t port, const Packet &req, Out
                      bool count = true) {
     if (!out.has_room(1, 1)) return nullptr;  // lost; the requester will retransmit
     Outbox::Entry &e = out.entries[out.count++];
-    e = Outbox::Entry{};
+    clear_entry(e);
     e.from = &dev;
     e.port = port;
     Packet &p = e.pkt;
