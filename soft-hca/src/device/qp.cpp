@@ -1,4 +1,4 @@
-// Finding queue pairs by handle and by number, and what a send request completes as.
+// Finding queue pairs by handle and by number.
 #include "device/qp.hpp"
 
 #include "device/limits.hpp"
@@ -40,25 +40,6 @@ uint32_t qp_number_key(VAPI_qp_num_t qp_num, IB_port_t port) {
 Qp *find_qp_by_num_hashed(Device &dev, VAPI_qp_num_t qp_num, IB_port_t port) {
     auto it = dev.qp_by_number.find(qp_number_key(qp_num, port));
     return it == dev.qp_by_number.end() ? nullptr : it->second;
-}
-
-VAPI_cqe_opcode_t send_cqe_opcode(VAPI_wr_opcode_t opcode) {
-    switch (opcode) {
-        case VAPI_RDMA_WRITE:
-        case VAPI_RDMA_WRITE_WITH_IMM:
-            return VAPI_CQE_SQ_RDMA_WRITE;
-        case VAPI_SEND:
-        case VAPI_SEND_WITH_IMM:
-            return VAPI_CQE_SQ_SEND_DATA;
-        case VAPI_RDMA_READ:
-            return VAPI_CQE_SQ_RDMA_READ;
-        case VAPI_ATOMIC_CMP_AND_SWP:
-            return VAPI_CQE_SQ_COMP_SWAP;
-        case VAPI_ATOMIC_FETCH_AND_ADD:
-            return VAPI_CQE_SQ_FETCH_ADD;
-        default:
-            return VAPI_CQE_INVAL_OPCODE;
-    }
 }
 
 }  // namespace marlix::softhca

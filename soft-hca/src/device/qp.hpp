@@ -285,7 +285,24 @@ void mcast_members_by_lid(Device &dev, IB_lid_t mlid, std::vector<VAPI_qp_hndl_t
 // The address vector of an address handle and the PD it belongs to; null when unknown.
 const VAPI_ud_av_t *find_ah_av(Device &dev, VAPI_ud_av_hndl_t ah, VAPI_pd_hndl_t *pd = nullptr);
 
-// The CQE opcode a send work request completes with.
-VAPI_cqe_opcode_t send_cqe_opcode(VAPI_wr_opcode_t opcode);
+// The CQE opcode a send work request completes with. Inline: every send completion asks.
+inline VAPI_cqe_opcode_t send_cqe_opcode(VAPI_wr_opcode_t opcode) {
+    switch (opcode) {
+        case VAPI_RDMA_WRITE:
+        case VAPI_RDMA_WRITE_WITH_IMM:
+            return VAPI_CQE_SQ_RDMA_WRITE;
+        case VAPI_SEND:
+        case VAPI_SEND_WITH_IMM:
+            return VAPI_CQE_SQ_SEND_DATA;
+        case VAPI_RDMA_READ:
+            return VAPI_CQE_SQ_RDMA_READ;
+        case VAPI_ATOMIC_CMP_AND_SWP:
+            return VAPI_CQE_SQ_COMP_SWAP;
+        case VAPI_ATOMIC_FETCH_AND_ADD:
+            return VAPI_CQE_SQ_FETCH_ADD;
+        default:
+            return VAPI_CQE_INVAL_OPCODE;
+    }
+}
 
 }  // namespace marlix::softhca
