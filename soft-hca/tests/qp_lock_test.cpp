@@ -13,7 +13,6 @@
 #include "datapath_fixture.hpp"
 #include "device/device.hpp"
 #include "device/qp.hpp"
-#include "device/short_lock.hpp"
 
 namespace {
 
@@ -336,26 +335,6 @@ TEST_F(QpLockThreaded, PostsRacingTheErrorStateAreEachCompletedOnce) {
     EXPECT_TRUE(flushed) << "the posts after the move to ERR were not flushed";
     VAPI_wc_desc_t extra{};
     EXPECT_EQ(VAPI_poll_cq(s0.hca, s0.cq, &extra), VAPI_CQ_EMPTY);
-}
-
-// The queue locks are short locks: they spin and yield and never sleep, and lose no hold.
-TEST(ShortLock, CountsEveryIncrementOfThreadsThatContendForIt) {
-    sh::ShortLock lock;
-    uint64_t count = 0;
-    constexpr int kThreads = 4, kEach = 20000;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < kEach; ++i) {
-                std::lock_guard lk(lock);
-                ++count;
-            }
-        });
-    for (std::thread &t : threads) t.join();
-    EXPECT_EQ(count, uint64_t(kThreads) * kEach);
-    EXPECT_TRUE(lock.try_lock());
-    EXPECT_FALSE(lock.try_lock());
-    lock.unlock();
 }
 
 }  // namespace
