@@ -51,7 +51,9 @@ VAPI_wc_status_t scatter(Device &dev, const Qp &qp, const RecvEntry &r, uint64_t
 
 // The packet's whole payload at byte `at` of the receive request, as scatter(). Inline for the
 // common case, a request of one buffer that holds it: one key walk and one copy, without the
-// list's loop and call. Anything else goes through scatter().
+// list's loop and call. Anything else goes through scatter(). Its walk repeats scatter()'s on
+// purpose: a walk with one lambda shared by both is compiled out of line, which costs the common
+// receive some 50 instructions.
 [[gnu::always_inline]] inline VAPI_wc_status_t scatter_payload(Device &dev, const Qp &qp, const RecvEntry &r,
                                                                uint64_t at, const Packet &p) {
     const uint64_t len = p.payload_len;

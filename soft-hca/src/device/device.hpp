@@ -94,11 +94,11 @@
 //      poll of a CQ in the lock-free table takes no other lock; one that finds it empty while
 //      posts are left on the device carries them first, as a pass, holding nothing), so pollers
 //      wait neither for the passes that deliver into the device nor for the completer. A CQ's
-//      producer side (its ring's
-//      tail, arming and handler) has no lock of its own: it is serialised by the device mutex,
-//      under which the completer, the responder and flushes push and the verbs arm, resize and
-//      destroy. Resizing and destroying take the consumer lock as well. A destroyed CQ is marked
-//      dead and kept until the device closes, since a poll may still hold it;
+//      producer side (its ring's tail, arming and handler) has no lock of its own: it is
+//      serialised by the device mutex, under which the completer, the responder and flushes push
+//      and the verbs arm, resize and destroy. Resizing and destroying take the consumer lock as
+//      well. A destroyed CQ is marked dead and kept until the device closes, since a poll may
+//      still hold it;
 //   8. leaf locks, under which nothing else is taken: the wire (link faults and delayed packets),
 //      the LID table's writers, the fault table and the counts of calls tied to no device, the
 //      registry's device list and event dispatcher, the threaded engine's sleep mutex, the pool

@@ -75,7 +75,9 @@ inline void engine_doorbell(Device &dev, Qp *qp) {
 // A send post on `dev` is about to take its queue's lock: the pass that follows (threaded engine)
 // takes the device mutex, which the last delivery into the device took, often on another core.
 // Fetching it starts now, so that it overlaps the wait of the queue lock's atomic exchange for the
-// caller's earlier stores (a receive just posted writes lines the peer's responder reads).
+// caller's earlier stores (a receive just posted writes lines the peer's responder reads). The
+// first send post since the device was opened also marks it as a device where sends are posted
+// (for engine_expect_post()).
 inline void engine_expect_pass(Device &dev) {
     __builtin_prefetch(&dev.mu, 1, 3);
     if (!dev.sends_posted.load(std::memory_order_relaxed)) [[unlikely]]
