@@ -97,6 +97,40 @@ TEST_F(QpLock, ADestroyedQpsHandleIsRefusedAtOnce) {
     EXPECT_EQ(post_recv(q, 2, {src.sg(0, 8)}), VAPI_EINVAL_QP_HNDL);
 }
 
+// Posters find the first kFastQpHandles QPs of a device in a table they read without a lock;
+// the QPs after those are found under the device mutex. Their posts must work the same, and a
+// send posted there marks the device as one where sends are posted, as any other does.
+TEST_F(QpLock, QpsBeyondTheLocklessTableMoveDataThroughTheDeviceMutex) {
+    std::vector<Qp> fill;
+    for (Side *s : {&s0, &s1})
+        for (size_t i = 0; i < sh::Device::kFastQpHandles; ++i) fill.push_back(create(*s, VAPI_TS_RC, 1));
+    ASSERT_FALSE(HasFailure());
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    ASSERT_GE(a.hndl, sh::Device::kFastQpHandles);
+    ASSERT_GE(b.hndl, sh::Device::kFastQpHandles);
+    EXPECT_EQ(sh::posting_qp(device(s0), a.hndl), nullptr);
+    EXPECT_FALSE(device(s0).sends_posted.load());
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    pattern(src, 9);
+    Delivery there = send_message(a, b, {src.sg(0, 24)}, {dst.sg(8, 32)}, 11, 12);
+    ASSERT_EQ(there.sent.size(), 1u);
+    EXPECT_EQ(there.sent[0].id, 11u);
+    EXPECT_EQ(there.sent[0].status, VAPI_SUCCESS);
+    ASSERT_EQ(there.got.size(), 1u);
+    EXPECT_EQ(there.got[0].id, 12u);
+    EXPECT_EQ(there.got[0].status, VAPI_SUCCESS);
+    EXPECT_EQ(there.got[0].byte_len, 24u);
+    EXPECT_TRUE(std::equal(src.bytes.begin(), src.bytes.begin() + 24, dst.bytes.begin() + 8));
+    EXPECT_TRUE(device(s0).sends_posted.load());
+    // And back, a list of two receives on the far QP.
+    Delivery back = send_message(b, a, {dst.sg(8, 24)}, {src.sg(32, 16), src.sg(48, 16)}, 13, 14);
+    ASSERT_EQ(back.got.size(), 1u);
+    EXPECT_EQ(back.got[0].status, VAPI_SUCCESS);
+    EXPECT_EQ(back.got[0].byte_len, 24u);
+    EXPECT_TRUE(std::equal(src.bytes.begin(), src.bytes.begin() + 24, src.bytes.begin() + 32));
+    EXPECT_TRUE(device(s1).sends_posted.load());
+}
+
 TEST_F(QpLock, AQpThatReusesADestroyedQpsRecordStartsEmpty) {
     // A QP with a receive queued and a send stuck behind an RNR wait, then destroyed.
     auto [a, b] = pair(VAPI_TS_RC, s0, s1);

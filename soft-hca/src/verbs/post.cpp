@@ -219,6 +219,7 @@ bool send_needs_device(const Qp &qp) {
     if (call.failed()) return call.status();
     Qp *qp = find_qp(*dev, qp_hndl);
     if (!qp) return VAPI_EINVAL_QP_HNDL;
+    engine_expect_pass(*dev);  // marks the device for QPs beyond the lockless table too
     std::unique_lock queue(qp->sq_mu);
     if (VAPI_ret_t rc = queue_posted(*dev, *qp, descs, n, how); rc != VAPI_OK) return rc;
     if (send_queue_stopped(*qp)) {
