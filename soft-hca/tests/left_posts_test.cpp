@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "datapath_fixture.hpp"
+#include "device/device.hpp"
 #include "marlix/kernel.hpp"
 
 using namespace dp;
@@ -44,6 +45,8 @@ class LeftPosts : public DataPathTest {
         Link l{a, b, &buffer(s0, 8 * n), &buffer(s1, 8 * n)};
         pattern(*l.src, 3);
         for (uint32_t i = 0; i < n; ++i) EXPECT_EQ(post_recv(b, 100 + i, {l.dst->sg(8 * i, 8)}), VAPI_OK);
+        // The engine's first rounds are over and it sleeps: none of them takes a post left next.
+        run();
         return l;
     }
     VAPI_ret_t send(const Link &l, uint32_t i) { return post_send(l.a, i, VAPI_SEND, {l.src->sg(8 * i, 8)}); }
@@ -155,6 +158,40 @@ TEST_F(LeftPosts, APeekCountsWhatWasLeft) {
     Link l = one_left();
     EXPECT_EQ(EVAPI_peek_cq(s0.hca, s0.cq, 2), VAPI_OK);
     EXPECT_TRUE(arrived(l, 1));
+}
+
+TEST_F(LeftPosts, APollThatFindsAPassUnderWayLeavesWhatWasLeftToTheEngineAtOnce) {
+    Link l = one_left();
+    EXPECT_EQ(poll_one(s0).id, 0u);
+    sh::Device &dev = *sh::device_by_handle(s0.hca);
+    {
+        // As another thread's pass would while the wire carries its packets.
+        std::lock_guard lk(dev.mu);
+        dev.pass_running = true;
+    }
+    // The CQ is empty, but the pass under way has the device: the poll cannot carry the post.
+    EXPECT_EQ(poll_one(s0).id, unwritten_completion().id);
+    {
+        std::lock_guard lk(dev.mu);
+        EXPECT_NE(dev.doorbells.load(), nullptr) << "the left post was taken while a pass was under way";
+        dev.pass_running = false;
+    }
+    // The poll kicked the engine, which carries the post once the pass has ended, well before
+    // its own look (ten seconds). Only the receiving side is polled meanwhile, and it carries
+    // nothing of the sender's.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    std::vector<VAPI_wc_desc_t> received;
+    while (received.size() < 2 && std::chrono::steady_clock::now() < until)
+        for (const VAPI_wc_desc_t &wc : poll(s1)) received.push_back(wc);
+    ASSERT_EQ(received.size(), 2u) << "the engine did not carry the post at once";
+    EXPECT_EQ(received[1].id, 101u);
+    EXPECT_EQ(received[1].byte_len, 8u);
+    EXPECT_TRUE(arrived(l, 1));
+    // The receive completes before the acknowledgement is in: the send's completion follows.
+    VAPI_wc_desc_t sent = unwritten_completion();
+    while (sent.id != 1u && std::chrono::steady_clock::now() < until) sent = poll_one(s0);
+    EXPECT_EQ(sent.id, 1u);
+    EXPECT_EQ(sent.status, VAPI_SUCCESS);
 }
 
 // The same with another engine or look.
