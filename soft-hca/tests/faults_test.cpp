@@ -77,3 +77,40 @@ TEST(HandlePool, LowestFirstReuseAndInjectedValues) {
     pool.inject_next(0x100000000ull);
     EXPECT_EQ(pool.allocate(), 0x100000000ull);
 }
+
+TEST(HandlePool, ValuesInjectedAheadAreSkippedAndFreedLikeAnyOther) {
+    sh::HandlePool pool(1);
+    pool.inject_next(3);
+    EXPECT_EQ(pool.allocate(), 3u);
+    pool.inject_next(5);
+    EXPECT_EQ(pool.allocate(), 5u);
+    EXPECT_EQ(pool.allocate(), 1u);
+    EXPECT_EQ(pool.allocate(), 2u);
+    EXPECT_EQ(pool.allocate(), 4u);  // past 3, taken
+    pool.release(5);                 // before the pool reached it
+    EXPECT_EQ(pool.allocate(), 5u);
+    EXPECT_EQ(pool.allocate(), 6u);
+    pool.inject_next(0);  // below the first value: handed out once, never again when released
+    EXPECT_EQ(pool.allocate(), 0u);
+    pool.release(0);
+    EXPECT_FALSE(pool.in_use(0));
+    EXPECT_EQ(pool.allocate(), 7u);
+    pool.release(2);
+    pool.inject_next(2);  // a released value injected back
+    EXPECT_EQ(pool.allocate(), 2u);
+    EXPECT_EQ(pool.allocate(), 8u);
+    EXPECT_EQ(pool.size(), 8u);
+    pool.clear();
+    EXPECT_EQ(pool.size(), 0u);
+    EXPECT_EQ(pool.allocate(), 1u);
+}
+
+TEST(HandlePool, TensOfThousandsOfValuesReuseTheLowestReleasedFirst) {
+    sh::HandlePool pool(1);
+    constexpr uint64_t kCount = 60000;
+    for (uint64_t i = 1; i <= kCount; ++i) ASSERT_EQ(pool.allocate(), i);
+    for (uint64_t i = kCount; i >= 1; i -= 3) pool.release(i);  // 60000, 59997, ..., 3
+    for (uint64_t i = 3; i <= kCount; i += 3) ASSERT_EQ(pool.allocate(), i);
+    EXPECT_EQ(pool.allocate(), kCount + 1);
+    EXPECT_EQ(pool.size(), kCount + 1);
+}

@@ -53,17 +53,27 @@ void put_guid(IB_guid_t out, uint64_t guid) {
 
 uint64_t HandlePool::allocate() {
     if (injected_) {
-        uint64_t v = *injected_;
+        const uint64_t v = *injected_;
         injected_.reset();
-        if (!used_.count(v)) {
-            used_.insert(v);
+        if (used_.insert(v).second) {
+            freed_.erase(v);
             return v;
         }
     }
-    uint64_t v = first_;
-    for (auto it = used_.lower_bound(first_); it != used_.end() && *it == v; ++it) ++v;
+    uint64_t v;
+    if (!freed_.empty()) {
+        v = *freed_.begin();
+        freed_.erase(freed_.begin());
+    } else {
+        while (used_.count(next_)) ++next_;  // values injected ahead
+        v = next_++;
+    }
     used_.insert(v);
     return v;
+}
+
+void HandlePool::release(uint64_t handle) {
+    if (used_.erase(handle) && handle >= first_ && handle < next_) freed_.insert(handle);
 }
 
 // ---- Port ------------------------------------------------------------------------------------------
@@ -226,7 +236,8 @@ void Device::release_all() {
     rkeys_.clear();
     free_key_indexes_.clear();
     next_key_index_ = 1;
-    for (HandlePool *p : {&cq_handles, &qp_handles, &ah_handles, &pd_handles, &mr_handles, &fmr_handles})
+    for (HandlePool *p :
+         {&cq_handles, &qp_handles, &qp_numbers, &ah_handles, &pd_handles, &mr_handles, &fmr_handles})
         p->clear();
     async_handler = nullptr;
     async_private = nullptr;

@@ -149,24 +149,31 @@ struct Object {
     virtual ~Object() = default;
 };
 
-// Small integer handles, lowest free value first; released values are reused.
+// Small integer handles, lowest free value first; released values are reused. Every value below
+// `next_` is in use unless it is in `freed_`; every value from `next_` on is free unless a test
+// injected it. So handing out the lowest free value takes one look at `freed_`, not a walk over
+// the values in use (a device may hold tens of thousands of QPs).
 class HandlePool {
   public:
-    explicit HandlePool(uint64_t first = 1) : first_(first) {}
+    explicit HandlePool(uint64_t first = 1) : first_(first), next_(first) {}
     uint64_t allocate();
-    void release(uint64_t handle) { used_.erase(handle); }
+    void release(uint64_t handle);
     bool in_use(uint64_t handle) const { return used_.count(handle) != 0; }
     // The next allocate() returns exactly `value` (if it is free), then the pool continues lowest-first.
     void inject_next(uint64_t value) { injected_ = value; }
     size_t size() const { return used_.size(); }
     void clear() {
         used_.clear();
+        freed_.clear();
+        next_ = first_;
         injected_.reset();
     }
 
   private:
     uint64_t first_;
+    uint64_t next_;
     std::set<uint64_t> used_;
+    std::set<uint64_t> freed_;  // released values below next_
     std::optional<uint64_t> injected_;
 };
 
@@ -308,6 +315,7 @@ class Device {
 
     // Objects of the queue, address-handle and multicast verbs (see the top of this file).
     HandlePool cq_handles{1}, qp_handles{1}, ah_handles{1};
+    HandlePool qp_numbers{limits::kFirstQpNum};  // of regular and raw QPs
     std::map<VAPI_cq_hndl_t, std::unique_ptr<Object>> cqs;
     std::map<VAPI_qp_hndl_t, std::unique_ptr<Object>> qps;
     std::map<VAPI_ud_av_hndl_t, std::unique_ptr<Object>> ahs;

@@ -108,10 +108,12 @@ VAPI_ret_t status_of(const qpsm::Check &c) {
 // The lowest free QP number from 0x400 (QP0 and QP1 are the special QPs; the numbers below
 // 0x400 are kept for them as on the adapter).
 std::optional<VAPI_qp_num_t> allocate_qp_num(Device &dev) {
-    VAPI_qp_num_t n = kFirstQpNum;
-    while (n <= kLastQpNum && dev.qp_by_number.count(n)) ++n;
-    if (n > kLastQpNum) return std::nullopt;
-    return n;
+    const uint64_t n = dev.qp_numbers.allocate();
+    if (n > kLastQpNum) {
+        dev.qp_numbers.release(n);
+        return std::nullopt;
+    }
+    return VAPI_qp_num_t(n);
 }
 
 // Validates the requested capabilities and computes what the QP really gets: work queue depths
@@ -460,6 +462,7 @@ VAPI_ret_t VAPI_destroy_qp(VAPI_hca_hndl_t hca_hndl, VAPI_qp_hndl_t qp_hndl) {
     dev.retired.push_back(std::move(it->second));
     dev.qps.erase(it);
     dev.qp_handles.release(qp_hndl);
+    dev.qp_numbers.release(qp->qp_num);  // (the special QPs' 0 and 1 are not the pool's)
     // The QP's events already raised are dropped if they have not started; those running are
     // waited for, without the device mutex (a handler may call verbs), and not the one this
     // destroy may be called from.
