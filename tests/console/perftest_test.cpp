@@ -403,8 +403,20 @@ TEST_F(PerftestTest, DurationRunsForTheSecondsAskedAndShowsProgress) {
 TEST_F(PerftestTest, CtrlCStopsCleanlyWithAPartialReport) {
     for (const char *command : {"ib_write_bw --direct -D 30 -s 4096", "ib_send_lat --direct -D 30",
                                 "ib_read_bw --direct -n 100000000 -s 64"}) {
+        // Ctrl-C once the measured loop has run a while (its posts are counted), not at a fixed
+        // time: on a loaded machine, and under the sanitizers, setting up can take longer than
+        // any fixed wait, and a test stopped before its first iteration has no row to show.
+        namespace sh = marlix::softhca;
+        sh::reset_call_counts();
         std::thread interrupter([] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(400));
+            const auto posts = [] {
+                return sh::call_count("VAPI_post_sr") + sh::call_count("EVAPI_post_inline_sr") +
+                       sh::call_count("EVAPI_post_sr_list");
+            };
+            const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+            while (posts() < 50 && std::chrono::steady_clock::now() < give_up)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
             std::raise(SIGINT);
         });
         const auto t0 = std::chrono::steady_clock::now();
