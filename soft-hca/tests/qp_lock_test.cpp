@@ -204,8 +204,69 @@ TEST_F(PeerLines, ASendNotesTheReceiversMutexQueueAndNextCqSlot) {
     EXPECT_EQ(noted(device(s0), a, L::kMutex), &receiver.mu);
     EXPECT_EQ(noted(device(s0), a, L::kResponder), &rq.expected_psn);
     EXPECT_EQ(noted(device(s0), a, L::kCqSlot), rq.recv_cq->next_slot());
-    EXPECT_EQ(noted(device(s0), a, L::kRqTail), rq.rq.tail_line());
     EXPECT_EQ(noted(device(s0), a, L::kRqFront), &rq.rq.at(1)) << "not the entry of the next receive";
+    // The responder saw both receives posted: the next message needs no look at the poster's
+    // position, so its line is left where it is.
+    EXPECT_EQ(noted(device(s0), a, L::kRqTail), nullptr);
+}
+
+TEST_F(PeerLines, TheReceiversQueuePositionIsNotedWhenTheResponderMustReadItNext) {
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    send_one(a, s0, b, s1);  // the only receive posted: taken
+    ASSERT_EQ(poll(s1).size(), 1u);
+    sh::Device &receiver = device(s1);
+    const void *tail = nullptr;
+    {
+        std::lock_guard lk(receiver.mu);
+        tail = sh::find_qp_by_num(receiver, b.num, 1)->rq.tail_line();
+    }
+    EXPECT_EQ(noted(device(s0), a, L::kRqTail), tail);
+}
+
+TEST_F(PeerLines, TheResponderReadsThePostersPositionOnlyWhenTheReceivesItKnowsOfRunOut) {
+    // Receives posted after the responder last looked are still found, and a flush that empties
+    // the queue past what the responder saw (its last look falls behind the front) leaves it
+    // finding none.
+    auto [a, b] = pair(VAPI_TS_RC, s0, s1);
+    Buffer &src = buffer(s0, 64), &dst = buffer(s1, 64);
+    pattern(src, 12);
+    ASSERT_EQ(post_recv(b, 1, {dst.sg(0, 16)}), VAPI_OK);
+    ASSERT_EQ(post_send(a, 2, VAPI_SEND, {src.sg(0, 16)}), VAPI_OK);
+    run();
+    ASSERT_EQ(post_recv(b, 3, {dst.sg(16, 16)}), VAPI_OK);
+    ASSERT_EQ(post_recv(b, 4, {dst.sg(32, 16)}), VAPI_OK);
+    ASSERT_EQ(post_send(a, 5, VAPI_SEND, {src.sg(16, 16)}), VAPI_OK);
+    ASSERT_EQ(post_send(a, 6, VAPI_SEND, {src.sg(32, 16)}), VAPI_OK);
+    run();
+    auto got = poll(s1);
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[1].id, 3u);
+    EXPECT_EQ(got[2].id, 4u);
+    EXPECT_EQ(got[2].status, VAPI_SUCCESS);
+    EXPECT_TRUE(std::equal(src.bytes.begin(), src.bytes.begin() + 48, dst.bytes.begin()));
+    // Two receives the responder sees, then a flush through the error state takes both.
+    ASSERT_EQ(post_recv(b, 7, {dst.sg(0, 16)}), VAPI_OK);
+    ASSERT_EQ(post_recv(b, 8, {dst.sg(16, 16)}), VAPI_OK);
+    ASSERT_EQ(post_send(a, 9, VAPI_SEND, {src.sg(48, 16)}), VAPI_OK);
+    run();
+    ASSERT_EQ(poll(s1).size(), 1u);                          // 7 taken; the responder knows of 8
+    ASSERT_EQ(post_recv(b, 10, {dst.sg(32, 16)}), VAPI_OK);  // posted after it looked
+    VAPI_qp_attr_t attr{};
+    attr.qp_state = VAPI_ERR;
+    VAPI_qp_attr_mask_t mask = 0;
+    QP_ATTR_MASK_SET(mask, QP_ATTR_QP_STATE);
+    ASSERT_EQ(modify(b, attr, mask), VAPI_OK);
+    run();
+    auto flushed = poll(s1);
+    ASSERT_EQ(flushed.size(), 2u);
+    EXPECT_EQ(flushed[0].id, 8u);
+    EXPECT_EQ(flushed[0].status, VAPI_WR_FLUSH_ERR);
+    EXPECT_EQ(flushed[1].id, 10u);
+    EXPECT_EQ(flushed[1].status, VAPI_WR_FLUSH_ERR);
+    sh::Device &receiver = device(s1);
+    std::lock_guard lk(receiver.mu);
+    sh::Qp &q = *sh::find_qp_by_num(receiver, b.num, 1);
+    EXPECT_FALSE(q.rq.has_front()) << "the responder still counts a flushed receive";
 }
 
 TEST_F(PeerLines, AWriteWithoutImmediateDataNotesNoReceiveQueueOrCqSlot) {

@@ -200,7 +200,7 @@ void respond_ud(Device &dev, IB_port_t port, Qp &qp, const Packet &p, PendingEve
         if (pt->bad_pkey_counter != 0xffffffffu) ++pt->bad_pkey_counter;
         return;
     }
-    if (qp.rq.empty()) return;  // datagrams without a receive request are dropped
+    if (!qp.rq.has_front()) return;  // datagrams without a receive request are dropped
     const RecvEntry &r = qp.rq.front();
     VAPI_wc_desc_t wc = recv_wc(qp, r, VAPI_SUCCESS);
     if (qp.forced_recv.armed) {
@@ -244,7 +244,7 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, bool rc, const Pa
     const uint8_t opcode = p.opcode;  // read once: the stores to the QP below might alias it
     stop = false;
     if (op::is_first(opcode)) {
-        if (qp.rq.empty()) {
+        if (!qp.rq.has_front()) {
             if (rc) {
                 // Receiver not ready: the requester waits at least our minimum RNR timer.
                 if (Outbox::Entry *e = reply(dev, qp, port, p, out, op::kAck))
@@ -260,7 +260,7 @@ void receive_message_data(Device &dev, IB_port_t port, Qp &qp, bool rc, const Pa
         qp.recv_taken = true;
         qp.message_bytes = 0;
         qp.message_failed = false;
-    } else if (!qp.in_message || qp.rq.empty()) {
+    } else if (!qp.in_message || !qp.rq.has_front()) {
         // (A first packet has just found a receive; only the data path takes them.)
         stop = true;
         return;
@@ -506,7 +506,7 @@ void respond_connected(Device &dev, IB_port_t port, Qp &qp, bool rc, const Packe
         if (op::has_imm(opcode)) {
             // The immediate data needs a receive request: without one, RNR (the data stays written;
             // the retransmission writes it again).
-            if (qp.rq.empty()) {
+            if (!qp.rq.has_front()) {
                 if (rc) {
                     if (Outbox::Entry *e = reply(dev, qp, port, p, out, op::kAck))
                         e->pkt.syndrome = uint8_t(aeth::kRnrNak | (qp.attr.min_rnr_timer & 31));
@@ -598,7 +598,7 @@ bool place_middle_packets(Device &dev, IB_port_t port, const Outbox::Entry &e) {
         if (rc != VAPI_OK) return false;
         qp->message_bytes = offset + len;
     } else {
-        if (!qp->in_message || qp->rq.empty()) return false;
+        if (!qp->in_message || !qp->rq.has_front()) return false;
         if (scatter(dev, *qp, qp->rq.front(), qp->message_bytes, mid, 0, len) != VAPI_SUCCESS) return false;
         qp->message_bytes += len;
     }
@@ -625,7 +625,7 @@ bool respond_whole_train(Device &dev, IB_port_t port, const Outbox::Entry &e, Ou
     if (qp.state() == QpState::Rtr && !qp.comm_established) return false;
     const bool imm = op::has_imm(p.opcode);
     const bool send = e.train == Outbox::Train::Send;
-    if ((send || imm) && qp.rq.empty()) return false;
+    if ((send || imm) && !qp.rq.has_front()) return false;
     if (send) {
         if (scatter(dev, qp, qp.rq.front(), 0, p, 0, e.length) != VAPI_SUCCESS) return false;
     } else {

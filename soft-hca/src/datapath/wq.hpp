@@ -106,11 +106,24 @@ class WorkRing {
     void push() { tail_.store(++own_tail_, std::memory_order_release); }
     // Consumer side: the front entry is done with.
     void pop() { head_.store(head_.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
-    // Consumer side: starts bringing the front entry's line in, if there is one, so that it is
-    // on its way before the consumer needs it.
+    // Consumer side: whether an entry is queued. It reads the producer's position only when the
+    // last one it saw says the ring is empty: a consumer on another core than the poster (the
+    // responder of a pass run by the sending thread) would otherwise pull that line, which every
+    // post writes, on every message.
+    bool has_front() {
+        const uint64_t h = head_.load(std::memory_order_relaxed);
+        if (h < seen_tail_) [[likely]]
+            return true;
+        seen_tail_ = tail_.load(std::memory_order_acquire);
+        return h < seen_tail_;
+    }
+    // Consumer side: whether the next has_front() must read the producer's position.
+    bool front_needs_look() const { return head_.load(std::memory_order_relaxed) >= seen_tail_; }
+    // Consumer side: starts bringing the front entry's line in, if the consumer knows of one, so
+    // that it is on its way before the consumer needs it.
     void prefetch_front() const {
         const uint64_t h = head_.load(std::memory_order_relaxed);
-        if (h != tail_.load(std::memory_order_acquire)) __builtin_prefetch(&at(h), 0, 3);
+        if (h < seen_tail_) __builtin_prefetch(&at(h), 0, 3);
     }
     // The producer's position's cache line, for a prefetch by whoever consumes next.
     const void *tail_line() const { return &tail_; }
@@ -126,6 +139,7 @@ class WorkRing {
     // Both locks held.
     void clear() {
         head_.store(0, std::memory_order_relaxed);
+        seen_tail_ = 0;
         tail_.store(0, std::memory_order_release);
         own_tail_ = 0;
         seen_head_ = 0;
@@ -142,6 +156,9 @@ class WorkRing {
     uint32_t sg_area_stride_ = 0;  // gather entries per slot in the gather area
     // The consumer's and the producer's positions, each in a cache line of its own.
     alignas(limits::kCacheLine) std::atomic<uint64_t> head_{0};
+    // The consumer's last look at tail_ (never ahead of it; positions only grow, so it may fall
+    // behind head_ when a flush empties the ring), beside the position only the consumer writes.
+    uint64_t seen_tail_ = 0;
     alignas(limits::kCacheLine) std::atomic<uint64_t> tail_{0};
     // The producer's own view, on a line the consumer never reads: the consumer reads tail_,
     // and a poster that read it back after the consumer (on another core) had would wait for it.

@@ -240,7 +240,10 @@ void note_peer_lines(Device &from, Device &dest, IB_port_t port, const Outbox::E
     line[L::kResponder].store(&receiver->expected_psn, relaxed);
     line[L::kCqSlot].store(takes_receive && receiver->recv_cq ? receiver->recv_cq->next_slot() : nullptr,
                            relaxed);
-    line[L::kRqTail].store(rq ? receiver->rq.tail_line() : nullptr, relaxed);
+    // The poster's position only when the responder must read it for the next message (it read
+    // it last when the receives it knew of ran out).
+    line[L::kRqTail].store(rq && receiver->rq.front_needs_look() ? receiver->rq.tail_line() : nullptr,
+                           relaxed);
     line[L::kRqFront].store(rq ? &receiver->rq.at(receiver->rq.head()) : nullptr, relaxed);
 }
 
@@ -277,10 +280,8 @@ void warm_peer(const Qp &qp) {
     __builtin_prefetch(mu, 1, 3);
     __builtin_prefetch(line[L::kResponder].load(relaxed), 1, 3);
     if (const void *slot = line[L::kCqSlot].load(relaxed)) __builtin_prefetch(slot, 1, 3);
-    if (const void *tail = line[L::kRqTail].load(relaxed)) {
-        __builtin_prefetch(tail, 0, 3);
-        __builtin_prefetch(line[L::kRqFront].load(relaxed), 0, 3);
-    }
+    if (const void *tail = line[L::kRqTail].load(relaxed)) __builtin_prefetch(tail, 0, 3);
+    if (const void *front = line[L::kRqFront].load(relaxed)) __builtin_prefetch(front, 0, 3);
 }
 
 void transmit_all(const Outbox::Entry *entries, uint32_t n, uint64_t now, Outbox &replies, HeldDevice *held) {
