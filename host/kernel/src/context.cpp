@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <type_traits>
 
 namespace marlix::kernel::detail {
 namespace {
@@ -16,7 +17,27 @@ std::atomic<int> g_next_pid{1000};
 }  // namespace
 
 namespace {
-thread_local ThreadContext t_ctx;
+// The running thread's context, reached through a plain pointer: the library's thread-locals use
+// the initial-exec model (it is loaded with the program), and the pointer is constant-initialised,
+// so that a look at the context (every spinlock, preemption and interrupt-flag operation makes
+// several) costs neither a call into the dynamic linker nor a guard test. The context itself is
+// made at the thread's first look.
+[[gnu::tls_model("initial-exec")]] constinit thread_local ThreadContext *t_ctx = nullptr;
+
+// Nothing to destroy: the pointer stays good while other thread-locals' destructors run at exit.
+static_assert(std::is_trivially_destructible_v<ThreadContext>);
+
+[[gnu::noinline]] ThreadContext &first_ctx() {
+    [[gnu::tls_model("initial-exec")]] thread_local ThreadContext owner;
+    t_ctx = &owner;
+    return owner;
+}
+
+ThreadContext &own_ctx() {
+    if (ThreadContext *t = t_ctx) [[likely]]
+        return *t;
+    return first_ctx();
+}
 
 struct TaskStore {
     std::mutex m;
@@ -35,7 +56,7 @@ task_struct *new_task() {
 }
 
 ThreadContext &ctx() {
-    ThreadContext &t = t_ctx;
+    ThreadContext &t = own_ctx();
     unsigned long gen = g_generation.load(std::memory_order_acquire);
     if (!t.service && t.generation != gen) {
         t.generation = gen;
@@ -49,7 +70,7 @@ ThreadContext &ctx() {
 }
 
 void make_service_thread(const char *comm, int pid, int cpu) {
-    ThreadContext &t = t_ctx;  // not ctx(): a kernel thread takes no process pid
+    ThreadContext &t = own_ctx();  // not ctx(): a kernel thread takes no process pid
     t.service = true;
     t.cpu = cpu;
     t.preempt = 0;
